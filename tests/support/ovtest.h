@@ -1,0 +1,89 @@
+// Test support: a fresh machine root per test, and child processes.
+//
+// Multi-process tests start the test program itself again as a named child
+// ("--child=<name> args..."); a child reports failure through its exit code.
+// Every wait on a child has a timeout, and a child still running at expiry is
+// killed.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+namespace ovtest {
+
+using ChildMain = int (*)(const std::vector<std::string>& args);
+
+struct ChildRegistrar {
+    ChildRegistrar(const char* name, ChildMain main);
+};
+
+// Defines a child entry point: OVTEST_CHILD(waiter) { ...; return 0; }
+#define OVTEST_CHILD(name)                                                        \
+    static int name##_child_main(const std::vector<std::string>& args);           \
+    static const ::ovtest::ChildRegistrar name##_child_registrar(#name,           \
+                                                                 name##_child_main); \
+    static int name##_child_main([[maybe_unused]] const std::vector<std::string>& args)
+
+// Runs a registered child when argv asks for one; returns -1 otherwise.
+int RunChildIfRequested(int argc, char** argv);
+
+// A process started by a test. Killed (and reaped) when destroyed if still running.
+class Process {
+public:
+    Process() = default;
+    Process(Process&& other) noexcept;
+    Process& operator=(Process&& other) noexcept;
+    Process(const Process&) = delete;
+    Process& operator=(const Process&) = delete;
+    ~Process();
+
+    // Starts a program with arguments; extra environment "NAME=value" entries
+    // are added to the test's own. Output goes to a file read by output().
+    static Process Start(const std::string& program, const std::vector<std::string>& args,
+                         const std::vector<std::string>& env = {});
+    // Starts this test program as the named child.
+    static Process StartChild(const std::string& name, const std::vector<std::string>& args = {},
+                              const std::vector<std::string>& env = {});
+
+    // Exit code, 128 + signal for a signalled end, or -1 when the timeout
+    // expired (the process is then killed).
+    int Wait(std::chrono::milliseconds timeout = std::chrono::seconds(60));
+    bool Running();
+    void Kill(int signal = 9);
+    int pid() const { return pid_; }
+    // Everything the process wrote to standard output and standard error.
+    std::string output() const;
+
+private:
+    int pid_ = -1;
+    int status_ = -1;
+    std::string outputPath_;
+};
+
+// Directory of the running test program (programs and the module sit there).
+std::string BinDir();
+// A new empty directory under the system's temporary directory.
+std::string MakeTempDir(const std::string& prefix);
+// A name no other test process uses at the same time (for object names).
+std::string UniqueName(const std::string& base);
+
+// Base fixture: every test runs on its own fresh machine root, removed
+// afterwards unless the test failed (its path is printed then).
+class MachineTest : public ::testing::Test {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+    const std::string& root() const { return root_; }
+
+private:
+    std::string root_;
+};
+
+// UTF-8 and UTF-16 for assertions and arguments.
+std::u16string U16(const std::string& text);
+std::string U8(const std::u16string& text);
+
+}  // namespace ovtest

@@ -1,0 +1,27 @@
+// ovasctl's command groups register themselves here; main() only parses.
+#pragma once
+
+#include <CLI/CLI.hpp>
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace ovasctl {
+
+using Installer = void (*)(CLI::App& app);
+
+std::vector<Installer>& Installers();
+
+// static const ovasctl::AddCommands reg{&InstallRegCommands};
+struct AddCommands {
+    explicit AddCommands(Installer installer) { Installers().push_back(installer); }
+};
+
+// The exit code main() returns after the chosen command ran.
+int& ExitCode();
+
+std::u16string Utf16(std::string_view text);
+std::string Utf8(std::u16string_view text);
+
+}  // namespace ovasctl
