@@ -334,7 +334,7 @@ bool AddPrinterDriverW(std::u16string_view serverName, DWORD level, const Driver
     ValueMap old;
     LoadDriver(info.name, &canonical, &old);
     const std::u16string keyPath = Join(kDriversKey, canonical);
-    RegDeleteTreeW(HKEY_LOCAL_MACHINE, keyPath);
+    DeleteKeyTree(keyPath);
     UniqueKey key;
     LSTATUS rc = CreateKey(keyPath, &key);
     auto str = [&](std::u16string_view name, std::u16string_view value) {
@@ -375,8 +375,7 @@ bool AddPrinterDriverW(std::u16string_view serverName, DWORD level, const Driver
     }
     if (rc != ERROR_SUCCESS) {
         key.reset();
-        RegDeleteTreeW(HKEY_LOCAL_MACHINE, keyPath);
-        RegDeleteKeyW(HKEY_LOCAL_MACHINE, keyPath);
+        DeleteKeyTree(keyPath);
         return Fail(rc);
     }
     return Succeed();
@@ -406,10 +405,7 @@ bool DeletePrinterDriverExW(std::u16string_view serverName, std::u16string_view 
         return Fail(ERROR_PRINTER_DRIVER_IN_USE);
     }
     const std::u16string keyPath = Join(kDriversKey, canonical);
-    if (const LSTATUS rc = RegDeleteTreeW(HKEY_LOCAL_MACHINE, keyPath); rc != ERROR_SUCCESS) {
-        return Fail(rc);
-    }
-    if (const LSTATUS rc = RegDeleteKeyW(HKEY_LOCAL_MACHINE, keyPath); rc != ERROR_SUCCESS) {
+    if (const LSTATUS rc = DeleteKeyTree(keyPath); rc != ERROR_SUCCESS) {
         return Fail(rc);
     }
     if ((deleteFlags & (DPD_DELETE_UNUSED_FILES | DPD_DELETE_ALL_FILES)) != 0) {

@@ -211,7 +211,7 @@ DevMode DriverDefaultDevMode(std::u16string_view printerName) {
 
 bool RenamePrinter(std::u16string_view from, std::u16string_view to) {
     if (CopyTree(PrinterKey(from), PrinterKey(to)) != ERROR_SUCCESS) {
-        RegDeleteTreeW(HKEY_LOCAL_MACHINE, PrinterKey(to));
+        DeleteKeyTree(PrinterKey(to));
         return false;
     }
     if (RemovePrinterKey(from) != ERROR_SUCCESS) {
@@ -267,9 +267,7 @@ std::optional<std::u16string> ResolvePrinter(std::u16string_view nameOrShare, bo
 }
 
 LSTATUS RemovePrinterKey(std::u16string_view name) {
-    return RegDeleteTreeW(HKEY_LOCAL_MACHINE, PrinterKey(name)) == ERROR_SUCCESS
-               ? RegDeleteKeyW(HKEY_LOCAL_MACHINE, PrinterKey(name))
-               : ERROR_CANTWRITE;
+    return DeleteKeyTree(PrinterKey(name));
 }
 
 }  // namespace spool
@@ -566,11 +564,10 @@ bool SetPrinterW(HANDLE printer, DWORD command, DWORD status) {
             current &= ~PRINTER_STATUS_PAUSED;
             break;
         case PRINTER_CONTROL_PURGE:
-            if (const LSTATUS rc = RegDeleteTreeW(key.get(), kJobsKey);
+            if (const LSTATUS rc = DeleteKeyTree(Join(PrinterKey(h->name), kJobsKey));
                 rc != ERROR_SUCCESS && rc != ERROR_FILE_NOT_FOUND) {
                 return Fail(rc);
             }
-            RegDeleteKeyW(key.get(), kJobsKey);
             break;
         default:
             current = status;

@@ -260,6 +260,19 @@ LSTATUS WriteMultiString(HKEY key, std::u16string_view name,
                           static_cast<DWORD>(all.size() * sizeof(char16_t)));
 }
 
+LSTATUS DeleteKeyTree(std::u16string_view path) {
+    const LSTATUS tree = RegDeleteTreeW(HKEY_LOCAL_MACHINE, path);
+    if (tree != ERROR_SUCCESS && tree != ERROR_FILE_NOT_FOUND) {
+        return tree;
+    }
+    // Deleting the tree may or may not have taken the key itself.
+    const LSTATUS key = RegDeleteKeyW(HKEY_LOCAL_MACHINE, path);
+    if (key == ERROR_FILE_NOT_FOUND) {
+        return tree;
+    }
+    return key;
+}
+
 LSTATUS CopyTree(std::u16string_view from, std::u16string_view to) {
     UniqueKey source;
     LSTATUS rc = OpenKey(from, KEY_READ, &source);

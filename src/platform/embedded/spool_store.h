@@ -81,6 +81,9 @@ LSTATUS WriteDword(HKEY key, std::u16string_view name, DWORD value);
 LSTATUS WriteBinary(HKEY key, std::u16string_view name, const std::vector<std::byte>& value);
 LSTATUS WriteMultiString(HKEY key, std::u16string_view name,
                          const std::vector<std::u16string>& value);
+// Deletes a key under HKLM with everything below it; ERROR_FILE_NOT_FOUND
+// when there is no such key.
+LSTATUS DeleteKeyTree(std::u16string_view path);
 // Copies a key's values and subkeys below `to` (created).
 LSTATUS CopyTree(std::u16string_view from, std::u16string_view to);
 
