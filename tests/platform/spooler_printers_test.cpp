@@ -161,6 +161,40 @@ TEST_F(SpoolerPrinters, OpenByNameIgnoresCaseAndByShareNameFindsTheOwner) {
     EXPECT_EQ(read.shareName, u"Shared Template");
 }
 
+TEST_F(SpoolerPrinters, ShareNameFollowsChangesRenamesAndDeletion) {
+    auto info = Record(u"Front Desk");
+    info.shareName = u"Desk";
+    info.attributes |= PRINTER_ATTRIBUTE_SHARED;
+    ASSERT_TRUE(AddPrinterW(u"", info));
+    {
+        auto printer = OpenAll(u"Front Desk");
+        PrinterInfo2 read;
+        ASSERT_TRUE(GetPrinterW(printer.get(), &read));
+        read.shareName = u"Reception";
+        read.printerName = u"Reception Printer";
+        read.devMode.reset();
+        ASSERT_TRUE(SetPrinterW(printer.get(), read, 0));
+    }
+    Poison();
+    EXPECT_FALSE(OpenAll(u"Desk"));
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_PRINTER_NAME);
+    auto byShare = OpenAll(u"reception");
+    ASSERT_TRUE(byShare);
+    PrinterInfo2 read;
+    ASSERT_TRUE(GetPrinterW(byShare.get(), &read));
+    EXPECT_EQ(read.printerName, u"Reception Printer");
+    // The old share name is free for another printer.
+    auto other = Record(u"Other");
+    other.shareName = u"Desk";
+    other.attributes |= PRINTER_ATTRIBUTE_SHARED;
+    EXPECT_TRUE(AddPrinterW(u"", other));
+
+    ASSERT_TRUE(DeletePrinter(byShare.get()));
+    Poison();
+    EXPECT_FALSE(OpenAll(u"Reception"));
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_PRINTER_NAME);
+}
+
 TEST_F(SpoolerPrinters, OpenUnknownOrMalformedNamesFails) {
     AddPrinter(u"Office");
     for (const std::u16string& name : {std::u16string(u"Offic"), std::u16string(u"\\\\srv\\p"),

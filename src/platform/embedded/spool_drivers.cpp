@@ -172,8 +172,7 @@ bool DriverInUse(std::u16string_view driver) {
         RegistryValue value;
         if (OpenKey(PrinterKey(printer), KEY_READ, &key) == ERROR_SUCCESS &&
             RegGetValue(key.get(), u"Printer Driver", &value) == ERROR_SUCCESS) {
-            ValueMap one({value});
-            if (SameName(one.String(u"Printer Driver"), driver)) {
+            if (SameName(AsString(value), driver)) {
                 return true;
             }
         }
@@ -275,7 +274,7 @@ std::optional<DriverInfo6> GetPrinterDriverW(HANDLE printer, std::u16string_view
         return std::nullopt;
     }
     RegGetValue(key.get(), u"Printer Driver", &driverValue);
-    const std::u16string driver = ValueMap({driverValue}).String(u"Printer Driver");
+    const std::u16string driver = AsString(driverValue);
     std::u16string canonical;
     ValueMap values;
     if (!LoadDriver(driver, &canonical, &values)) {

@@ -50,6 +50,33 @@ std::vector<std::u16string> SplitPorts(std::u16string_view list) {
     return ports;
 }
 
+// Share names are found through an index (Print\ShareNames: value name = share
+// name, data = printer name), so that opening an unknown name does not read
+// every printer.
+LSTATUS RememberShareName(std::u16string_view share, std::u16string_view printer) {
+    if (share.empty()) {
+        return ERROR_SUCCESS;
+    }
+    UniqueKey index;
+    LSTATUS rc = CreateKey(kShareIndexKey, &index);
+    if (rc == ERROR_SUCCESS) {
+        rc = WriteString(index.get(), share, printer);
+    }
+    return rc;
+}
+
+void ForgetShareName(std::u16string_view share, std::u16string_view printer) {
+    UniqueKey index;
+    RegistryValue owner;
+    if (share.empty() || OpenKey(kShareIndexKey, KEY_ALL_ACCESS, &index) != ERROR_SUCCESS ||
+        RegGetValue(index.get(), share, &owner) != ERROR_SUCCESS) {
+        return;
+    }
+    if (SameName(AsString(owner), printer)) {
+        RegDeleteValueW(index.get(), share);
+    }
+}
+
 void RecordFromValues(const ValueMap& v, PrinterInfo2* info) {
     info->serverName.clear();
     info->printerName = v.String(u"Name");
@@ -128,6 +155,9 @@ LSTATUS StorePrinter(HKEY key, const PrinterInfo2& info, const std::vector<std::
     }
     if (rc == ERROR_SUCCESS && !security.empty()) {
         rc = WriteBinary(key, u"Security", security);
+    }
+    if (rc == ERROR_SUCCESS) {
+        rc = RememberShareName(info.shareName, info.printerName);
     }
     return rc;
 }
@@ -237,8 +267,7 @@ std::optional<std::u16string> ResolvePrinter(std::u16string_view nameOrShare, bo
     if (OpenKey(PrinterKey(nameOrShare), KEY_READ, &key) == ERROR_SUCCESS) {
         RegistryValue name;
         if (RegGetValue(key.get(), u"Name", &name) == ERROR_SUCCESS && name.type == REG_SZ) {
-            ValueMap one({name});
-            auto canonical = one.String(u"Name");
+            auto canonical = AsString(name);
             if (!canonical.empty()) {
                 return canonical;
             }
@@ -248,25 +277,32 @@ std::optional<std::u16string> ResolvePrinter(std::u16string_view nameOrShare, bo
     if (!allowShareName) {
         return std::nullopt;
     }
-    std::vector<std::u16string> printers;
-    if (ReadSubKeys(kPrintersKey, &printers) != ERROR_SUCCESS) {
+    UniqueKey index;
+    RegistryValue owner;
+    if (OpenKey(kShareIndexKey, KEY_READ, &index) != ERROR_SUCCESS ||
+        RegGetValue(index.get(), nameOrShare, &owner) != ERROR_SUCCESS) {
         return std::nullopt;
     }
-    for (const auto& printer : printers) {
-        UniqueKey p;
-        RegistryValue share;
-        if (OpenKey(PrinterKey(printer), KEY_READ, &p) == ERROR_SUCCESS &&
-            RegGetValue(p.get(), u"Share Name", &share) == ERROR_SUCCESS) {
-            ValueMap one({share});
-            if (SameName(one.String(u"Share Name"), nameOrShare)) {
-                return printer;
-            }
-        }
+    // The index names the printer; the printer's own value has the last word.
+    const std::u16string printer = AsString(owner);
+    UniqueKey p;
+    RegistryValue share;
+    if (!printer.empty() && OpenKey(PrinterKey(printer), KEY_READ, &p) == ERROR_SUCCESS &&
+        RegGetValue(p.get(), u"Share Name", &share) == ERROR_SUCCESS &&
+        SameName(AsString(share), nameOrShare)) {
+        return printer;
     }
     return std::nullopt;
 }
 
 LSTATUS RemovePrinterKey(std::u16string_view name) {
+    UniqueKey key;
+    RegistryValue share;
+    if (OpenKey(PrinterKey(name), KEY_READ, &key) == ERROR_SUCCESS &&
+        RegGetValue(key.get(), u"Share Name", &share) == ERROR_SUCCESS) {
+        ForgetShareName(AsString(share), name);
+    }
+    key.reset();
     return DeleteKeyTree(PrinterKey(name));
 }
 
@@ -459,6 +495,9 @@ bool SetPrinterW(HANDLE printer, const PrinterInfo2& info, DWORD command) {
         if (security.empty()) {
             return Fail(ERROR_INVALID_SECURITY_DESCR);
         }
+    }
+    if (!SameName(current.shareName, info.shareName)) {
+        ForgetShareName(current.shareName, h->name);
     }
     std::u16string target = h->name;
     if (info.printerName != current.printerName) {

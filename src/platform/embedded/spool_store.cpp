@@ -157,7 +157,12 @@ const RegistryValue* ValueMap::Find(std::u16string_view name) const {
 
 std::u16string ValueMap::String(std::u16string_view name) const {
     const RegistryValue* v = Find(name);
-    if (v == nullptr || (v->type != REG_SZ && v->type != REG_EXPAND_SZ)) {
+    return v == nullptr ? std::u16string() : AsString(*v);
+}
+
+std::u16string AsString(const RegistryValue& value) {
+    const RegistryValue* v = &value;
+    if (v->type != REG_SZ && v->type != REG_EXPAND_SZ) {
         return {};
     }
     std::u16string out(v->data.size() / sizeof(char16_t), u'\0');

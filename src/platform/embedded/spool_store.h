@@ -21,6 +21,8 @@ inline constexpr char16_t kDriversKey[] =
 inline constexpr char16_t kProcessorsKey[] =
     u"SYSTEM\\CurrentControlSet\\Control\\Print\\Environments\\Windows x64\\Print Processors";
 inline constexpr char16_t kMonitorsKey[] = u"SYSTEM\\CurrentControlSet\\Control\\Print\\Monitors";
+inline constexpr char16_t kShareIndexKey[] =
+    u"SYSTEM\\CurrentControlSet\\Control\\Print\\ShareNames";
 inline constexpr char16_t kDriverDataKey[] = u"PrinterDriverData";
 inline constexpr char16_t kJobsKey[] = u"Jobs";
 inline constexpr char16_t kPortInfoValue[] = u"PortInfo";
@@ -70,6 +72,9 @@ class ValueMap {
   private:
     std::vector<RegistryValue> values_;
 };
+
+// A REG_SZ / REG_EXPAND_SZ value's text without its terminator; empty for other types.
+std::u16string AsString(const RegistryValue& value);
 
 LSTATUS OpenKey(std::u16string_view path, REGSAM access, UniqueKey* key);
 LSTATUS CreateKey(std::u16string_view path, UniqueKey* key);
