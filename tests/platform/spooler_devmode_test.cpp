@@ -74,14 +74,22 @@ TEST(SpoolerDevMode, RoundTripKeepsEveryFieldAndPrivateBytes) {
     EXPECT_EQ(*parsed, dm);
 }
 
-TEST(SpoolerDevMode, NamesMustLeaveRoomForTheTerminator) {
+TEST(SpoolerDevMode, NamesFillTheirFieldButAreNeverCut) {
     DevMode dm;
-    dm.dmDeviceName = std::u16string(31, u'x');
-    EXPECT_EQ(dm.Serialize().size(), 220u);
-    dm.dmDeviceName = std::u16string(32, u'x');
+    dm.dmDeviceName = std::u16string(32, u'x');  // no room for a terminator, as in Windows
+    dm.dmFormName = u"Letter";
+    const auto bytes = dm.Serialize();
+    ASSERT_EQ(bytes.size(), 220u);
+    const auto parsed = DevMode::Parse(bytes);
+    ASSERT_TRUE(parsed.has_value());
+    EXPECT_EQ(parsed->dmDeviceName, dm.dmDeviceName);
+    EXPECT_EQ(parsed->dmSpecVersion, 0x0401);  // the next field is untouched
+    EXPECT_EQ(parsed->dmFormName, u"Letter");
+
+    dm.dmDeviceName = std::u16string(33, u'x');
     EXPECT_TRUE(dm.Serialize().empty());
     dm.dmDeviceName.clear();
-    dm.dmFormName = std::u16string(32, u'f');
+    dm.dmFormName = std::u16string(33, u'f');
     EXPECT_TRUE(dm.Serialize().empty());
 }
 

@@ -70,6 +70,16 @@ TEST_F(SpoolerPrinters, GivenDeviceModeIsKeptAsGiven) {
     EXPECT_EQ(*level8.devMode, dm);
 }
 
+TEST_F(SpoolerPrinters, DefaultDeviceModeOfALongNameHoldsItsFirst31Characters) {
+    const std::u16string name = u"PC-WITH-A-LONG-NAME:12#Laser Printer on PC-WITH-A-LONG-NAME";
+    auto printer = AddPrinterW(u"", Record(name));
+    ASSERT_TRUE(printer);
+    PrinterInfo8 level8;
+    ASSERT_TRUE(GetPrinterW(printer.get(), &level8));
+    ASSERT_TRUE(level8.devMode.has_value());
+    EXPECT_EQ(level8.devMode->dmDeviceName, name.substr(0, 31));
+}
+
 TEST_F(SpoolerPrinters, AddRefusesDuplicatesWhateverTheCase) {
     AddPrinter(u"Office");
     Poison();

@@ -22,7 +22,7 @@ T Get(const std::byte* data, std::size_t limit, std::size_t offset) {
 }
 
 bool PutName(std::vector<std::byte>& out, std::size_t offset, const std::u16string& name) {
-    if (name.size() >= DevMode::kNameChars) {
+    if (name.size() > DevMode::kNameChars) {
         return false;
     }
     std::memcpy(out.data() + offset, name.data(), name.size() * sizeof(char16_t));

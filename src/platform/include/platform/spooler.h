@@ -128,8 +128,9 @@ inline constexpr WORD DM_SPECVERSION = 0x0401;
 
 // A printer's DEVMODEW. Serialize() gives Windows' byte layout: the public
 // part (dmSize bytes, 220 for the current version) followed by dmDriverExtra
-// private bytes. Strings hold at most 31 characters plus the terminator in
-// their 32-character fields; longer ones are refused by Serialize.
+// private bytes. The two names fill at most their 32-character fields (a
+// name of exactly 32 characters has no terminator, as in Windows); longer
+// ones are refused by Serialize, never cut.
 struct DevMode {
     // Byte offsets in the DEVMODEW layout.
     static constexpr std::size_t kDeviceNameOffset = 0;
@@ -181,7 +182,7 @@ struct DevMode {
     std::vector<std::byte> driverExtra;
 
     // The bytes of a DEVMODEW: 220 + driverExtra.size(). Empty when a name
-    // does not fit its field.
+    // is longer than its field or there are more than 65535 private bytes.
     [[nodiscard]] std::vector<std::byte> Serialize() const;
     // Reads a DEVMODEW; nullopt when the bytes are shorter than dmSize +
     // dmDriverExtra claim, or dmSize is below the 72 bytes up to dmFields.
