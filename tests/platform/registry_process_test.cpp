@@ -3,6 +3,7 @@
 // is seen as deleted here.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <string>
 #include <thread>
@@ -165,4 +166,46 @@ TEST_F(RegistryTest, AKeyReplacedByAnotherProcessIsSeenHere) {
     RegistryValue value;
     ASSERT_EQ(RegGetValue(again.get(), u"Gen", &value), ERROR_SUCCESS);
     EXPECT_EQ(value.data, regtest::Bytes({'2'})) << "the path was not served from a stale cache";
+}
+
+TEST_F(RegistryTest, ThreadsOfOneProcessShareTheConnectionSafely) {
+    constexpr int kThreads = 4;
+    constexpr int kCount = 200;
+    std::vector<std::thread> threads;
+    std::atomic<int> failures{0};
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([t, &failures] {
+            for (int i = 0; i < kCount; ++i) {
+                UniqueKey key;
+                const std::u16string path = ovtest::U16("Software\\OvTest\\T" + std::to_string(t));
+                if (RegCreateKeyExW(HKEY_LOCAL_MACHINE, path, 0, KEY_ALL_ACCESS, &key, nullptr) !=
+                    0) {
+                    ++failures;
+                    continue;
+                }
+                const DWORD value = static_cast<DWORD>(i);
+                const std::u16string name = ovtest::U16("v" + std::to_string(i));
+                DWORD back = 0xFFFFFFFF;
+                DWORD size = sizeof back;
+                if (RegSetValueExW(key.get(), name, REG_DWORD, &value, sizeof value) != 0 ||
+                    RegQueryValueExW(key.get(), name, nullptr, &back, &size) != 0 ||
+                    back != value || GetLastError() != ERROR_SUCCESS) {
+                    ++failures;
+                }
+            }
+        });
+    }
+    for (auto& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(failures.load(), 0);
+    for (int t = 0; t < kThreads; ++t) {
+        UniqueKey key;
+        ASSERT_EQ(
+            RegOpenKeyExW(base_.get(), ovtest::U16("T" + std::to_string(t)), 0, KEY_READ, &key),
+            ERROR_SUCCESS);
+        std::vector<RegistryValue> values;
+        ASSERT_EQ(RegEnumValues(key.get(), &values), ERROR_SUCCESS);
+        EXPECT_EQ(values.size(), static_cast<std::size_t>(kCount));
+    }
 }
