@@ -92,6 +92,10 @@ OVTEST_CHILD(reg_reader) {
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
+    UniqueKey writable;
+    if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, kShared, 0, KEY_SET_VALUE, &writable) != 0) {
+        return 7;
+    }
     int reads = 0;
     while (std::chrono::steady_clock::now() < deadline) {
         RegistryValue value;
@@ -111,7 +115,9 @@ OVTEST_CHILD(reg_reader) {
                 return 5;
             }
         }
-        ++reads;
+        if (++reads == 1 && RegSetValueExW(writable.get(), u"Ready", REG_BINARY, "r", 1) != 0) {
+            return 8;
+        }
     }
     return 6;
 }
@@ -124,6 +130,11 @@ TEST_F(RegistryTest, ReadersNeverSeeHalfAValue) {
     const auto b = Pattern(std::byte{2}, 9000);
     ASSERT_EQ(RegSetValueExW(key.get(), u"Blob", REG_BINARY, a.data(), 4096), ERROR_SUCCESS);
     auto reader = ovtest::Process::StartChild("reg_reader");
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (RegQueryValueExW(key.get(), u"Ready", nullptr, nullptr, nullptr) != ERROR_SUCCESS) {
+        ASSERT_LT(std::chrono::steady_clock::now(), deadline) << reader.output();
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
     for (int i = 0; i < 300; ++i) {
         const auto& v = (i % 2 == 0) ? b : a;
         ASSERT_EQ(
