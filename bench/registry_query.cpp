@@ -82,6 +82,33 @@ void BM_SetDword(benchmark::State& state) {
 }
 BENCHMARK(BM_SetDword)->Unit(benchmark::kMicrosecond);
 
+// A full walk over the subkeys of a key, by index, as Win32 code does it.
+void BM_EnumSubKeysByIndex(benchmark::State& state) {
+    const auto count = static_cast<int>(state.range(0));
+    UniqueKey parent;
+    RegCreateKeyExW(HKEY_LOCAL_MACHINE, u"Software\\Bench\\Many", 0, KEY_ALL_ACCESS, &parent,
+                    nullptr);
+    for (int i = 0; i < count; ++i) {
+        UniqueKey child;
+        const std::string name = "Printer " + std::to_string(i);
+        RegCreateKeyExW(parent.get(), std::u16string(name.begin(), name.end()), 0, KEY_READ, &child,
+                        nullptr);
+    }
+    for (auto _ : state) {
+        char16_t name[256];
+        DWORD index = 0;
+        for (;; ++index) {
+            DWORD length = 256;
+            if (RegEnumKeyExW(parent.get(), index, name, &length) != ERROR_SUCCESS) {
+                break;
+            }
+        }
+        benchmark::DoNotOptimize(index);
+    }
+    RegDeleteTreeW(HKEY_LOCAL_MACHINE, u"Software\\Bench");
+}
+BENCHMARK(BM_EnumSubKeysByIndex)->Arg(100)->Arg(1000)->Unit(benchmark::kMillisecond);
+
 }  // namespace
 
 int main(int argc, char** argv) {

@@ -220,3 +220,27 @@ TEST_F(RegistryTest, ThreadsOfOneProcessShareTheConnectionSafely) {
         EXPECT_EQ(values.size(), static_cast<std::size_t>(kCount));
     }
 }
+
+// Makes Software\OvTest\<name>.
+OVTEST_CHILD(reg_add_key) {
+    UniqueKey key;
+    return RegCreateKeyExW(HKEY_LOCAL_MACHINE, u"Software\\OvTest\\" + ovtest::U16(args.at(0)), 0,
+                           KEY_READ, &key, nullptr) == 0
+               ? 0
+               : 2;
+}
+
+TEST_F(RegistryTest, EnumerationSeesKeysAddedByAnotherProcessMidWalk) {
+    Create(u"B");
+    Create(u"D");
+    Create(u"F");
+    char16_t name[16];
+    DWORD length = 16;
+    ASSERT_EQ(RegEnumKeyExW(base_.get(), 0, name, &length), ERROR_SUCCESS);
+    EXPECT_EQ(std::u16string(name), u"B");
+    auto child = ovtest::Process::StartChild("reg_add_key", {"A"});
+    ASSERT_EQ(child.Wait(std::chrono::seconds(60)), 0) << child.output();
+    length = 16;
+    ASSERT_EQ(RegEnumKeyExW(base_.get(), 1, name, &length), ERROR_SUCCESS);
+    EXPECT_EQ(std::u16string(name), u"B") << "index 1 of A B D F, not the entry after B";
+}
