@@ -284,3 +284,22 @@ TEST_F(RegistryTest, AForkedChildWorksOnItsOwnConnection) {
     EXPECT_EQ(value, 7u);
     EXPECT_EQ(SetDword(u"ParentStillWrites", 1), ERROR_SUCCESS);
 }
+
+using RegistryFreshMachineTest = ovtest::MachineTest;
+
+// No store exists yet: every process races to make it, and none may fail.
+TEST_F(RegistryFreshMachineTest, ProcessesStartingTogetherAllGetTheStore) {
+    constexpr int kWriters = 5;
+    std::vector<ovtest::Process> writers;
+    for (int w = 0; w < kWriters; ++w) {
+        writers.push_back(ovtest::Process::StartChild("reg_writer", {std::to_string(w), "20"}));
+    }
+    for (auto& writer : writers) {
+        EXPECT_EQ(writer.Wait(std::chrono::seconds(120)), 0) << writer.output();
+    }
+    UniqueKey key;
+    ASSERT_EQ(RegOpenKeyExW(HKEY_LOCAL_MACHINE, kShared, 0, KEY_READ, &key), ERROR_SUCCESS);
+    std::vector<RegistryValue> values;
+    ASSERT_EQ(RegEnumValues(key.get(), &values), ERROR_SUCCESS);
+    EXPECT_EQ(values.size(), static_cast<std::size_t>(kWriters * 20 + 1));
+}
