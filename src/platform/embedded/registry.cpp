@@ -79,17 +79,25 @@ class Call {
             status_ = store_.ClassesRoot(&id_);
             access_ = KEY_ALL_ACCESS;
         } else {
+            object_ = key;
             id_ = key->id;
             access_ = key->access;
         }
     }
     DWORD status() const { return status_; }
+    // The handle's enumeration cursor (none for the predefined keys).
+    EnumCursor* cursor(EnumCursor RegistryKeyObject::*which) {
+        return object_ != nullptr ? &(object_->*which) : nullptr;
+    }
     bool Allows(REGSAM needed) const { return (access_ & needed) == needed; }
     KeyId id() const { return id_; }
     Store& store() { return store_; }
 
     HKEY NewHandle(KeyId id, REGSAM access) {
-        auto* object = new RegistryKeyObject{id, MapAccess(access), store_.generation()};
+        auto* object = new RegistryKeyObject;
+        object->id = id;
+        object->access = MapAccess(access);
+        object->generation = store_.generation();
         store_.handles().insert(object);
         return object;
     }
@@ -98,6 +106,7 @@ class Call {
     std::lock_guard<std::mutex> lock_;
     Store& store_;
     DWORD status_ = ERROR_SUCCESS;
+    RegistryKeyObject* object_ = nullptr;
     KeyId id_ = 0;
     REGSAM access_ = 0;
 };
@@ -285,7 +294,9 @@ LSTATUS RegEnumValueW(HKEY key, DWORD index, char16_t* name, DWORD* nameLength, 
             return Done(ERROR_ACCESS_DENIED);
         }
         RegistryValue value;
-        if (DWORD error = call.store().ValueAt(call.id(), index, &value); error != ERROR_SUCCESS) {
+        if (DWORD error = call.store().ValueAt(call.id(), index, &value,
+                                               call.cursor(&RegistryKeyObject::values));
+            error != ERROR_SUCCESS) {
             return Done(error);
         }
         const auto size = static_cast<DWORD>(value.data.size());
@@ -330,7 +341,9 @@ LSTATUS RegEnumKeyExW(HKEY key, DWORD index, char16_t* name, DWORD* nameLength) 
             return Done(ERROR_ACCESS_DENIED);
         }
         std::u16string found;
-        if (DWORD error = call.store().SubKeyAt(call.id(), index, &found); error != ERROR_SUCCESS) {
+        if (DWORD error = call.store().SubKeyAt(call.id(), index, &found,
+                                                call.cursor(&RegistryKeyObject::subKeys));
+            error != ERROR_SUCCESS) {
             return Done(error);
         }
         if (found.size() >= *nameLength) {
