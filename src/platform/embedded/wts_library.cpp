@@ -39,7 +39,9 @@ std::array<LibraryObject, 3>& Libraries() {
     return libraries;
 }
 
-bool IsWtsApi(const LibraryObject* library) { return library == &Libraries()[0]; }
+bool IsWtsApi(const LibraryObject* library) {
+    return library == &Libraries()[0];
+}
 
 bool Switch(const char* key, const std::string& value) {
     auto v = machine::Setting(key);
@@ -90,8 +92,8 @@ bool Compare(DWORD actual, DWORD wanted, std::uint8_t condition) {
 
 HLIBRARY LoadLibraryW(std::u16string_view fileName) {
     std::string name = detail::Utf8(fileName);
-    if (name.size() > 4 && detail::EqualsIgnoreCase(std::string_view(name).substr(name.size() - 4),
-                                                    ".dll")) {
+    if (name.size() > 4 &&
+        detail::EqualsIgnoreCase(std::string_view(name).substr(name.size() - 4), ".dll")) {
         name.resize(name.size() - 4);
     }
     for (auto& library : Libraries()) {
@@ -152,8 +154,7 @@ std::uint64_t VerSetConditionMask(std::uint64_t conditionMask, DWORD typeMask,
     return conditionMask;
 }
 
-bool VerifyVersionInfoA(const OSVERSIONINFOEXW* info, DWORD typeMask,
-                        std::uint64_t conditionMask) {
+bool VerifyVersionInfoA(const OSVERSIONINFOEXW* info, DWORD typeMask, std::uint64_t conditionMask) {
     OSVERSIONINFOEXW system;
     if (info == nullptr || typeMask == 0 || conditionMask == 0 || !GetVersionExW(&system)) {
         SetLastError(ERROR_INVALID_PARAMETER);

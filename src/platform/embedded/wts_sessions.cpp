@@ -162,8 +162,7 @@ std::vector<terminal::ClientPrinter> ReadPrinters(HKEY sessionKey) {
 
 bool ReadSession(DWORD id, terminal::Session* s) {
     UniqueKey key;
-    if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, SessionKeyPath(id), 0, KEY_READ, &key) !=
-        ERROR_SUCCESS) {
+    if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, SessionKeyPath(id), 0, KEY_READ, &key) != ERROR_SUCCESS) {
         return false;
     }
     s->id = id;
@@ -458,8 +457,8 @@ DWORD Logon(const Session& session) {
         return ERROR_ALREADY_EXISTS;
     }
     if (s.winStationName.empty()) {
-        s.winStationName = s.id == 0 ? u"Console"
-                                     : u"RDP-Tcp#" + detail::Utf16(std::to_string(s.id));
+        s.winStationName =
+            s.id == 0 ? u"Console" : u"RDP-Tcp#" + detail::Utf16(std::to_string(s.id));
     }
     s.state = WTSActive;
     return StoreSession(s);

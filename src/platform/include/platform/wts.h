@@ -147,8 +147,7 @@ std::uint64_t VerSetConditionMask(std::uint64_t conditionMask, DWORD typeMask,
 // True when the running system matches every field named in typeMask;
 // otherwise false with ERROR_OLD_WIN_VERSION. The suite mask is what
 // GetVersionExW reports.
-bool VerifyVersionInfoA(const OSVERSIONINFOEXW* info, DWORD typeMask,
-                        std::uint64_t conditionMask);
+bool VerifyVersionInfoA(const OSVERSIONINFOEXW* info, DWORD typeMask, std::uint64_t conditionMask);
 
 // ---- run-time binding ----------------------------------------------------------
 
