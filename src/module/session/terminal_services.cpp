@@ -1,6 +1,7 @@
 // Whether this machine is a terminal server whose sessions the module serves.
 #include <cstdint>
 #include <cstring>
+#include <optional>
 
 #include "config/product_key.h"
 #include "platform/registry.h"
