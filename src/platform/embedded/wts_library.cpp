@@ -100,12 +100,11 @@ HLIBRARY LoadLibraryW(std::u16string_view fileName) {
         if (!detail::EqualsIgnoreCase(name, library.name)) {
             continue;
         }
-        if (IsWtsApi(&library)) {
-            if (Switch("wtsapi32", "0")) {
-                break;
-            }
-            detail::EnsureTerminalServer();
+        if (IsWtsApi(&library) && Switch("wtsapi32", "0")) {
+            break;
         }
+        // The terminal server's settings exist before any program asks.
+        detail::EnsureTerminalServer();
         SetLastError(ERROR_SUCCESS);
         return &library;
     }
