@@ -51,32 +51,38 @@ constexpr DWORD kServiceUserRights = SERVICE_QUERY_CONFIG | SERVICE_QUERY_STATUS
                                      SERVICE_ENUMERATE_DEPENDENTS | SERVICE_INTERROGATE |
                                      SERVICE_USER_DEFINED_CONTROL | READ_CONTROL;
 
+// The open handles of each kind, so that a stale or foreign pointer is
+// refused instead of being used.
+template <typename T>
 struct Handles {
     std::mutex lock;
-    std::set<const void*> open;
+    std::set<const T*> open;
 };
 
-Handles& TheHandles() {
-    static auto* h = new Handles;
+template <typename T>
+Handles<T>& TheHandles() {
+    static auto* h = new Handles<T>;
     return *h;
 }
 
 template <typename T>
 T* Track(T* object) {
-    Handles& h = TheHandles();
+    Handles<T>& h = TheHandles<T>();
     std::lock_guard lock(h.lock);
     h.open.insert(object);
     return object;
 }
 
-bool IsOpen(const void* object) {
-    Handles& h = TheHandles();
+template <typename T>
+bool IsOpen(const T* object) {
+    Handles<T>& h = TheHandles<T>();
     std::lock_guard lock(h.lock);
     return object != nullptr && h.open.count(object) != 0;
 }
 
-bool Untrack(const void* object) {
-    Handles& h = TheHandles();
+template <typename T>
+bool Untrack(const T* object) {
+    Handles<T>& h = TheHandles<T>();
     std::lock_guard lock(h.lock);
     return object != nullptr && h.open.erase(object) != 0;
 }
@@ -245,7 +251,9 @@ ServiceObject* CheckService(SC_HANDLE service, DWORD needed) {
 }
 
 bool StartProcess(const std::vector<std::u16string>& arguments) {
-    const std::string program = embedded::FindProgram(kServiceProgram);
+    const auto configured = machine::Setting("service_program");
+    const std::string program =
+        embedded::FindProgram(configured && !configured->empty() ? *configured : kServiceProgram);
     if (program.empty()) {
         SetLastError(ERROR_FILE_NOT_FOUND);
         return false;

@@ -4,7 +4,10 @@
 // then on PATH), started detached as the local system account in session 0.
 // Its process id is kept in the machine root (services/OvaspoolSvc.pid), so
 // every process of the machine sees the same service; a service process that
-// died reads as stopped. The stop control is SIGTERM.
+// died reads as stopped. The stop control is SIGTERM. The arguments given to
+// StartServiceW become the program's command-line arguments; its output goes
+// to services/OvaspoolSvc.log. machine.conf "service_program=<path or name>"
+// runs another program as the service (for tests).
 //
 // Rights beyond connecting, enumerating and querying (SC_MANAGER_LOCK, and
 // starting or stopping the service) are granted to administrators only: the
