@@ -194,6 +194,7 @@ TEST_F(ServiceControl, StartRunsOneDetachedProcessAsSystemInSessionZero) {
     DWORD session = kPoison;
     ASSERT_TRUE(ProcessIdToSessionId(static_cast<DWORD>(pid), &session));
     EXPECT_EQ(session, 0u);
+    // (ProcessIdToSessionId has waited for the program to be in place.)
     std::ifstream in("/proc/" + std::to_string(pid) + "/environ", std::ios::binary);
     const std::string env((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
     EXPECT_NE(env.find(std::string("OVSVC_ROOT=") + root() + '\0'), std::string::npos);

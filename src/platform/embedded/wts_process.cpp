@@ -3,9 +3,11 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <thread>
 
 #include "platform/wts.h"
 #include "wts_internal.h"
@@ -27,13 +29,20 @@ bool ProcessIdToSessionId(DWORD processId, DWORD* sessionId) {
         SetLastError(ERROR_INVALID_PARAMETER);
         return false;
     }
-    // The environment a process started with carries its session.
-    std::ifstream in("/proc/" + std::to_string(processId) + "/environ", std::ios::binary);
-    if (!in) {
-        SetLastError(ERROR_ACCESS_DENIED);
-        return false;
+    // The environment a process started with carries its session. A process
+    // caught in the middle of starting its program shows none yet.
+    std::string env;
+    for (int attempt = 0; attempt < 200 && env.empty(); ++attempt) {
+        if (attempt > 0) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        std::ifstream in("/proc/" + std::to_string(processId) + "/environ", std::ios::binary);
+        if (!in) {
+            SetLastError(kill(pid, 0) != 0 ? ERROR_INVALID_PARAMETER : ERROR_ACCESS_DENIED);
+            return false;
+        }
+        env.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
     }
-    const std::string env((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
     DWORD id = 0;
     constexpr std::string_view kName = "OVSVC_SESSION_ID=";
     std::size_t start = 0;
