@@ -1,9 +1,11 @@
 // The terminal server's session table and the session calls over it.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "ovtest.h"
@@ -307,6 +309,79 @@ TEST_F(WtsSessions, EachRootHasItsOwnTable) {
     EXPECT_EQ(Enumerate().size(), 3u);
     std::error_code ec;
     std::filesystem::remove_all(other, ec);
+}
+
+}  // namespace
+
+namespace {
+
+using namespace platform;
+
+// Reports what the session calls say about the calling process's session.
+OVTEST_CHILD(own_session) {
+    std::vector<std::byte> b;
+    if (!WTSQuerySessionInformationW(WTS_CURRENT_SERVER_HANDLE, WTS_CURRENT_SESSION, WTSSessionId,
+                                     &b) ||
+        b.size() != 4) {
+        return 90;
+    }
+    DWORD id = 0;
+    std::memcpy(&id, b.data(), 4);
+    DWORD viaPid = 0;
+    if (!ProcessIdToSessionId(GetCurrentProcessId(), &viaPid) || viaPid != id) {
+        return 91;
+    }
+    const bool hasUser = WTSQuerySessionInformationW(WTS_CURRENT_SERVER_HANDLE, WTS_CURRENT_SESSION,
+                                                     WTSUserName, &b);
+    if (args.at(0) == "user" && (!hasUser || b.size() != 12)) {  // "alice"
+        return 92;
+    }
+    if (args.at(0) == "none" && (hasUser || GetLastError() != ERROR_CTX_WINSTATION_NOT_FOUND)) {
+        return 93;
+    }
+    return static_cast<int>(id);
+}
+
+OVTEST_CHILD(idle_in_session) {
+    std::this_thread::sleep_for(std::chrono::seconds(30));
+    return 0;
+}
+
+class WtsCurrentSession : public ovtest::MachineTest {};
+
+TEST_F(WtsCurrentSession, AProcessKnowsItsSessionEvenWithoutATableEntry) {
+    terminal::Session s;
+    s.id = 7;
+    s.userName = u"alice";
+    ASSERT_EQ(terminal::Logon(s), ERROR_SUCCESS);
+    auto inSession = ovtest::Process::StartChild("own_session", {"user"}, {"OVSVC_SESSION_ID=7"});
+    EXPECT_EQ(inSession.Wait(), 7);
+    auto loggedOff = ovtest::Process::StartChild("own_session", {"none"}, {"OVSVC_SESSION_ID=9"});
+    EXPECT_EQ(loggedOff.Wait(), 9);
+}
+
+TEST_F(WtsCurrentSession, ProcessIdsOfOtherProcessesMapToTheirSessions) {
+    auto child = ovtest::Process::StartChild("idle_in_session", {}, {"OVSVC_SESSION_ID=11"});
+    // Until the child's program is in place it still has the parent's environment.
+    DWORD id = 0xDEADBEEF;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (std::chrono::steady_clock::now() < deadline) {
+        ASSERT_TRUE(ProcessIdToSessionId(static_cast<DWORD>(child.pid()), &id));
+        if (id == 11) {
+            break;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    EXPECT_EQ(id, 11u);
+    child.Kill();
+    child.Wait();
+    DWORD self = 0xDEADBEEF;
+    ASSERT_TRUE(ProcessIdToSessionId(GetCurrentProcessId(), &self));
+    EXPECT_EQ(self, GetCurrentSessionId());
+    SetLastError(0xDEADBEEF);
+    EXPECT_FALSE(ProcessIdToSessionId(0x7FFFFFF0, &id));
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+    EXPECT_FALSE(ProcessIdToSessionId(GetCurrentProcessId(), nullptr));
 }
 
 }  // namespace

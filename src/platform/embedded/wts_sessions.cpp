@@ -315,6 +315,12 @@ bool WTSQuerySessionInformationW(HANDLE server, DWORD sessionId, WTS_INFO_CLASS 
         return false;
     }
     const DWORD id = sessionId == WTS_CURRENT_SESSION ? GetCurrentSessionId() : sessionId;
+    if (sessionId == WTS_CURRENT_SESSION && infoClass == WTSSessionId) {
+        // A process always knows its own session, even one already logged off.
+        PutBytes(buffer, &id, sizeof id);
+        SetLastError(ERROR_SUCCESS);
+        return true;
+    }
     terminal::Session s;
     if (DWORD rc = terminal::GetSession(id, &s); rc != ERROR_SUCCESS) {
         SetLastError(rc);
