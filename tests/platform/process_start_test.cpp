@@ -112,7 +112,7 @@ Captured RunCaptured(const std::u16string& commandLine,
 
 TEST(CommandLine, SplitsAsWindowsProgramsDo) {
     struct Case {
-        const char16_t* line;
+        std::u16string_view line;
         std::vector<std::u16string> words;
     };
     const Case cases[] = {
@@ -127,11 +127,14 @@ TEST(CommandLine, SplitsAsWindowsProgramsDo) {
         {u"p \"\"", {u"p", u""}},                // an empty argument
         {u"p \"unterminated arg", {u"p", u"unterminated arg"}},
         {u"C:\\dir\\prog\\ x", {u"C:\\dir\\prog\\", u"x"}},  // no escapes in the program name
+        {u"p a\"b", {u"p", u"ab"}},                          // a quote only switches quoting
+        {u"pro\"g x", {u"pro\"g", u"x"}},                    // kept in an unquoted program name
+        {std::u16string_view(u"p a\0b", 5), {u"p", u"a"}},   // ends at a NUL
         {u"", {}},
         {u"   ", {}},
     };
     for (const auto& c : cases) {
-        EXPECT_EQ(CommandLineToArgv(c.line), c.words) << U8(c.line);
+        EXPECT_EQ(CommandLineToArgv(c.line), c.words) << U8(std::u16string(c.line));
     }
 }
 

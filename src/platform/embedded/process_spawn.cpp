@@ -243,6 +243,7 @@ std::u16string SearchProgram(std::u16string_view name) {
 
 std::vector<std::u16string> CommandLineToArgv(std::u16string_view line) {
     std::vector<std::u16string> args;
+    line = line.substr(0, line.find(u'\0'));  // a command line is a C string
     std::size_t i = 0;
     auto isBlank = [](char16_t c) { return c == u' ' || c == u'\t'; };
     while (i < line.size() && isBlank(line[i])) {
