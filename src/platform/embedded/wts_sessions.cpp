@@ -160,7 +160,7 @@ std::vector<terminal::ClientPrinter> ReadPrinters(HKEY sessionKey) {
     return out;
 }
 
-bool ReadSession(DWORD id, terminal::Session* s) {
+bool ReadSession(DWORD id, terminal::Session* s, bool withPrinters = true) {
     UniqueKey key;
     if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, SessionKeyPath(id), 0, KEY_READ, &key) != ERROR_SUCCESS) {
         return false;
@@ -172,7 +172,9 @@ bool ReadSession(DWORD id, terminal::Session* s) {
     s->domainName = GetText(key.get(), u"DomainName");
     s->clientName = GetText(key.get(), u"ClientName");
     s->clientAddress = GetText(key.get(), u"ClientAddress");
-    s->printers = ReadPrinters(key.get());
+    if (withPrinters) {
+        s->printers = ReadPrinters(key.get());
+    }
     return true;
 }
 
@@ -248,6 +250,34 @@ void PutText(std::vector<std::byte>* buffer, std::u16string_view text) {
     PutBytes(buffer, z.c_str(), (z.size() + 1) * sizeof(char16_t));
 }
 
+DWORD ReadAllSessions(std::vector<terminal::Session>* sessions, bool withPrinters) {
+    detail::EnsureTerminalServer();
+    UniqueKey key;
+    if (LSTATUS rc = RegOpenKeyExW(HKEY_LOCAL_MACHINE, kSessionsKey, 0, KEY_READ, &key);
+        rc != ERROR_SUCCESS) {
+        return static_cast<DWORD>(rc);
+    }
+    std::vector<std::u16string> names;
+    if (LSTATUS rc = RegEnumSubKeys(key.get(), &names); rc != ERROR_SUCCESS) {
+        return static_cast<DWORD>(rc);
+    }
+    std::vector<DWORD> ids;
+    for (const auto& n : names) {
+        if (auto id = detail::ParseDword(detail::Utf8(n))) {
+            ids.push_back(*id);
+        }
+    }
+    std::sort(ids.begin(), ids.end());
+    sessions->clear();
+    for (DWORD id : ids) {
+        terminal::Session s;
+        if (ReadSession(id, &s, withPrinters)) {
+            sessions->push_back(std::move(s));
+        }
+    }
+    return ERROR_SUCCESS;
+}
+
 }  // namespace
 
 namespace detail {
@@ -296,7 +326,7 @@ bool WTSEnumerateSessionsW(HANDLE server, DWORD reserved, DWORD version,
         return false;
     }
     std::vector<terminal::Session> all;
-    if (DWORD rc = terminal::ListSessions(&all); rc != ERROR_SUCCESS) {
+    if (DWORD rc = ReadAllSessions(&all, false); rc != ERROR_SUCCESS) {
         SetLastError(rc);
         return false;
     }
@@ -420,31 +450,7 @@ DWORD GetSession(DWORD id, Session* session) {
 }
 
 DWORD ListSessions(std::vector<Session>* sessions) {
-    detail::EnsureTerminalServer();
-    UniqueKey key;
-    if (LSTATUS rc = RegOpenKeyExW(HKEY_LOCAL_MACHINE, kSessionsKey, 0, KEY_READ, &key);
-        rc != ERROR_SUCCESS) {
-        return static_cast<DWORD>(rc);
-    }
-    std::vector<std::u16string> names;
-    if (LSTATUS rc = RegEnumSubKeys(key.get(), &names); rc != ERROR_SUCCESS) {
-        return static_cast<DWORD>(rc);
-    }
-    std::vector<DWORD> ids;
-    for (const auto& n : names) {
-        if (auto id = detail::ParseDword(detail::Utf8(n))) {
-            ids.push_back(*id);
-        }
-    }
-    std::sort(ids.begin(), ids.end());
-    sessions->clear();
-    for (DWORD id : ids) {
-        Session s;
-        if (ReadSession(id, &s)) {
-            sessions->push_back(std::move(s));
-        }
-    }
-    return ERROR_SUCCESS;
+    return ReadAllSessions(sessions, true);
 }
 
 DWORD Logon(const Session& session) {
