@@ -16,6 +16,7 @@
 #include "ovtest.h"
 #include "platform/kernel.h"
 #include "platform/process.h"
+#include "platform/wts.h"
 
 namespace {
 
@@ -331,6 +332,50 @@ TEST_F(ProcessStart, ApplicationNameOverridesTheFirstWord) {
     }
     EXPECT_EQ(c.text, "[x]\n");
     EXPECT_EQ(WaitForSingleObject(pi.hProcess.get(), 20000), WAIT_OBJECT_0);
+}
+
+// Reports the account and session the child runs as.
+OVTEST_CHILD(whoami) {
+    std::u16string user;
+    if (!GetUserNameW(&user)) {
+        return 2;
+    }
+    std::printf("%s in %u\n", U8(user).c_str(), GetCurrentSessionId());
+    return 0;
+}
+
+TEST_F(ProcessStart, AChildRunsAsItsAccountInItsSession) {
+    terminal::Session s;
+    s.id = 3;
+    s.domainName = u"CORP";
+    s.userName = u"alice";
+    ASSERT_EQ(terminal::Logon(s), ERROR_SUCCESS);
+    auto env = [this](std::vector<std::u16string> extra) {
+        extra.push_back(U16("OVSVC_ROOT=" + root()));
+        extra.push_back(U16("PATH=" + std::string(std::getenv("PATH"))));
+        return extra;
+    };
+    // The session's user, unless the process names its own account.
+    const auto inSession = env({u"OVSVC_SESSION_ID=3"});
+    EXPECT_EQ(RunCaptured(SelfCommand("whoami"), &inSession).text, "alice in 3\n");
+    const auto named = env({u"OVSVC_SESSION_ID=3", u"OVSVC_USER=CORP\\bob"});
+    EXPECT_EQ(RunCaptured(SelfCommand("whoami"), &named).text, "bob in 3\n");
+    const auto console = env({u"OVSVC_SESSION_ID=0"});
+    EXPECT_EQ(RunCaptured(SelfCommand("whoami"), &console).text, "SYSTEM in 0\n");
+}
+
+TEST_F(ProcessStart, OnlyTokensNameAUserToStartAs) {
+    STARTUPINFOW si;
+    PROCESS_INFORMATION pi;
+    UniquePipe r;
+    UniquePipe w;
+    ASSERT_TRUE(CreatePipe(&r, &w, nullptr, 0));
+    for (HANDLE notToken : {static_cast<HANDLE>(nullptr), r.get()}) {
+        SetLastError(kPoison);
+        EXPECT_FALSE(CreateProcessAsUserW(notToken, {}, SelfCommand("whoami"), nullptr, nullptr,
+                                          false, 0, nullptr, {}, si, &pi));
+        EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+    }
 }
 
 class Pipes : public ovtest::MachineTest {};

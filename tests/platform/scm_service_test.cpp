@@ -90,6 +90,9 @@ OVTEST_CHILD(hold_lock) {
     if (!lock) {
         return static_cast<int>(GetLastError() % 256);
     }
+    if (!args.empty() && args[0] == "quick") {
+        return 0;
+    }
     std::ofstream(machine::Root() + "/locked") << "1";
     std::this_thread::sleep_for(std::chrono::seconds(30));
     return 0;
@@ -344,6 +347,25 @@ TEST_F(ServiceControl, TheDatabaseLockIsOneForTheWholeMachine) {
     holder.Wait();
     UniqueServiceLock again(LockServiceDatabase(manager_.get()));
     EXPECT_TRUE(again);
+}
+
+TEST_F(ServiceControl, OnlyAdministratorsMayLockStartOrStop) {
+    auto user = ovtest::Process::StartChild("non_admin", {}, {"OVSVC_USER=CORP\\bob"});
+    EXPECT_EQ(user.Wait(), 0) << user.output();
+    // The user of a logged-on session, without an explicit account, is no administrator either.
+    terminal::Session s;
+    s.id = 4;
+    s.domainName = u"CORP";
+    s.userName = u"carol";
+    ASSERT_EQ(terminal::Logon(s), ERROR_SUCCESS);
+    auto inSession = ovtest::Process::StartChild("non_admin", {}, {"OVSVC_SESSION_ID=4"});
+    EXPECT_EQ(inSession.Wait(), 0) << inSession.output();
+    // The local system account and administrators may.
+    for (const char* account :
+         {"OVSVC_USER=NT AUTHORITY\\SYSTEM", "OVSVC_USER=SRV\\Administrator"}) {
+        auto admin = ovtest::Process::StartChild("hold_lock", {"quick"}, {account});
+        EXPECT_EQ(admin.Wait(), 0) << account;
+    }
 }
 
 TEST_F(ServiceControl, LockingNeedsTheLockRight) {

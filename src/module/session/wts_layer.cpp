@@ -5,7 +5,7 @@
 #include <cstring>
 
 #include "common/ovstring.h"
-#include "platform/security.h"
+#include "platform/process.h"
 #include "trace/trace.h"
 
 namespace ovsvc {

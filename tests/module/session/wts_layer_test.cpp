@@ -14,7 +14,7 @@
 #include "ovtest.h"
 #include "platform/machine.h"
 #include "platform/registry.h"
-#include "platform/security.h"
+#include "platform/process.h"
 #include "platform/wts.h"
 #include "trace/trace.h"
 

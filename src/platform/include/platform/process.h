@@ -92,6 +92,11 @@ bool CreateProcessAsUserW(HANDLE token, std::u16string_view applicationName,
 bool GetExitCodeProcess(HANDLE process, DWORD* exitCode);
 bool TerminateProcess(HANDLE process, UINT exitCode);
 DWORD GetProcessId(HANDLE process);
+// The name of the account the calling process runs as (GetUserNameW), without
+// its domain: the user of $OVSVC_USER, else the user logged on in the
+// process's session, else "SYSTEM".
+bool GetUserNameW(std::u16string* name);
+
 // Where CreateProcess would find a program (a Windows path or a host path);
 // empty with ERROR_FILE_NOT_FOUND when nowhere.
 std::u16string SearchProgram(std::u16string_view name);
