@@ -2,6 +2,9 @@
 // lose nothing, readers never see half a value, and a key deleted elsewhere
 // is seen as deleted here.
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -243,4 +246,60 @@ TEST_F(RegistryTest, EnumerationSeesKeysAddedByAnotherProcessMidWalk) {
     length = 16;
     ASSERT_EQ(RegEnumKeyExW(base_.get(), 1, name, &length), ERROR_SUCCESS);
     EXPECT_EQ(std::u16string(name), u"B") << "index 1 of A B D F, not the entry after B";
+}
+
+// A child made by fork() alone (no exec) must not share the parent's
+// database connection, yet keeps the keys it inherited.
+TEST_F(RegistryTest, AForkedChildWorksOnItsOwnConnection) {
+    ASSERT_EQ(SetDword(u"FromParent", 1), ERROR_SUCCESS);
+    const pid_t pid = fork();
+    if (pid == 0) {
+        DWORD value = 0;
+        DWORD size = sizeof value;
+        int code = 0;
+        if (RegQueryValueExW(base_.get(), u"FromParent", nullptr, &value, &size) != 0 ||
+            value != 1) {
+            code = 2;
+        } else if (SetDword(u"FromChild", 7) != 0) {
+            code = 3;
+        }
+        _exit(code);
+    }
+    ASSERT_GT(pid, 0);
+    int status = -1;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (waitpid(pid, &status, WNOHANG) == 0) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            kill(pid, SIGKILL);
+            waitpid(pid, &status, 0);
+            FAIL() << "the forked child did not finish";
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+    DWORD value = 0;
+    DWORD size = sizeof value;
+    ASSERT_EQ(RegQueryValueExW(base_.get(), u"FromChild", nullptr, &value, &size), ERROR_SUCCESS);
+    EXPECT_EQ(value, 7u);
+    EXPECT_EQ(SetDword(u"ParentStillWrites", 1), ERROR_SUCCESS);
+}
+
+using RegistryFreshMachineTest = ovtest::MachineTest;
+
+// No store exists yet: every process races to make it, and none may fail.
+TEST_F(RegistryFreshMachineTest, ProcessesStartingTogetherAllGetTheStore) {
+    constexpr int kWriters = 5;
+    std::vector<ovtest::Process> writers;
+    for (int w = 0; w < kWriters; ++w) {
+        writers.push_back(ovtest::Process::StartChild("reg_writer", {std::to_string(w), "20"}));
+    }
+    for (auto& writer : writers) {
+        EXPECT_EQ(writer.Wait(std::chrono::seconds(120)), 0) << writer.output();
+    }
+    UniqueKey key;
+    ASSERT_EQ(RegOpenKeyExW(HKEY_LOCAL_MACHINE, kShared, 0, KEY_READ, &key), ERROR_SUCCESS);
+    std::vector<RegistryValue> values;
+    ASSERT_EQ(RegEnumValues(key.get(), &values), ERROR_SUCCESS);
+    EXPECT_EQ(values.size(), static_cast<std::size_t>(kWriters * 20 + 1));
 }

@@ -1,5 +1,7 @@
 #include "registry_store.h"
 
+#include <pthread.h>
+
 #include <bit>
 #include <chrono>
 #include <cstring>
@@ -220,30 +222,74 @@ Store::Store() {
         std::lock_guard lock(mutex_);
         Close();
     });
+    // A child made by fork() gets its own connection: the parent's is left
+    // alone. Holding the mutex across the fork keeps the state consistent.
+    pthread_atfork([] { Get().mutex_.lock(); }, [] { Get().mutex_.unlock(); },
+                   [] {
+                       Store& store = Get();
+                       store.Close(true);
+                       store.mutex_.unlock();
+                   });
 }
 
-void Store::Close() {
-    for (Statement* s : {&begin_read,   &begin_write, &commit,   &rollback,   &dataVersion_stmt_,
-                         &keyGen_,      &bumpKeyGen_, &child_,   &insertKey_, &keyExists_,
-                         &hasChildren_, &children_,   &childAt_, &keyInfo_,   &deleteKeyVals_,
-                         &deleteKey_,   &query_,      &set_,     &deleteVal_, &valueAt_,
-                         &values_}) {
-        s->Finalize();
+void Store::Close(bool abandon) {
+    for (const auto& entry : StatementTable()) {
+        if (abandon) {
+            entry.first->Abandon();
+        } else {
+            entry.first->Finalize();
+        }
     }
-    if (db_ != nullptr) {
+    if (db_ != nullptr && !abandon) {
         sqlite3_close_v2(db_);
-        db_ = nullptr;
     }
+    db_ = nullptr;
     cache_.clear();
     dataVersion_ = -1;
     keyGeneration_ = -1;
-    ++generation_;  // handles of the old machine are no longer valid
+    if (!abandon) {
+        ++generation_;  // handles of the old machine are no longer valid
+    }
 }
 
 DWORD Store::Exec(Statement& stmt, bool writing) {
     Use use(stmt);
     const int rc = sqlite3_step(*use);
     return (rc == SQLITE_DONE || rc == SQLITE_ROW) ? ERROR_SUCCESS : FromSqlite(rc, writing);
+}
+
+std::vector<std::pair<Statement*, const char*>> Store::StatementTable() {
+    return {
+        {&begin_read, "BEGIN"},
+        {&begin_write, "BEGIN IMMEDIATE"},
+        {&commit, "COMMIT"},
+        {&rollback, "ROLLBACK"},
+        {&dataVersion_stmt_, "PRAGMA data_version"},
+        {&keyGen_, "SELECT v FROM meta WHERE k='keygen'"},
+        {&bumpKeyGen_, "UPDATE meta SET v=v+1 WHERE k='keygen'"},
+        {&child_, "SELECT id FROM keys WHERE parent=?1 AND fold=?2"},
+        {&insertKey_, "INSERT INTO keys(parent, name, fold) VALUES(?1, ?2, ?3)"},
+        {&keyExists_, "SELECT 1 FROM keys WHERE id=?1"},
+        {&hasChildren_, "SELECT 1 FROM keys WHERE parent=?1 LIMIT 1"},
+        {&children_, "SELECT id, name FROM keys WHERE parent=?1 ORDER BY fold"},
+        {&childAt_, "SELECT name, fold FROM keys WHERE parent=?1 ORDER BY fold LIMIT 1 OFFSET ?2"},
+        {&childAfter_,
+         "SELECT name, fold FROM keys WHERE parent=?1 AND fold>?2 ORDER BY fold LIMIT 1"},
+        {&keyInfo_, "SELECT parent, name FROM keys WHERE id=?1"},
+        {&deleteKeyVals_, "DELETE FROM vals WHERE key=?1"},
+        {&deleteKey_, "DELETE FROM keys WHERE id=?1"},
+        {&query_, "SELECT type, data FROM vals WHERE key=?1 AND fold=?2"},
+        {&set_,
+         "INSERT INTO vals(key, name, fold, type, data) SELECT ?1, ?2, ?3, ?4, ?5"
+         " WHERE EXISTS(SELECT 1 FROM keys WHERE id=?1)"
+         " ON CONFLICT(key, fold) DO UPDATE SET type=excluded.type, data=excluded.data"},
+        {&deleteVal_, "DELETE FROM vals WHERE key=?1 AND fold=?2"},
+        {&valueAt_,
+         "SELECT name, type, data, id FROM vals WHERE key=?1 ORDER BY id LIMIT 1 OFFSET ?2"},
+        {&valueAfter_,
+         "SELECT name, type, data, id FROM vals WHERE key=?1 AND id>?2 ORDER BY id LIMIT 1"},
+        {&values_, "SELECT name, type, data FROM vals WHERE key=?1 ORDER BY id"},
+    };
 }
 
 DWORD Store::Open() {
@@ -307,42 +353,8 @@ DWORD Store::Initialize() {
         sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
         return FromSqlite(rc, true);
     }
-    struct {
-        Statement* stmt;
-        const char* sql;
-    } const statements[] = {
-        {&begin_read, "BEGIN"},
-        {&begin_write, "BEGIN IMMEDIATE"},
-        {&commit, "COMMIT"},
-        {&rollback, "ROLLBACK"},
-        {&dataVersion_stmt_, "PRAGMA data_version"},
-        {&keyGen_, "SELECT v FROM meta WHERE k='keygen'"},
-        {&bumpKeyGen_, "UPDATE meta SET v=v+1 WHERE k='keygen'"},
-        {&child_, "SELECT id FROM keys WHERE parent=?1 AND fold=?2"},
-        {&insertKey_, "INSERT INTO keys(parent, name, fold) VALUES(?1, ?2, ?3)"},
-        {&keyExists_, "SELECT 1 FROM keys WHERE id=?1"},
-        {&hasChildren_, "SELECT 1 FROM keys WHERE parent=?1 LIMIT 1"},
-        {&children_, "SELECT id, name FROM keys WHERE parent=?1 ORDER BY fold"},
-        {&childAt_, "SELECT name, fold FROM keys WHERE parent=?1 ORDER BY fold LIMIT 1 OFFSET ?2"},
-        {&childAfter_,
-         "SELECT name, fold FROM keys WHERE parent=?1 AND fold>?2 ORDER BY fold LIMIT 1"},
-        {&keyInfo_, "SELECT parent, name FROM keys WHERE id=?1"},
-        {&deleteKeyVals_, "DELETE FROM vals WHERE key=?1"},
-        {&deleteKey_, "DELETE FROM keys WHERE id=?1"},
-        {&query_, "SELECT type, data FROM vals WHERE key=?1 AND fold=?2"},
-        {&set_,
-         "INSERT INTO vals(key, name, fold, type, data) SELECT ?1, ?2, ?3, ?4, ?5"
-         " WHERE EXISTS(SELECT 1 FROM keys WHERE id=?1)"
-         " ON CONFLICT(key, fold) DO UPDATE SET type=excluded.type, data=excluded.data"},
-        {&deleteVal_, "DELETE FROM vals WHERE key=?1 AND fold=?2"},
-        {&valueAt_,
-         "SELECT name, type, data, id FROM vals WHERE key=?1 ORDER BY id LIMIT 1 OFFSET ?2"},
-        {&valueAfter_,
-         "SELECT name, type, data, id FROM vals WHERE key=?1 AND id>?2 ORDER BY id LIMIT 1"},
-        {&values_, "SELECT name, type, data FROM vals WHERE key=?1 ORDER BY id"},
-    };
-    for (const auto& s : statements) {
-        rc = s.stmt->Prepare(db_, s.sql);
+    for (const auto& [stmt, sql] : StatementTable()) {
+        rc = stmt->Prepare(db_, sql);
         if (rc != SQLITE_OK) {
             return FromSqlite(rc, false);
         }

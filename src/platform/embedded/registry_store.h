@@ -59,6 +59,8 @@ class Statement {
 
     int Prepare(sqlite3* db, const char* sql);
     void Finalize();
+    // Forgets the statement without touching SQLite (in a forked child).
+    void Abandon() { stmt_ = nullptr; }
     sqlite3_stmt* get() const { return stmt_; }
 
   private:
@@ -137,8 +139,12 @@ class Store {
 
   private:
     Store();
-    void Close();
+    // Closes the connection; with `abandon` (in a forked child, where the
+    // parent's connection must not be used or closed) only forgets it.
+    void Close(bool abandon = false);
     DWORD Initialize();
+    // Every prepared statement with its SQL.
+    std::vector<std::pair<Statement*, const char*>> StatementTable();
     DWORD CheckCache();
     DWORD LookupChild(KeyId parent, std::u16string_view fold, KeyId* id);
     void SetFold(std::u16string_view name);
