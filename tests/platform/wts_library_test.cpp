@@ -5,6 +5,7 @@
 
 #include "ovtest.h"
 #include "platform/machine.h"
+#include "platform/security.h"
 #include "platform/wts.h"
 
 namespace {

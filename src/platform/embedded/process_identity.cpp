@@ -3,7 +3,9 @@
 #include <cstdlib>
 #include <string>
 
+#include "handle_table.h"
 #include "platform/process.h"
+#include "platform/security.h"
 #include "platform/wts.h"
 #include "process_internal.h"
 #include "scm_internal.h"
@@ -48,17 +50,45 @@ bool GetUserNameW(std::u16string* name) {
 
 namespace embedded {
 
-bool IdentityFromToken(HANDLE token, ProcessIdentity*) {
-    // Tokens are made by the security services; no other handle names a user.
-    (void)token;
-    SetLastError(ERROR_INVALID_HANDLE);
-    return false;
+bool IdentityFromToken(HANDLE token, ProcessIdentity* identity) {
+    if (!HandleTable::Instance().LookupAs<HandleObject>(token, HandleKind::Token)) {
+        SetLastError(ERROR_INVALID_HANDLE);
+        return false;
+    }
+    std::u16string account;
+    DWORD session = 0;
+    if (!GetTokenAccountName(token, &account) || !GetTokenSessionId(token, &session)) {
+        return false;
+    }
+    identity->set = true;
+    identity->user = detail::Utf8(account);
+    identity->sessionId = session;
+    return true;
 }
 
 bool CallerIsAdministrator() {
-    const std::string user = UserPart(CallerAccount());
-    return detail::EqualsIgnoreCase(user, "SYSTEM") ||
-           detail::EqualsIgnoreCase(user, "Administrator");
+    UniqueToken token;
+    Sid user;
+    std::vector<Sid> groups;
+    if (OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token) &&
+        GetTokenUserSid(token.get(), &user) && GetTokenGroupSids(token.get(), &groups)) {
+        if (IsWellKnownSid(user, WinLocalSystemSid)) {
+            return true;
+        }
+        for (const auto& group : groups) {
+            if (IsWellKnownSid(group, WinBuiltinAdministratorsSid)) {
+                return true;
+            }
+        }
+        return false;
+    }
+    if (GetLastError() != ERROR_CALL_NOT_IMPLEMENTED) {
+        return false;  // no token, no rights
+    }
+    // Without the account table's tokens, go by the account's name.
+    const std::string name = UserPart(CallerAccount());
+    return detail::EqualsIgnoreCase(name, "SYSTEM") ||
+           detail::EqualsIgnoreCase(name, "Administrator");
 }
 
 std::string ServiceAccountName() {

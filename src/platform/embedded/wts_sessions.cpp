@@ -6,6 +6,7 @@
 
 #include "platform/machine.h"
 #include "platform/registry.h"
+#include "platform/security.h"
 #include "platform/wts.h"
 #include "wts_internal.h"
 

@@ -31,7 +31,6 @@
 
 namespace platform {
 
-inline constexpr DWORD ERROR_CALL_NOT_IMPLEMENTED = 120;
 inline constexpr DWORD ERROR_OLD_WIN_VERSION = 1150;
 // No session with the id asked for.
 inline constexpr DWORD ERROR_CTX_WINSTATION_NOT_FOUND = 7022;
@@ -111,7 +110,7 @@ bool WTSQuerySessionInformationW(HANDLE server, DWORD sessionId, WTS_INFO_CLASS 
 void WTSFreeMemory(std::vector<std::byte>* buffer) noexcept;
 
 // Resolved by the module at run time but not used: report
-// ERROR_CALL_NOT_IMPLEMENTED.
+// ERROR_CALL_NOT_IMPLEMENTED (120).
 bool WTSEnumerateProcessesW(HANDLE server, DWORD reserved, DWORD version);
 bool WTSWaitSystemEvent(HANDLE server, DWORD eventMask, DWORD* eventFlags);
 
