@@ -500,7 +500,8 @@ bool SetPrinterW(HANDLE printer, const PrinterInfo2& info, DWORD command) {
         ForgetShareName(current.shareName, h->name);
     }
     std::u16string target = h->name;
-    if (info.printerName != current.printerName) {
+    // A change of letter case only keeps the key and changes the name value.
+    if (!SameName(info.printerName, h->name)) {
         if (!RenamePrinter(h->name, info.printerName)) {
             return Fail(ERROR_CANTWRITE);
         }
