@@ -65,6 +65,10 @@ class PipeObject : public HandleObject {
     bool readEnd_;
 };
 
+// Whether a handle is an end of an anonymous pipe (ReadFile and WriteFile
+// hand those to the two calls below).
+bool IsPipe(HANDLE handle);
+
 // ReadFile and WriteFile on a pipe handle; false with ERROR_INVALID_HANDLE
 // for a handle that is not a pipe.
 bool ReadPipe(HANDLE pipe, void* buffer, DWORD bytesToRead, DWORD* bytesRead);

@@ -246,6 +246,11 @@ bool PipeObject::Peek(DWORD* available) {
     return true;
 }
 
+bool IsPipe(HANDLE handle) {
+    HandleRef ref = HandleTable::Instance().Lookup(handle);
+    return ref && ref.object->kind() == HandleKind::Pipe;
+}
+
 bool ReadPipe(HANDLE pipe, void* buffer, DWORD bytesToRead, DWORD* bytesRead) {
     auto p = HandleTable::Instance().LookupAs<PipeObject>(pipe, HandleKind::Pipe);
     if (!p) {
