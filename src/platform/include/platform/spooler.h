@@ -320,9 +320,8 @@ using UniquePrinter = UniqueHandle<PrinterHandleTraits>;
 // ---- printers ----------------------------------------------------------------
 
 // Local printers at level 2 (flags must include PRINTER_ENUM_LOCAL; `name`
-// empty or this machine). An empty result is a success. The caller needs no
-// particular right, but a printer whose DACL denies the caller every right is
-// left out, as Windows does.
+// empty, meaning this machine). An empty result is a success. Every printer
+// is listed, with its job count and descriptor, whatever its DACL.
 std::optional<std::vector<PrinterInfo2>> EnumPrintersW(DWORD flags, std::u16string_view name,
                                                        DWORD level);
 
