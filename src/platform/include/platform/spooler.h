@@ -44,6 +44,10 @@
 // SYSTEM and Administrators full control, CREATOR OWNER document management
 // and Everyone printing.
 //
+// Adding printers, drivers, monitors, ports (XcvData) and print processors,
+// and deleting drivers, needs an administrator (SYSTEM or a member of
+// Administrators); others get ERROR_ACCESS_DENIED.
+//
 // Several processes may change the spooler at once: every call that reads or
 // changes more than one value holds a machine-wide lock for its duration (an
 // advisory lock on the file spool.lock in the machine root). A process that
