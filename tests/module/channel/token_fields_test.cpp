@@ -85,6 +85,12 @@ TEST(TokenFieldsParse, LengthBeyondTextFailsAndKeepsRest) {
     Field f;
     EXPECT_FALSE(Next(rest, &f));
     EXPECT_EQ(rest, u"P5:abc");
+    std::u16string_view oneOver = u"P4:abc";
+    EXPECT_FALSE(Next(oneOver, &f));
+    EXPECT_EQ(oneOver, u"P4:abc");
+    std::u16string_view exact = u"P3:abc";
+    EXPECT_TRUE(Next(exact, &f));
+    EXPECT_TRUE(exact.empty());
 }
 
 TEST(TokenFieldsParse, MissingNumberOrColonFails) {
