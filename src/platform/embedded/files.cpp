@@ -18,6 +18,7 @@
 #include <string>
 #include <vector>
 
+#include "process_internal.h"
 #include "handle_table.h"
 #include "native_error.h"
 #include "platform/kernel.h"
@@ -240,6 +241,9 @@ UniqueFile CreateFileW(std::u16string_view path, DWORD desiredAccess, DWORD /*sh
 
 bool ReadFile(HANDLE file, void* buffer, DWORD bytesToRead, DWORD* bytesRead) {
     using namespace embedded;
+    if (IsPipe(file)) {
+        return ReadPipe(file, buffer, bytesToRead, bytesRead);
+    }
     if (bytesRead != nullptr) {
         *bytesRead = 0;
     }
@@ -280,6 +284,9 @@ bool ReadFile(HANDLE file, void* buffer, DWORD bytesToRead, DWORD* bytesRead) {
 
 bool WriteFile(HANDLE file, const void* buffer, DWORD bytesToWrite, DWORD* bytesWritten) {
     using namespace embedded;
+    if (IsPipe(file)) {
+        return WritePipe(file, buffer, bytesToWrite, bytesWritten);
+    }
     if (bytesWritten != nullptr) {
         *bytesWritten = 0;
     }
