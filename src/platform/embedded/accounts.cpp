@@ -13,6 +13,7 @@
 // default domain are written on first use. Every other domain gets a SID of
 // its own, derived from its name, when its first account is added.
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 
 #include "accounts_store.h"
@@ -126,6 +127,8 @@ std::u16string AccountKeyPath(const Sid& sid) {
     return std::u16string(kAccountsKey) + u'\\' + sid.ToString();
 }
 
+bool ResolveStored(std::u16string_view accountName, Account* account);
+
 // Writes one account record and its name index entry.
 void WriteAccount(const Account& a) {
     UniqueKey key = CreateKey(AccountKeyPath(a.sid));
@@ -138,7 +141,7 @@ void WriteAccount(const Account& a) {
     std::vector<std::u16string> groups;
     for (const std::u16string& g : a.memberOf) {
         Account group;
-        if (accounts::Resolve(g, &group)) {
+        if (ResolveStored(g, &group)) {
             groups.push_back(group.sid.ToString());
         }
     }
@@ -221,13 +224,35 @@ Sid EnsureDomain(std::u16string_view domain) {
         if (key) {
             SetDword(key.get(), u"NextRid", kFirstRid);
         }
+        // Every domain has its built-in administrator and guest accounts.
+        const std::u16string name(domain);
+        WriteAccount(
+            {name, u"Administrator", Child(sid, 500), SidTypeUser, {u"BUILTIN\\Administrators"}});
+        WriteAccount({name, u"Guest", Child(sid, 501), SidTypeUser, {u"BUILTIN\\Guests"}});
     }
     return sid;
 }
 
+// Whether this process has seen the table seeded on the current root.
+std::atomic<bool>& SeededHere() {
+    static std::atomic<bool>* flag = [] {
+        auto* f = new std::atomic<bool>(false);
+        machine::OnRootChange([f] { f->store(false); });
+        return f;
+    }();
+    return *flag;
+}
+
 void Seed() {
+    if (SeededHere().load()) {
+        return;
+    }
     UniqueKey root = CreateKey(kAccountsKey);
-    if (!root || GetDword(root.get(), u"Seeded").value_or(0) == 1) {
+    if (!root) {
+        return;
+    }
+    if (GetDword(root.get(), u"Seeded").value_or(0) == 1) {
+        SeededHere().store(true);
         return;
     }
     const std::u16string nt = u"NT AUTHORITY";
@@ -260,16 +285,10 @@ void Seed() {
     for (const Account& a : wellKnown) {
         WriteAccount(a);
     }
-    const std::u16string machine = GetComputerNameW();
-    const Sid machineSid = EnsureDomain(machine);
-    WriteAccount({machine,
-                  u"Administrator",
-                  Child(machineSid, 500),
-                  SidTypeUser,
-                  {u"BUILTIN\\Administrators"}});
-    WriteAccount({machine, u"Guest", Child(machineSid, 501), SidTypeUser, {u"BUILTIN\\Guests"}});
+    EnsureDomain(GetComputerNameW());
     EnsureDomain(DefaultDomainName());
     SetDword(root.get(), u"Seeded", 1);
+    SeededHere().store(true);
 }
 
 bool ValidNamePart(std::u16string_view name) {
@@ -302,6 +321,15 @@ std::u16string IndexName(std::u16string_view domain, std::u16string_view name) {
 
 bool Resolve(std::u16string_view accountName, Account* account) {
     Seed();
+    return ResolveStored(accountName, account);
+}
+
+}  // namespace accounts
+
+namespace {
+
+bool ResolveStored(std::u16string_view accountName, Account* account) {
+    using accounts::IndexName;
     UniqueKey names = OpenKey(kNamesKey);
     if (!names) {
         return false;
@@ -330,6 +358,10 @@ bool Resolve(std::u16string_view accountName, Account* account) {
     }
     return false;
 }
+
+}  // namespace
+
+namespace accounts {
 
 bool ResolveSid(const Sid& sid, Account* account) {
     Seed();
@@ -449,12 +481,19 @@ bool AddAccount(std::u16string_view accountName, SID_NAME_USE use,
         SetLastError(ERROR_INVALID_PARAMETER);
         return false;
     }
+    const std::u16string upperDomain = accounts::Upper(domain);
+    if (upperDomain == u"NT AUTHORITY" || upperDomain == u"BUILTIN") {
+        SetLastError(ERROR_ACCESS_DENIED);  // the system's own principals are fixed
+        return false;
+    }
     DWORD error = ERROR_SUCCESS;
     Account account;
     {
         LastErrorKeeper keep;
         Account existing;
         std::vector<std::u16string> memberOf;
+        Seed();
+        const Sid domainSid = EnsureDomain(domain);
         if (accounts::Resolve(domain + u'\\' + std::u16string(name), &existing)) {
             error = use == SidTypeUser ? ERROR_USER_EXISTS : ERROR_GROUP_EXISTS;
         }
@@ -469,7 +508,6 @@ bool AddAccount(std::u16string_view accountName, SID_NAME_USE use,
             }
         }
         if (error == ERROR_SUCCESS) {
-            const Sid domainSid = EnsureDomain(domain);
             Account domainRecord;
             ReadAccount(domainSid, &domainRecord);
             UniqueKey domainKey = CreateKey(AccountKeyPath(domainSid));

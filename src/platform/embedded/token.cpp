@@ -125,7 +125,10 @@ std::shared_ptr<const TokenIdentity> BuildIdentity(std::u16string_view accountNa
     LastErrorKeeper keep;
     Account account;
     if (!accounts::Resolve(accountName, &account)) {
-        if (!AddAccount(accountName, SidTypeUser, {}, &account)) {
+        // Adding the user may fail because making its domain known made the
+        // account known too (a domain's Administrator): look again then.
+        if (!AddAccount(accountName, SidTypeUser, {}, &account) &&
+            !accounts::Resolve(accountName, &account)) {
             *error = ERROR_NONE_MAPPED;
             return nullptr;
         }
