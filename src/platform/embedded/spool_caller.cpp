@@ -9,7 +9,9 @@ namespace platform::spool {
 
 namespace {
 
-std::vector<std::byte> Bytes(const Sid& sid) { return {sid.data(), sid.data() + sid.size()}; }
+std::vector<std::byte> Bytes(const Sid& sid) {
+    return {sid.data(), sid.data() + sid.size()};
+}
 
 }  // namespace
 
