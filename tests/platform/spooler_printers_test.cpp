@@ -360,6 +360,28 @@ TEST_F(SpoolerPrinters, SetLevel2RenamesWithDataAndHandlesFollow) {
     EXPECT_EQ(value, 3u);
 }
 
+TEST_F(SpoolerPrinters, RenameThatOnlyChangesCaseKeepsEverything) {
+    AddPrinter(u"office");
+    auto printer = OpenAll(u"office");
+    const DWORD trays = 2;
+    ASSERT_EQ(SetPrinterDataW(printer.get(), u"OptionTrays", REG_DWORD, &trays, sizeof(trays)),
+              ERROR_SUCCESS);
+    PrinterInfo2 info;
+    ASSERT_TRUE(GetPrinterW(printer.get(), &info));
+    info.printerName = u"Office";
+    ASSERT_TRUE(SetPrinterW(printer.get(), info, 0));
+    auto again = OpenAll(u"OFFICE");
+    ASSERT_TRUE(again);
+    PrinterInfo2 read;
+    ASSERT_TRUE(GetPrinterW(again.get(), &read));
+    EXPECT_EQ(read.printerName, u"Office");
+    DWORD value = 0;
+    EXPECT_EQ(GetPrinterDataW(again.get(), u"OptionTrays", nullptr, &value, sizeof(value), nullptr),
+              ERROR_SUCCESS);
+    EXPECT_EQ(value, 2u);
+    EXPECT_EQ(PrinterCount(), 1u);
+}
+
 TEST_F(SpoolerPrinters, Level8ReplacesTheDeviceMode) {
     AddPrinter(u"Office");
     auto printer = OpenAll(u"Office");

@@ -2,6 +2,7 @@
 // printer data and the owner of a printer's security.
 #include <cstring>
 
+#include "spool_caller.h"
 #include "spool_store.h"
 
 namespace platform {
@@ -500,7 +501,8 @@ bool SetPrinterW(HANDLE printer, const PrinterInfo2& info, DWORD command) {
         ForgetShareName(current.shareName, h->name);
     }
     std::u16string target = h->name;
-    if (info.printerName != current.printerName) {
+    // A change of letter case only keeps the key and changes the name value.
+    if (!SameName(info.printerName, h->name)) {
         if (!RenamePrinter(h->name, info.printerName)) {
             return Fail(ERROR_CANTWRITE);
         }
@@ -628,6 +630,10 @@ UniquePrinter AddPrinterW(std::u16string_view serverName, const PrinterInfo2& in
     Lock lock;
     if (!lock.held()) {
         SetLastError(ERROR_CANTWRITE);
+        return {};
+    }
+    if (!CallerIsAdministrator()) {
+        SetLastError(ERROR_ACCESS_DENIED);
         return {};
     }
     if (const DWORD rc = ValidateRecord(info, {}); rc != ERROR_SUCCESS) {

@@ -19,6 +19,9 @@
 //   Environments\Windows x64\Drivers\Version-3\<driver>
 //   Environments\Windows x64\Print Processors\<name>
 //   Monitors\<monitor>\Ports\<port> value "PortInfo": what XcvData "GetPort" answers
+//   ShareNames                      one value per share name: the printer's name
+//                                   (kept by the spooler so that opening by share
+//                                   name does not read every printer)
 // Driver files: C:\Windows\System32\spool\drivers\x64 is the driver
 // directory (GetPrinterDriverDirectoryW); installed files are copied into its
 // subdirectory "3", the driver store.
@@ -34,12 +37,21 @@
 // Access: OpenPrinterW checks the desired access against the printer's DACL
 // for the calling process's token; generic rights map to the printer rights
 // (read, write and execute to PRINTER_ACCESS_USE with READ_CONTROL, all to
-// PRINTER_ALL_ACCESS). A printer added without a descriptor gets one that
-// grants SYSTEM and Administrators full control, the printer's creator and
-// CREATOR OWNER document management and Everyone printing.
+// PRINTER_ALL_ACCESS; MAXIMUM_ALLOWED gives all the DACL grants). ACEs marked
+// inherit-only apply to documents, not to the printer. The owner may always
+// read and change the DACL. No DACL, or a NULL one, grants everything. A
+// printer added without a descriptor is owned by its creator and grants
+// SYSTEM and Administrators full control, CREATOR OWNER document management
+// and Everyone printing.
+//
+// Adding printers, drivers, monitors, ports (XcvData) and print processors,
+// and deleting drivers, needs an administrator (SYSTEM or a member of
+// Administrators); others get ERROR_ACCESS_DENIED.
 //
 // Several processes may change the spooler at once: every call that reads or
-// changes more than one value holds a machine-wide lock for its duration.
+// changes more than one value holds a machine-wide lock for its duration (an
+// advisory lock on the file spool.lock in the machine root). A process that
+// dies while changing a printer can leave that printer half written.
 #pragma once
 
 #include <array>
@@ -198,7 +210,9 @@ struct DevMode {
 
 // PRINTER_INFO_2. `securityDescriptor` is a self-relative descriptor (empty:
 // none). On SetPrinterW an absent device mode or descriptor leaves the
-// printer's own unchanged; cJobs and averagePPM are read-only.
+// printer's own unchanged, and of a descriptor only the parts it has (owner,
+// group, DACL, SACL) replace the printer's; cJobs, status and averagePPM are
+// read-only there.
 struct PrinterInfo2 {
     std::u16string serverName;
     std::u16string printerName;
@@ -310,9 +324,8 @@ using UniquePrinter = UniqueHandle<PrinterHandleTraits>;
 // ---- printers ----------------------------------------------------------------
 
 // Local printers at level 2 (flags must include PRINTER_ENUM_LOCAL; `name`
-// empty or this machine). An empty result is a success. The caller needs no
-// particular right, but a printer whose DACL denies the caller every right is
-// left out, as Windows does.
+// empty, meaning this machine). An empty result is a success. Every printer
+// is listed, with its job count and descriptor, whatever its DACL.
 std::optional<std::vector<PrinterInfo2>> EnumPrintersW(DWORD flags, std::u16string_view name,
                                                        DWORD level);
 
