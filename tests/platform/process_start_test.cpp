@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cctype>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
@@ -189,8 +190,14 @@ TEST_F(ProgramSearch, FilesThatCannotRunAreSkipped) {
 }
 
 TEST_F(ProgramSearch, TheModulesDirectoryComesBeforePath) {
-    Make("ovasctl");  // a decoy earlier on PATH than nothing, later than the module
-    EXPECT_EQ(U8(SearchProgram(u"OVASCTL.exe")), ovtest::BinDir() + "/ovasctl");
+    // The test program sits beside the module; a program of that name first on PATH loses.
+    const std::string self = std::filesystem::path(SelfPath()).filename().string();
+    Make(self);
+    std::string upper = self;
+    for (char& c : upper) {
+        c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+    }
+    EXPECT_EQ(U8(SearchProgram(U16(upper + ".exe"))), ovtest::BinDir() + "/" + self);
 }
 
 TEST_F(ProgramSearch, PathsAreTakenAsGiven) {
