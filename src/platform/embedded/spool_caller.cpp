@@ -37,6 +37,17 @@ std::vector<std::vector<std::byte>> CallerSids() {
     return {SidBytes(5, {18}), SidBytes(5, {32, 544}), SidBytes(1, {0}), SidBytes(5, {11})};
 }
 
+bool CallerIsAdministrator() {
+    const auto system = SidBytes(5, {18});
+    const auto admins = SidBytes(5, {32, 544});
+    for (const auto& sid : CallerSids()) {
+        if (sid == system || sid == admins) {
+            return true;
+        }
+    }
+    return false;
+}
+
 std::u16string CallerName() {
     LastErrorKeeper keep;
     return CurrentProcessAccount();
