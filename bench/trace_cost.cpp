@@ -2,7 +2,7 @@
 // with tracing on (registry read, file open, append and close per line),
 // and the parts of it measured alone.
 //
-// Runs on a fresh machine root under /tmp, removed at the end.
+// Runs on a fresh machine root under /tmp, removed at exit.
 #include <benchmark/benchmark.h>
 
 #include <cstdlib>
@@ -21,7 +21,25 @@ using namespace ovsvc;
 
 std::string g_root;
 
+// A fresh machine root for this run, made on first use and removed at exit.
+void UseFreshMachine() {
+    if (!g_root.empty()) {
+        return;
+    }
+    char pattern[] = "/tmp/ovsvc-bench-trace-XXXXXX";
+    if (mkdtemp(pattern) == nullptr) {
+        std::abort();
+    }
+    g_root = pattern;
+    platform::machine::UseRoot(g_root);
+    std::atexit([] {
+        std::error_code ec;
+        std::filesystem::remove_all(g_root, ec);
+    });
+}
+
 void SetLevel(const std::uint32_t* level) {
+    UseFreshMachine();
     platform::UniqueKey key;
     platform::RegCreateKeyExW(platform::HKEY_LOCAL_MACHINE, kProductKey, 0,
                               platform::KEY_ALL_ACCESS, &key, nullptr);
@@ -86,17 +104,4 @@ BENCHMARK(FormatMessage);
 
 }  // namespace
 
-int main(int argc, char** argv) {
-    char pattern[] = "/tmp/ovsvc-bench-trace-XXXXXX";
-    if (mkdtemp(pattern) == nullptr) {
-        return 1;
-    }
-    g_root = pattern;
-    platform::machine::UseRoot(g_root);
-    benchmark::Initialize(&argc, argv);
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    std::error_code ec;
-    std::filesystem::remove_all(g_root, ec);
-    return 0;
-}
+BENCHMARK_MAIN();
