@@ -129,12 +129,36 @@ TEST_F(SpoolerAccess, UsersEndTheirOwnJobsOnly) {
     }
 }
 
-TEST_F(SpoolerAccess, PrinterAddedByAUserIsOwnedByHim) {
+TEST_F(SpoolerAccess, OrdinaryUsersCannotChangeTheSpoolersSetup) {
+    ActingAs jo(u"OVDOMAIN\\jo");
+    Poison();
+    EXPECT_FALSE(AddPrinterW(u"", spooltest::Record(u"Jo's Printer")));
+    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+    Poison();
+    EXPECT_FALSE(AddMonitorW(u"", u"Jo's Monitor", u"jo.dll"));
+    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+    Poison();
+    EXPECT_FALSE(DeletePrinterDriverExW(u"", u"Windows x64", u"Generic / Text Only", 0, 0));
+    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+    auto xcv = OpenPrinterW(u",XcvMonitor Local Port");
+    ASSERT_TRUE(xcv);
+    const std::u16string port = u"JO1:";
+    DWORD status = 0;
+    DWORD needed = 0;
+    ASSERT_TRUE(XcvDataW(xcv.get(), u"AddPort", port.c_str(),
+                         static_cast<DWORD>((port.size() + 1) * 2), nullptr, 0, &needed, &status));
+    EXPECT_EQ(status, ERROR_ACCESS_DENIED);
+}
+
+TEST_F(SpoolerAccess, PrinterAddedByAnAdministratorIsOwnedByHim) {
+    Account boss;
+    const std::u16string groups[] = {u"BUILTIN\\Administrators"};
+    ASSERT_TRUE(AddAccount(u"OVDOMAIN\\boss", SidTypeUser, groups, &boss)) << GetLastError();
     {
-        ActingAs jo(u"OVDOMAIN\\jo");
-        AddPrinter(u"Jo's Printer");
+        ActingAs acting(u"OVDOMAIN\\boss");
+        AddPrinter(u"Boss's Printer");
     }
-    auto printer = OpenAll(u"Jo's Printer");
+    auto printer = OpenAll(u"Boss's Printer");
     PrinterInfo3 info;
     ASSERT_TRUE(GetPrinterW(printer.get(), &info));
     SecurityDescriptor sd;
@@ -143,7 +167,7 @@ TEST_F(SpoolerAccess, PrinterAddedByAUserIsOwnedByHim) {
     bool defaulted = true;
     ASSERT_TRUE(GetSecurityDescriptorOwner(sd, &owner, &defaulted));
     ASSERT_NE(owner, nullptr);
-    EXPECT_EQ(*owner, sids_[0]);
+    EXPECT_EQ(*owner, boss.sid);
 }
 
 }  // namespace

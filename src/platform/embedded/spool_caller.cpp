@@ -9,7 +9,9 @@ namespace platform::spool {
 
 namespace {
 
-std::vector<std::byte> Bytes(const Sid& sid) { return {sid.data(), sid.data() + sid.size()}; }
+std::vector<std::byte> Bytes(const Sid& sid) {
+    return {sid.data(), sid.data() + sid.size()};
+}
 
 }  // namespace
 
@@ -33,6 +35,17 @@ std::vector<std::vector<std::byte>> CallerSids() {
     // A machine without tokens yet: the local system account, a member of
     // Administrators, Everyone and Authenticated Users.
     return {SidBytes(5, {18}), SidBytes(5, {32, 544}), SidBytes(1, {0}), SidBytes(5, {11})};
+}
+
+bool CallerIsAdministrator() {
+    const auto system = SidBytes(5, {18});
+    const auto admins = SidBytes(5, {32, 544});
+    for (const auto& sid : CallerSids()) {
+        if (sid == system || sid == admins) {
+            return true;
+        }
+    }
+    return false;
 }
 
 std::u16string CallerName() {
