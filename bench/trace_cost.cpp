@@ -11,6 +11,7 @@
 
 #include "common/format.h"
 #include "config/product_key.h"
+#include "platform/kernel.h"
 #include "platform/machine.h"
 #include "platform/registry.h"
 #include "trace/trace.h"
@@ -91,6 +92,26 @@ void TraceFilteredOut(benchmark::State& state) {
     }
 }
 BENCHMARK(TraceFilteredOut);
+
+// One file append as the writer does it: open, seek to the end, write, close.
+void FileAppend(benchmark::State& state) {
+    UseFreshMachine();
+    const std::string path = g_root + "/bench-append.log";
+    const std::u16string wide(path.begin(), path.end());
+    const std::string line(90, 'x');
+    for (auto _ : state) {
+        platform::UniqueFile file =
+            platform::CreateFileW(wide, platform::FILE_APPEND_DATA | platform::SYNCHRONIZE,
+                                  platform::FILE_SHARE_READ | platform::FILE_SHARE_WRITE,
+                                  platform::OPEN_ALWAYS, platform::FILE_ATTRIBUTE_NORMAL);
+        platform::SetFilePointer(file.get(), 0, nullptr, platform::FILE_END);
+        platform::DWORD written = 0;
+        platform::WriteFile(file.get(), line.data(), static_cast<platform::DWORD>(line.size()),
+                            &written);
+    }
+    std::filesystem::remove(path);
+}
+BENCHMARK(FileAppend);
 
 // Building the message text alone.
 void FormatMessage(benchmark::State& state) {
