@@ -22,9 +22,8 @@ echo "== starting the service"
 "$bin/ovaspoolsvc" &
 service=$!
 trap 'kill $service 2>/dev/null || true' EXIT
-for _ in $(seq 100); do
-  "$bin/ovasctl" call repair >/dev/null 2>&1 && break
-  [ "$("$bin/ovasctl" call repair 2>/dev/null | awk '{print $3}')" = "-16" ] || break
+for _ in $(seq 200); do   # until the service's events exist
+  "$bin/ovasctl" call repair 2>/dev/null | grep -q 'result -16' || break
   sleep 0.05
 done
 
