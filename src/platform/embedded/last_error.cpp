@@ -6,8 +6,12 @@ namespace {
 thread_local DWORD t_lastError = ERROR_SUCCESS;
 }
 
-DWORD GetLastError() noexcept { return t_lastError; }
+DWORD GetLastError() noexcept {
+    return t_lastError;
+}
 
-void SetLastError(DWORD error) noexcept { t_lastError = error; }
+void SetLastError(DWORD error) noexcept {
+    t_lastError = error;
+}
 
 }  // namespace platform

@@ -40,7 +40,9 @@ State& state() {
     return *s;
 }
 
-std::string ConfPath() { return Root() + "/machine.conf"; }
+std::string ConfPath() {
+    return Root() + "/machine.conf";
+}
 
 }  // namespace
 
@@ -113,6 +115,8 @@ void SetSetting(const std::string& key, const std::string& value) {
     std::filesystem::rename(tmp, ConfPath());
 }
 
-std::string EventLogPath() { return Root() + "/eventlog.log"; }
+std::string EventLogPath() {
+    return Root() + "/eventlog.log";
+}
 
 }  // namespace platform::machine

@@ -1,0 +1,74 @@
+#include "res/resources.h"
+
+#include <map>
+
+#include "common/format.h"
+
+namespace ovsvc {
+
+namespace res {
+const std::map<unsigned, std::u16string>& StringTable();
+platform::VersionBlock VersionInformation();
+}  // namespace res
+
+const platform::ModuleResources& OwnResources() {
+    static const platform::ModuleResources resources = [] {
+        platform::ModuleResources r;
+        r.fileName = kModuleFileName;
+        r.strings = res::StringTable();
+        r.version = res::VersionInformation();
+        return r;
+    }();
+    return resources;
+}
+
+platform::HMODULE OwnModule() {
+    static const platform::HMODULE module = platform::RegisterModuleResources(&OwnResources());
+    return module;
+}
+
+std::u16string LoadOwnString(unsigned id) {
+    std::u16string text;
+    if (platform::LoadStringW(OwnModule(), id, &text) <= 0) {
+        text.clear();
+    }
+    return text;
+}
+
+std::u16string ModuleVersionString(std::u16string_view fileName) {
+    const std::u16string failed = u"GetVersion failed";
+    platform::VersionBlock block;
+    if (!platform::GetFileVersionInfoW(fileName, &block)) {
+        return failed;
+    }
+    std::vector<platform::LangCodePage> translations;
+    if (!platform::VerQueryTranslations(block, &translations) || translations.empty()) {
+        return failed;
+    }
+    const platform::LangCodePage first = translations.front();
+    std::u16string text;
+    for (const char16_t* name : {u"FileDescription", u"LegalCopyright"}) {
+        const std::u16string subBlock =
+            Format(u"\\StringFileInfo\\%04x%04x\\%s", first.language, first.codePage, name);
+        std::u16string value;
+        if (!platform::VerQueryString(block, subBlock, &value)) {
+            return failed;
+        }
+        text += value;
+        text += u", ";
+    }
+    platform::VS_FIXEDFILEINFO fixed;
+    if (!platform::VerQueryFixedFileInfo(block, &fixed)) {
+        return failed;
+    }
+    text += Format(u"%i.%i.%i.%i", fixed.dwFileVersionMS >> 16, fixed.dwFileVersionMS & 0xFFFF,
+                   fixed.dwFileVersionLS >> 16, fixed.dwFileVersionLS & 0xFFFF);
+    return text;
+}
+
+std::u16string GetModuleVersionString() {
+    OwnModule();
+    return ModuleVersionString(kModuleFileName);
+}
+
+}  // namespace ovsvc

@@ -1,0 +1,148 @@
+// The registry's storage: one SQLite database in the machine root.
+//
+// Tables: keys (id, parent, name, fold) and vals (id, key, name, fold, type,
+// data). Names are UTF-16 kept with their case; `fold` is the upper-cased
+// name (big-endian UTF-16, so byte order is character order) that lookups
+// and the order of subkeys use. Ids are never reused, so a handle on a
+// deleted key keeps seeing it gone even when a key of the same name is made
+// again. Values keep the order they were first set in.
+//
+// One connection per process, used under mutex(). Every member below
+// expects the caller to hold the mutex and to have called Open().
+#pragma once
+
+#include <sqlite3.h>
+
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <unordered_set>
+#include <vector>
+
+#include "platform/registry.h"
+
+namespace platform {
+
+struct RegistryKeyObject {
+    std::int64_t id = 0;
+    REGSAM access = 0;
+    std::uint64_t generation = 0;  // the connection it was opened on
+};
+
+namespace registry_store {
+
+using KeyId = std::int64_t;
+inline constexpr KeyId kMachineKey = 1;
+
+// A prepared statement, reset and unbound after each use.
+class Statement {
+  public:
+    Statement() = default;
+    Statement(const Statement&) = delete;
+    Statement& operator=(const Statement&) = delete;
+    ~Statement() { Finalize(); }
+
+    int Prepare(sqlite3* db, const char* sql);
+    void Finalize();
+    sqlite3_stmt* get() const { return stmt_; }
+
+  private:
+    sqlite3_stmt* stmt_ = nullptr;
+};
+
+class Store;
+
+// A transaction; nested uses join the outer one. Rolls back unless committed.
+class Transaction {
+  public:
+    Transaction(Store& store, bool write);
+    Transaction(const Transaction&) = delete;
+    Transaction& operator=(const Transaction&) = delete;
+    ~Transaction();
+    DWORD status() const { return status_; }
+    DWORD Commit();
+
+  private:
+    Store& store_;
+    bool owner_ = false;
+    bool done_ = false;
+    DWORD status_ = ERROR_SUCCESS;
+};
+
+class Store {
+  public:
+    static Store& Get();
+    std::mutex& mutex() { return mutex_; }
+
+    // Opens the connection to the current machine root if needed.
+    DWORD Open();
+    std::uint64_t generation() const { return generation_; }
+
+    // Handles of this process.
+    std::unordered_set<RegistryKeyObject*>& handles() { return handles_; }
+
+    // Finds an existing key below `base` ("a\b", case-insensitive).
+    DWORD Resolve(KeyId base, std::u16string_view path, KeyId* id);
+    // Finds or creates every key of the path; *created tells whether the last
+    // one was new.
+    DWORD Create(KeyId base, std::u16string_view path, KeyId* id, bool* created);
+    // HKEY_CLASSES_ROOT, made again if someone removed it.
+    DWORD ClassesRoot(KeyId* id);
+    // ERROR_SUCCESS, ERROR_KEY_DELETED or a storage error.
+    DWORD CheckKey(KeyId id);
+
+    // Two-call query with Win32 buffer rules.
+    DWORD Query(KeyId key, std::u16string_view name, DWORD* type, void* data, DWORD* size);
+    DWORD GetValue(KeyId key, std::u16string_view name, RegistryValue* value);
+    DWORD SetValue(KeyId key, std::u16string_view name, DWORD type, const void* data, DWORD size);
+    DWORD DeleteValue(KeyId key, std::u16string_view name);
+    DWORD ValueAt(KeyId key, DWORD index, RegistryValue* value);
+    DWORD Values(KeyId key, std::vector<RegistryValue>* values);
+    DWORD SubKeyAt(KeyId key, DWORD index, std::u16string* name);
+    DWORD SubKeys(KeyId key, std::vector<std::pair<KeyId, std::u16string>>* keys);
+
+    // Deletes a key without subkeys (ERROR_ACCESS_DENIED otherwise).
+    DWORD DeleteKey(KeyId key);
+    // Deletes the subkeys and values of a key, and the key itself if asked.
+    DWORD DeleteTree(KeyId key, bool includeKey);
+    // The key's names from below `top` down, "\" separated.
+    DWORD PathBelow(KeyId key, KeyId top, std::u16string* path);
+
+    // For Transaction.
+    DWORD Exec(Statement& stmt, bool writing);
+    Statement begin_read, begin_write, commit, rollback;
+    sqlite3* db() const { return db_; }
+    void DropCache() { cache_.clear(); }
+
+  private:
+    Store();
+    void Close();
+    DWORD Initialize();
+    DWORD CheckCache();
+    DWORD LookupChild(KeyId parent, std::u16string_view fold, KeyId* id);
+    void SetFold(std::u16string_view name);
+    std::string CacheKey(KeyId base, const std::vector<std::u16string>& folds) const;
+    DWORD BumpKeyGeneration();
+    DWORD Descendants(KeyId key, std::vector<KeyId>* ids);
+    DWORD RemoveKey(KeyId key);
+
+    std::mutex mutex_;
+    sqlite3* db_ = nullptr;
+    std::uint64_t generation_ = 1;
+    std::unordered_set<RegistryKeyObject*> handles_;
+    std::unordered_map<std::string, KeyId> cache_;
+    std::int64_t dataVersion_ = -1;
+    std::int64_t keyGeneration_ = -1;
+    std::string fold_;  // scratch: the folded name being looked up, as stored
+    Statement dataVersion_stmt_, keyGen_, bumpKeyGen_, child_, insertKey_, keyExists_, hasChildren_,
+        children_, childAt_, keyInfo_, deleteKeyVals_, deleteKey_, query_, set_, deleteVal_,
+        valueAt_, values_;
+};
+
+// Win32 error for an SQLite result.
+DWORD FromSqlite(int rc, bool writing);
+
+}  // namespace registry_store
+}  // namespace platform

@@ -1,0 +1,189 @@
+// Module resources: registration by file name, the string table, version
+// information and named texts, with the errors Windows gives.
+#include "platform/resources.h"
+
+#include <gtest/gtest.h>
+
+#include "ovtest.h"
+
+namespace {
+
+using namespace platform;
+
+constexpr DWORD kPoison = 0xDEADBEEF;
+
+ModuleResources SampleModule(const std::u16string& fileName) {
+    ModuleResources r;
+    r.fileName = fileName;
+    r.strings = {{7, u"seven"}, {300, u"three hundred"}};
+    VS_FIXEDFILEINFO fixed;
+    fixed.dwFileVersionMS = (2u << 16) | 5u;
+    fixed.dwFileVersionLS = (11u << 16) | 4u;
+    r.version.fixed = fixed;
+    r.version.translations = {{0x0407, 0x04e4}, {0x0409, 0x04b0}};
+    r.version.strings = {{u"040704e4\\FileDescription", u"Beschreibung"},
+                         {u"040904b0\\FileDescription", u"Description"}};
+    r.texts = {{{u"MOF", u"SCHEMA"}, "class X {};"}, {{u"REGISTRY", u"CLASS"}, "HKCR {}"}};
+    return r;
+}
+
+class Resources : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        name_ = ovtest::U16(ovtest::UniqueName("ResTest")) + u".dll";
+        data_ = SampleModule(name_);
+        module_ = RegisterModuleResources(&data_);
+        ASSERT_NE(module_, nullptr);
+    }
+    void TearDown() override { UnregisterModuleResources(&data_); }
+
+    std::u16string name_;
+    ModuleResources data_;
+    HMODULE module_ = nullptr;
+};
+
+TEST_F(Resources, ModuleIsFoundByNameIgnoringCaseDirectoryAndDllExtension) {
+    std::u16string upper = name_;
+    for (auto& c : upper) {
+        if (c >= u'a' && c <= u'z') {
+            c = static_cast<char16_t>(c - 32);
+        }
+    }
+    EXPECT_EQ(GetModuleHandleW(upper), module_);
+    EXPECT_EQ(GetModuleHandleW(u"C:\\Windows\\System32\\" + name_), module_);
+    EXPECT_EQ(GetModuleHandleW(name_.substr(0, name_.size() - 4)), module_);
+    // Registering the same data again gives the same module.
+    EXPECT_EQ(RegisterModuleResources(&data_), module_);
+}
+
+TEST_F(Resources, UnknownModuleIsNotFound) {
+    SetLastError(kPoison);
+    EXPECT_EQ(GetModuleHandleW(u"NoSuchModule.dll"), nullptr);
+    EXPECT_EQ(GetLastError(), ERROR_MOD_NOT_FOUND);
+}
+
+TEST_F(Resources, FileNameEndsInTheModuleName) {
+    const std::u16string path = GetModuleFileNameW(module_);
+    ASSERT_GE(path.size(), name_.size());
+    EXPECT_EQ(path.substr(path.size() - name_.size()), name_);
+}
+
+TEST_F(Resources, LoadStringFindsTextsAndReportsMissingIds) {
+    std::u16string text;
+    SetLastError(kPoison);
+    EXPECT_EQ(LoadStringW(module_, 300, &text), 13);
+    EXPECT_EQ(text, u"three hundred");
+    EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
+
+    text = u"unchanged";
+    SetLastError(kPoison);
+    EXPECT_EQ(LoadStringW(module_, 8, &text), 0);
+    EXPECT_EQ(GetLastError(), ERROR_RESOURCE_NAME_NOT_FOUND);
+    EXPECT_EQ(text, u"unchanged");
+}
+
+TEST_F(Resources, UnregisteredModuleHasNoResources) {
+    UnregisterModuleResources(&data_);
+    std::u16string text;
+    SetLastError(kPoison);
+    EXPECT_EQ(LoadStringW(module_, 7, &text), 0);
+    EXPECT_EQ(GetLastError(), ERROR_RESOURCE_DATA_NOT_FOUND);
+    SetLastError(kPoison);
+    EXPECT_EQ(GetModuleHandleW(name_), nullptr);
+    EXPECT_EQ(GetLastError(), ERROR_MOD_NOT_FOUND);
+    SetLastError(kPoison);
+    EXPECT_FALSE(GetFileVersionInfoW(name_, nullptr));
+    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
+    SetLastError(kPoison);
+    EXPECT_EQ(LoadStringW(nullptr, 7, &text), 0);
+    EXPECT_EQ(GetLastError(), ERROR_RESOURCE_DATA_NOT_FOUND);
+}
+
+TEST_F(Resources, VersionInformationIsQueriedBySubBlock) {
+    VersionBlock block;
+    ASSERT_TRUE(GetFileVersionInfoW(name_, &block));
+    VS_FIXEDFILEINFO fixed;
+    ASSERT_TRUE(VerQueryFixedFileInfo(block, &fixed));
+    EXPECT_EQ(fixed.dwSignature, 0xFEEF04BDu);
+    EXPECT_EQ(fixed.dwFileVersionMS, (2u << 16) | 5u);
+    std::vector<LangCodePage> translations;
+    ASSERT_TRUE(VerQueryTranslations(block, &translations));
+    ASSERT_EQ(translations.size(), 2u);
+    EXPECT_EQ(translations[0].language, 0x0407);
+    EXPECT_EQ(translations[0].codePage, 0x04e4);
+
+    std::u16string value;
+    EXPECT_TRUE(VerQueryString(block, u"\\StringFileInfo\\040904b0\\FileDescription", &value));
+    EXPECT_EQ(value, u"Description");
+    // Hexadecimal digits and names compare without regard to case.
+    EXPECT_TRUE(VerQueryString(block, u"\\StringFileInfo\\040704E4\\filedescription", &value));
+    EXPECT_EQ(value, u"Beschreibung");
+
+    SetLastError(kPoison);
+    EXPECT_FALSE(VerQueryString(block, u"\\StringFileInfo\\040904b0\\LegalCopyright", &value));
+    EXPECT_EQ(GetLastError(), ERROR_RESOURCE_NAME_NOT_FOUND);
+    EXPECT_FALSE(VerQueryString(block, u"\\StringFileInfo\\0409", &value));
+    EXPECT_FALSE(VerQueryString(block, u"\\VarFileInfo\\Translation", &value));
+    EXPECT_FALSE(VerQueryString(block, u"", &value));
+}
+
+TEST_F(Resources, ModuleWithoutVersionResource) {
+    ModuleResources bare;
+    bare.fileName = ovtest::U16(ovtest::UniqueName("Bare")) + u".dll";
+    ASSERT_NE(RegisterModuleResources(&bare), nullptr);
+    SetLastError(kPoison);
+    VersionBlock block;
+    EXPECT_FALSE(GetFileVersionInfoW(bare.fileName, &block));
+    EXPECT_EQ(GetLastError(), ERROR_RESOURCE_TYPE_NOT_FOUND);
+    UnregisterModuleResources(&bare);
+
+    // Empty parts of a block are absent sub-blocks.
+    VersionBlock empty;
+    VS_FIXEDFILEINFO fixed;
+    std::vector<LangCodePage> translations;
+    SetLastError(kPoison);
+    EXPECT_FALSE(VerQueryFixedFileInfo(empty, &fixed));
+    EXPECT_NE(GetLastError(), kPoison);
+    SetLastError(kPoison);
+    EXPECT_FALSE(VerQueryTranslations(empty, &translations));
+    EXPECT_NE(GetLastError(), kPoison);
+}
+
+TEST_F(Resources, NamedTextsByTypeAndName) {
+    std::string text;
+    EXPECT_TRUE(LoadTextResource(module_, u"mof", u"Schema", &text));
+    EXPECT_EQ(text, "class X {};");
+    SetLastError(kPoison);
+    EXPECT_FALSE(LoadTextResource(module_, u"MOF", u"OTHER", &text));
+    EXPECT_EQ(GetLastError(), ERROR_RESOURCE_NAME_NOT_FOUND);
+    SetLastError(kPoison);
+    EXPECT_FALSE(LoadTextResource(module_, u"TYPELIB", u"SCHEMA", &text));
+    EXPECT_EQ(GetLastError(), ERROR_RESOURCE_TYPE_NOT_FOUND);
+}
+
+TEST(ResourcesRegistration, NewerDataUnderTheSameNameReplacesTheOlder) {
+    const std::u16string name = ovtest::U16(ovtest::UniqueName("Twice")) + u".dll";
+    ModuleResources first = SampleModule(name);
+    ModuleResources second = SampleModule(name);
+    second.strings[7] = u"sieben";
+    HMODULE a = RegisterModuleResources(&first);
+    HMODULE b = RegisterModuleResources(&second);
+    ASSERT_NE(b, nullptr);
+    EXPECT_EQ(GetModuleHandleW(name), b);
+    std::u16string text;
+    EXPECT_EQ(LoadStringW(b, 7, &text), 6);
+    EXPECT_EQ(text, u"sieben");
+    EXPECT_EQ(LoadStringW(a, 7, &text), 0);
+    UnregisterModuleResources(&second);
+    UnregisterModuleResources(&first);
+}
+
+TEST(ResourcesRegistration, RefusesDataWithoutName) {
+    ModuleResources nameless;
+    SetLastError(kPoison);
+    EXPECT_EQ(RegisterModuleResources(&nameless), nullptr);
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+    EXPECT_EQ(RegisterModuleResources(nullptr), nullptr);
+}
+
+}  // namespace
