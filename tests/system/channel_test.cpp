@@ -10,6 +10,7 @@
 #include "channel_support.h"
 #include "ovsvc.h"
 #include "ovtest.h"
+#include "platform/registry.h"
 
 using namespace channeltest;
 using namespace std::chrono_literals;
@@ -286,4 +287,64 @@ TEST_F(ChannelTest, StopEndsTheServiceAtOnceOrWithinOneTimeout) {
         EXPECT_EQ(service.Wait(5s), 0);
     }
     EXPECT_EQ(CountOccurrences(Trace(), "Leaving OVADLLRunMain()!"), 2);
+}
+
+// Translates many distinct printer names and checks that every answer is
+// the one for its own request.
+OVTEST_CHILD(translate_many) {
+    const int client = std::stoi(args.at(0));
+    const int requests = std::stoi(args.at(1));
+    int wrong = 0;
+    for (int i = 0; i < requests; ++i) {
+        const std::u16string printer =
+            ovtest::U16("c" + std::to_string(client) + "-r" + std::to_string(i));
+        std::vector<char16_t> templates(4200, u'?');
+        const std::int32_t result = OVADLLTranslate(u"10.1.2.3", u"client", u"driver",
+                                                    printer.c_str(), u"PCL", 3, templates.data());
+        if (result <= 0 || std::u16string(templates.data()) != printer + u"-T") {
+            ++wrong;
+            std::printf("request %d: result %d, template %s\n", i, result,
+                        ovtest::U8(templates.data()).c_str());
+        }
+    }
+    return wrong == 0 ? 0 : 1;
+}
+
+TEST_F(ChannelTest, ManyClientProcessesEachGetTheirOwnReplies) {
+    // One rule that echoes the client printer's name into the template, so
+    // every reply names the request it answers.
+    const std::u16string table[] = {u"IP,Client,Driver,Printer,Class,T1,T2,T4,T8,Template,Flag",
+                                    u"*,*,*,*,*,true,true,true,true,%LCPRN%-T,"};
+    std::u16string multi;
+    for (const auto& line : table) {
+        multi += line;
+        multi.push_back(u'\0');
+    }
+    multi.push_back(u'\0');
+    {
+        platform::UniqueKey key;
+        ASSERT_EQ(
+            platform::RegCreateKeyExW(platform::HKEY_LOCAL_MACHINE, u"Software\\Orvelle\\Ovaspool",
+                                      0, platform::KEY_ALL_ACCESS, &key, nullptr),
+            platform::ERROR_SUCCESS);
+        ASSERT_EQ(
+            platform::RegSetValueExW(key.get(), u"NameTranslationEx", platform::REG_MULTI_SZ,
+                                     multi.data(), static_cast<platform::DWORD>(multi.size() * 2)),
+            platform::ERROR_SUCCESS);
+    }
+    SetProductDword(u"DebugLevel", 0);  // tracing off: this is about the protocol
+    ovtest::Process service = StartService();
+    constexpr int kClients = 16;
+    constexpr int kRequests = 150;
+    std::vector<ovtest::Process> clients;
+    for (int c = 0; c < kClients; ++c) {
+        clients.push_back(ovtest::Process::StartChild(
+            "translate_many", {std::to_string(c), std::to_string(kRequests)}));
+    }
+    for (auto& client : clients) {
+        EXPECT_EQ(client.Wait(120s), 0) << client.output();
+    }
+    AreaView area;
+    ASSERT_TRUE(area);
+    EXPECT_EQ(area.get()->Act, kClients * kRequests);
 }

@@ -2,6 +2,7 @@
 
 #include "common/module_state.h"
 #include "res/resources.h"
+#include "rules/translation_table.h"
 #include "trace/trace.h"
 
 namespace ovsvc {
@@ -139,6 +140,7 @@ void ModuleDetach() {
         TraceCheck("!fIsService || pthePrinterList != NULL", __FILE__, __LINE__);
     }
     DestroyPrinterList();
+    UnloadTranslationList();
 }
 
 }  // namespace ovsvc
