@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 
 #include "platform/machine.h"
 #include "platform/registry.h"
@@ -362,4 +364,81 @@ TEST_F(RegistryTest, HandlesOfAnotherMachineRootAreInvalid) {
     machine::UseRoot(root());
     std::error_code ec;
     std::filesystem::remove_all(other, ec);
+}
+
+TEST_F(RegistryTest, OpeningBelowADeletedKeyReportsKeyDeleted) {
+    UniqueKey doomed = Create(u"Doomed");
+    ASSERT_EQ(RegDeleteKeyW(base_.get(), u"Doomed"), ERROR_SUCCESS);
+    UniqueKey child;
+    SetLastError(kPoison);
+    EXPECT_EQ(RegOpenKeyExW(doomed.get(), u"Child", 0, KEY_READ, &child), ERROR_KEY_DELETED);
+    EXPECT_EQ(GetLastError(), ERROR_KEY_DELETED);
+    EXPECT_EQ(RegOpenKeyExW(doomed.get(), u"", 0, KEY_READ, &child), ERROR_KEY_DELETED);
+}
+
+using RegistryStorageTest = ovtest::MachineTest;
+
+TEST_F(RegistryStorageTest, ADamagedStoreIsReportedAndLeftAsItWas) {
+    const std::string path = root() + "/registry.db";
+    const std::string garbage(8192, 'x');
+    {
+        std::ofstream out(path, std::ios::binary);
+        out << garbage;
+    }
+    UniqueKey key;
+    SetLastError(kPoison);
+    EXPECT_EQ(RegOpenKeyExW(HKEY_LOCAL_MACHINE, u"Software", 0, KEY_READ, &key), ERROR_BADDB);
+    EXPECT_EQ(GetLastError(), ERROR_BADDB);
+    EXPECT_EQ(RegCreateKeyExW(HKEY_LOCAL_MACHINE, u"Software\\X", 0, KEY_ALL_ACCESS, &key, nullptr),
+              ERROR_BADDB);
+    std::ifstream in(path, std::ios::binary);
+    const std::string after((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    EXPECT_EQ(after, garbage) << "the damaged file is not overwritten";
+}
+
+// Enumeration by index reads on from the previous index when nothing changed;
+// any change in between must give the index's entry in the new order.
+TEST_F(RegistryTest, EnumKeyByIndexFollowsChangesBetweenCalls) {
+    for (const char16_t* name : {u"B", u"D", u"F", u"H"}) {
+        Create(name);
+    }
+    auto at = [&](DWORD index) {
+        char16_t name[16];
+        DWORD length = 16;
+        const LSTATUS rc = RegEnumKeyExW(base_.get(), index, name, &length);
+        return rc == ERROR_SUCCESS ? std::u16string(name)
+                                   : u"error " + ovtest::U16(std::to_string(rc));
+    };
+    EXPECT_EQ(at(0), u"B");
+    EXPECT_EQ(at(1), u"D");
+    Create(u"C");  // now B C D F H
+    EXPECT_EQ(at(2), u"D");
+    EXPECT_EQ(at(3), u"F");
+    ASSERT_EQ(RegDeleteKeyW(base_.get(), u"B"), ERROR_SUCCESS);  // now C D F H
+    EXPECT_EQ(at(4), u"error 259");
+    EXPECT_EQ(at(3), u"H");
+    EXPECT_EQ(at(1), u"D") << "going back reads the index afresh";
+    EXPECT_EQ(at(2), u"F");
+    EXPECT_EQ(at(0), u"C");
+}
+
+TEST_F(RegistryTest, EnumValueByIndexFollowsChangesBetweenCalls) {
+    for (const char16_t* name : {u"v1", u"v2", u"v3", u"v4"}) {
+        ASSERT_EQ(SetDword(name, 0), ERROR_SUCCESS);
+    }
+    auto at = [&](DWORD index) {
+        char16_t name[16];
+        DWORD length = 16;
+        const LSTATUS rc =
+            RegEnumValueW(base_.get(), index, name, &length, nullptr, nullptr, nullptr);
+        return rc == ERROR_SUCCESS ? std::u16string(name)
+                                   : u"error " + ovtest::U16(std::to_string(rc));
+    };
+    EXPECT_EQ(at(0), u"v1");
+    EXPECT_EQ(at(1), u"v2");
+    ASSERT_EQ(RegDeleteValueW(base_.get(), u"v1"), ERROR_SUCCESS);  // v2 v3 v4
+    EXPECT_EQ(at(2), u"v4");
+    EXPECT_EQ(at(3), u"error 259");
+    ASSERT_EQ(SetDword(u"v5", 0), ERROR_SUCCESS);  // v2 v3 v4 v5
+    EXPECT_EQ(at(3), u"v5");
 }

@@ -346,3 +346,17 @@ TEST(RegistryValueNotation, SplitsKeyPaths) {
     EXPECT_FALSE(regtext::SplitKeyPath(u"HKCU\\Software", &root, &sub, &error));
     EXPECT_FALSE(regtext::SplitKeyPath(u"HKLM\\a\\\\b", &root, &sub, &error));
 }
+
+TEST_F(RegistryTest, OddKeyNamesSurviveExportAndImport) {
+    for (const char16_t* name : {u"a]b", u"-dash", u" spaced ", u"ключ", u"semi;colon", u"[x"}) {
+        Create(std::u16string(u"Odd\\") + name);
+    }
+    const Tree before = TreeAt(u"Software\\OvTest\\Odd");
+    ASSERT_EQ(before.size(), 7u);
+    std::u16string text;
+    ASSERT_EQ(RegExportText(HKEY_LOCAL_MACHINE, u"Software\\OvTest\\Odd", &text), ERROR_SUCCESS);
+    ASSERT_EQ(RegDeleteTreeW(base_.get(), u"Odd"), ERROR_SUCCESS);
+    std::string error;
+    ASSERT_EQ(Import(text, &error), ERROR_SUCCESS) << error << "\n" << ovtest::U8(text);
+    EXPECT_EQ(TreeAt(u"Software\\OvTest\\Odd"), before);
+}

@@ -161,21 +161,29 @@ TEST_F(Resources, NamedTextsByTypeAndName) {
     EXPECT_EQ(GetLastError(), ERROR_RESOURCE_TYPE_NOT_FOUND);
 }
 
-TEST(ResourcesRegistration, NewerDataUnderTheSameNameReplacesTheOlder) {
+// Two copies of the same module (say, one linked statically and one loaded)
+// share the module that was registered first.
+TEST(ResourcesRegistration, SecondDataUnderTheSameNameGetsTheLoadedModule) {
     const std::u16string name = ovtest::U16(ovtest::UniqueName("Twice")) + u".dll";
     ModuleResources first = SampleModule(name);
     ModuleResources second = SampleModule(name);
     second.strings[7] = u"sieben";
     HMODULE a = RegisterModuleResources(&first);
+    ASSERT_NE(a, nullptr);
+    EXPECT_EQ(RegisterModuleResources(&second), a);
+    std::u16string text;
+    EXPECT_EQ(LoadStringW(a, 7, &text), 5);
+    EXPECT_EQ(text, u"seven");
+    UnregisterModuleResources(&second);  // not the registered copy: no effect
+    EXPECT_EQ(GetModuleHandleW(name), a);
+    UnregisterModuleResources(&first);
+    EXPECT_EQ(GetModuleHandleW(name), nullptr);
+    // Once the first is gone the other copy can take the name.
     HMODULE b = RegisterModuleResources(&second);
     ASSERT_NE(b, nullptr);
-    EXPECT_EQ(GetModuleHandleW(name), b);
-    std::u16string text;
     EXPECT_EQ(LoadStringW(b, 7, &text), 6);
     EXPECT_EQ(text, u"sieben");
-    EXPECT_EQ(LoadStringW(a, 7, &text), 0);
     UnregisterModuleResources(&second);
-    UnregisterModuleResources(&first);
 }
 
 TEST(ResourcesRegistration, RefusesDataWithoutName) {

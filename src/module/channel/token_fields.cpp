@@ -53,7 +53,11 @@ std::uint32_t ReadUnsigned(std::u16string_view text, std::size_t* end) {
 }  // namespace
 
 std::u16string OVASerToken::FormatToken(std::u16string_view tag, std::u16string_view value) {
-    return Format(u"%s%d:%s", tag, static_cast<std::uint32_t>(value.size()), value);
+    // Tag, length and ":" through the formatter; the value is appended as it
+    // is, so that any character in it (also a zero) is carried.
+    std::u16string field = Format(u"%s%d:", tag, static_cast<std::uint32_t>(value.size()));
+    field.append(value);
+    return field;
 }
 
 std::u16string OVASerToken::FormatTokenNumber(std::u16string_view tag, std::uint32_t number) {

@@ -23,8 +23,9 @@ const platform::ModuleResources& OwnResources() {
 }
 
 platform::HMODULE OwnModule() {
-    static const platform::HMODULE module = platform::RegisterModuleResources(&OwnResources());
-    return module;
+    // Registering again yields the module already registered, so this also
+    // recovers from an unregistration (at unload) that something outlived.
+    return platform::RegisterModuleResources(&OwnResources());
 }
 
 std::u16string LoadOwnString(unsigned id) {

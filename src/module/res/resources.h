@@ -29,7 +29,8 @@ inline constexpr unsigned IDS_CREATE_FROM = 115;
 const platform::ModuleResources& OwnResources();
 
 // The module's handle. The resources are made known to the platform on the
-// first call (once per process, thread-safe), so no load hook is needed.
+// first call (thread-safe; later calls find them registered), so no load
+// hook is needed.
 platform::HMODULE OwnModule();
 
 // A string of the module's string table; empty when the id is unknown.

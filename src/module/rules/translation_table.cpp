@@ -5,6 +5,7 @@
 
 #include "config/product_key.h"
 #include "platform/registry.h"
+#include "res/resources.h"
 #include "rules/registry_list.h"
 #include "rules/rule_text.h"
 #include "rules/string_parser.h"
@@ -21,7 +22,6 @@ std::unique_ptr<CTranslationTable> g_ownedTable;
 
 constexpr char16_t kValueNameEx[] = u"NameTranslationEx";
 constexpr char16_t kValueNameOld[] = u"NameTranslation";
-constexpr char16_t kRegistryFatal[] = u"Cannot create registry key or values (fatal error)!";
 
 std::unique_ptr<CTranslationRule> MakeTryRule(std::uint32_t kind) {
     auto rule = std::make_unique<CTranslationRule>();
@@ -271,7 +271,7 @@ int LoadTranslationList() {
     g_pTTable = g_ownedTable.get();
     if (g_pTTable == nullptr) {
         OVTRACE(ERR | NORM, "no memory");
-        ReportServiceEvent(kRegistryFatal, kEventError, 13);
+        ReportServiceEvent(LoadOwnString(IDS_KEY_CREATE_FAILED), kEventError, 13);
         return 0;
     }
     try {
@@ -280,7 +280,7 @@ int LoadTranslationList() {
                                     platform::KEY_READ, &key) !=
             static_cast<platform::LSTATUS>(platform::ERROR_SUCCESS)) {
             OVTRACE(ERR | NORM, "no cannot open OVAS REGKey CTranslationTable");
-            ReportServiceEvent(kRegistryFatal, kEventError, 14);
+            ReportServiceEvent(LoadOwnString(IDS_KEY_CREATE_FAILED), kEventError, 14);
             return 0;
         }
         std::vector<std::u16string> list;

@@ -79,11 +79,15 @@ void ResetTraceStateForTesting();
 
 }  // namespace ovsvc
 
-#define OVTRACE(code, format, ...) \
-    ::ovsvc::TraceLog(__FILE__, __LINE__, (code), u"" format __VA_OPT__(, ) __VA_ARGS__)
-#define OVCHECK(expr)                                        \
-    do {                                                     \
-        if (!(expr)) {                                       \
-            ::ovsvc::TraceCheck(#expr, __FILE__, __LINE__);  \
-        }                                                    \
+// The arguments are evaluated only while tracing is on, so a line that is
+// not written costs one test; arguments must not have side effects.
+#define OVTRACE(code, format, ...)                                                              \
+    (::ovsvc::TraceEnabled()                                                                    \
+         ? ::ovsvc::TraceLog(__FILE__, __LINE__, (code), u"" format __VA_OPT__(, ) __VA_ARGS__) \
+         : void())
+#define OVCHECK(expr)                                       \
+    do {                                                    \
+        if (!(expr)) {                                      \
+            ::ovsvc::TraceCheck(#expr, __FILE__, __LINE__); \
+        }                                                   \
     } while (0)

@@ -3,6 +3,7 @@
 #include "platform/registry.h"
 
 #include <cstring>
+#include <exception>
 
 #include "platform/registry_text.h"
 #include "registry_store.h"
@@ -40,6 +41,16 @@ REGSAM MapAccess(REGSAM access) {
     return mapped;
 }
 
+// Nothing but a result code leaves a call: running out of memory included.
+template <class Body>
+LSTATUS Guarded(Body body) noexcept {
+    try {
+        return body();
+    } catch (const std::exception&) {
+        return Done(ERROR_OUTOFMEMORY);
+    }
+}
+
 bool IsPredefined(HKEY key) {
     return key == HKEY_LOCAL_MACHINE || key == HKEY_CLASSES_ROOT;
 }
@@ -68,17 +79,25 @@ class Call {
             status_ = store_.ClassesRoot(&id_);
             access_ = KEY_ALL_ACCESS;
         } else {
+            object_ = key;
             id_ = key->id;
             access_ = key->access;
         }
     }
     DWORD status() const { return status_; }
+    // The handle's enumeration cursor (none for the predefined keys).
+    EnumCursor* cursor(EnumCursor RegistryKeyObject::*which) {
+        return object_ != nullptr ? &(object_->*which) : nullptr;
+    }
     bool Allows(REGSAM needed) const { return (access_ & needed) == needed; }
     KeyId id() const { return id_; }
     Store& store() { return store_; }
 
     HKEY NewHandle(KeyId id, REGSAM access) {
-        auto* object = new RegistryKeyObject{id, MapAccess(access), store_.generation()};
+        auto* object = new RegistryKeyObject;
+        object->id = id;
+        object->access = MapAccess(access);
+        object->generation = store_.generation();
         store_.handles().insert(object);
         return object;
     }
@@ -87,6 +106,7 @@ class Call {
     std::lock_guard<std::mutex> lock_;
     Store& store_;
     DWORD status_ = ERROR_SUCCESS;
+    RegistryKeyObject* object_ = nullptr;
     KeyId id_ = 0;
     REGSAM access_ = 0;
 };
@@ -109,51 +129,55 @@ void UniqueKey::reset(HKEY key) noexcept {
 
 LSTATUS RegOpenKeyExW(HKEY parent, std::u16string_view subKey, DWORD /*options*/, REGSAM access,
                       UniqueKey* result) {
-    if (result == nullptr) {
-        return Done(ERROR_INVALID_PARAMETER);
-    }
-    HKEY opened = nullptr;
-    DWORD error = ERROR_SUCCESS;
-    {
-        Call call(parent);
-        error = call.status();
-        KeyId id = 0;
-        if (error == ERROR_SUCCESS) {
-            error = call.store().Resolve(call.id(), subKey, &id);
+    return Guarded([&]() -> LSTATUS {
+        if (result == nullptr) {
+            return Done(ERROR_INVALID_PARAMETER);
         }
-        if (error == ERROR_SUCCESS) {
-            opened = call.NewHandle(id, access);
+        HKEY opened = nullptr;
+        DWORD error = ERROR_SUCCESS;
+        {
+            Call call(parent);
+            error = call.status();
+            KeyId id = 0;
+            if (error == ERROR_SUCCESS) {
+                error = call.store().Resolve(call.id(), subKey, &id);
+            }
+            if (error == ERROR_SUCCESS) {
+                opened = call.NewHandle(id, access);
+            }
         }
-    }
-    result->reset(opened);
-    return Done(error);
+        result->reset(opened);
+        return Done(error);
+    });
 }
 
 LSTATUS RegCreateKeyExW(HKEY parent, std::u16string_view subKey, DWORD /*options*/, REGSAM access,
                         UniqueKey* result, DWORD* disposition) {
-    if (result == nullptr) {
-        return Done(ERROR_BADKEY);
-    }
-    HKEY opened = nullptr;
-    DWORD error = ERROR_SUCCESS;
-    bool created = false;
-    {
-        // As on Windows, the parent handle's own rights do not matter here.
-        Call call(parent);
-        error = call.status();
-        KeyId id = 0;
-        if (error == ERROR_SUCCESS) {
-            error = call.store().Create(call.id(), subKey, &id, &created);
+    return Guarded([&]() -> LSTATUS {
+        if (result == nullptr) {
+            return Done(ERROR_BADKEY);
         }
-        if (error == ERROR_SUCCESS) {
-            opened = call.NewHandle(id, access);
+        HKEY opened = nullptr;
+        DWORD error = ERROR_SUCCESS;
+        bool created = false;
+        {
+            // As on Windows, the parent handle's own rights do not matter here.
+            Call call(parent);
+            error = call.status();
+            KeyId id = 0;
+            if (error == ERROR_SUCCESS) {
+                error = call.store().Create(call.id(), subKey, &id, &created);
+            }
+            if (error == ERROR_SUCCESS) {
+                opened = call.NewHandle(id, access);
+            }
         }
-    }
-    result->reset(opened);
-    if (error == ERROR_SUCCESS && disposition != nullptr) {
-        *disposition = created ? REG_CREATED_NEW_KEY : REG_OPENED_EXISTING_KEY;
-    }
-    return Done(error);
+        result->reset(opened);
+        if (error == ERROR_SUCCESS && disposition != nullptr) {
+            *disposition = created ? REG_CREATED_NEW_KEY : REG_OPENED_EXISTING_KEY;
+        }
+        return Done(error);
+    });
 }
 
 LSTATUS RegCloseKey(HKEY key) {
@@ -170,196 +194,220 @@ LSTATUS RegCloseKey(HKEY key) {
 }
 
 LSTATUS RegDeleteKeyW(HKEY parent, std::u16string_view subKey) {
-    Call call(parent);
-    if (call.status() != ERROR_SUCCESS) {
-        return Done(call.status());
-    }
-    KeyId id = 0;
-    DWORD error = call.store().Resolve(call.id(), subKey, &id);
-    if (error == ERROR_SUCCESS) {
-        error = call.store().DeleteKey(id);
-    }
-    return Done(error);
+    return Guarded([&]() -> LSTATUS {
+        Call call(parent);
+        if (call.status() != ERROR_SUCCESS) {
+            return Done(call.status());
+        }
+        KeyId id = 0;
+        DWORD error = call.store().Resolve(call.id(), subKey, &id);
+        if (error == ERROR_SUCCESS) {
+            error = call.store().DeleteKey(id);
+        }
+        return Done(error);
+    });
 }
 
 LSTATUS RegDeleteTreeW(HKEY parent, std::u16string_view subKey) {
-    Call call(parent);
-    if (call.status() != ERROR_SUCCESS) {
-        return Done(call.status());
-    }
-    const bool own = CName(subKey).empty();
-    const REGSAM needed =
-        KEY_QUERY_VALUE | KEY_ENUMERATE_SUB_KEYS | (own ? KEY_SET_VALUE : REGSAM{0});
-    if (!call.Allows(needed)) {
-        return Done(ERROR_ACCESS_DENIED);
-    }
-    KeyId id = call.id();
-    DWORD error = own ? ERROR_SUCCESS : call.store().Resolve(call.id(), subKey, &id);
-    if (error == ERROR_SUCCESS) {
-        error = call.store().DeleteTree(id, !own);
-    }
-    return Done(error);
+    return Guarded([&]() -> LSTATUS {
+        Call call(parent);
+        if (call.status() != ERROR_SUCCESS) {
+            return Done(call.status());
+        }
+        const bool own = CName(subKey).empty();
+        const REGSAM needed =
+            KEY_QUERY_VALUE | KEY_ENUMERATE_SUB_KEYS | (own ? KEY_SET_VALUE : REGSAM{0});
+        if (!call.Allows(needed)) {
+            return Done(ERROR_ACCESS_DENIED);
+        }
+        KeyId id = call.id();
+        DWORD error = own ? ERROR_SUCCESS : call.store().Resolve(call.id(), subKey, &id);
+        if (error == ERROR_SUCCESS) {
+            error = call.store().DeleteTree(id, !own);
+        }
+        return Done(error);
+    });
 }
 
 LSTATUS RegQueryValueExW(HKEY key, std::u16string_view valueName, DWORD* type, void* data,
                          DWORD* dataSize) {
-    Call call(key);
-    if (call.status() != ERROR_SUCCESS) {
-        return Done(call.status());
-    }
-    if (data != nullptr && dataSize == nullptr) {
-        return Done(ERROR_INVALID_PARAMETER);
-    }
-    if (!call.Allows(KEY_QUERY_VALUE)) {
-        return Done(ERROR_ACCESS_DENIED);
-    }
-    return Done(call.store().Query(call.id(), CName(valueName), type, data, dataSize));
+    return Guarded([&]() -> LSTATUS {
+        Call call(key);
+        if (call.status() != ERROR_SUCCESS) {
+            return Done(call.status());
+        }
+        if (data != nullptr && dataSize == nullptr) {
+            return Done(ERROR_INVALID_PARAMETER);
+        }
+        if (!call.Allows(KEY_QUERY_VALUE)) {
+            return Done(ERROR_ACCESS_DENIED);
+        }
+        return Done(call.store().Query(call.id(), CName(valueName), type, data, dataSize));
+    });
 }
 
 LSTATUS RegSetValueExW(HKEY key, std::u16string_view valueName, DWORD type, const void* data,
                        DWORD dataSize) {
-    Call call(key);
-    if (call.status() != ERROR_SUCCESS) {
-        return Done(call.status());
-    }
-    valueName = CName(valueName);
-    if (valueName.size() > kMaxValueNameLength) {
-        return Done(ERROR_INVALID_PARAMETER);
-    }
-    if (data == nullptr && dataSize != 0) {
-        return Done(ERROR_NOACCESS);
-    }
-    if (!call.Allows(KEY_SET_VALUE)) {
-        return Done(ERROR_ACCESS_DENIED);
-    }
-    return Done(call.store().SetValue(call.id(), valueName, type, data, dataSize));
+    return Guarded([&]() -> LSTATUS {
+        Call call(key);
+        if (call.status() != ERROR_SUCCESS) {
+            return Done(call.status());
+        }
+        valueName = CName(valueName);
+        if (valueName.size() > kMaxValueNameLength) {
+            return Done(ERROR_INVALID_PARAMETER);
+        }
+        if (data == nullptr && dataSize != 0) {
+            return Done(ERROR_NOACCESS);
+        }
+        if (!call.Allows(KEY_SET_VALUE)) {
+            return Done(ERROR_ACCESS_DENIED);
+        }
+        return Done(call.store().SetValue(call.id(), valueName, type, data, dataSize));
+    });
 }
 
 LSTATUS RegDeleteValueW(HKEY key, std::u16string_view valueName) {
-    Call call(key);
-    if (call.status() != ERROR_SUCCESS) {
-        return Done(call.status());
-    }
-    if (!call.Allows(KEY_SET_VALUE)) {
-        return Done(ERROR_ACCESS_DENIED);
-    }
-    return Done(call.store().DeleteValue(call.id(), CName(valueName)));
+    return Guarded([&]() -> LSTATUS {
+        Call call(key);
+        if (call.status() != ERROR_SUCCESS) {
+            return Done(call.status());
+        }
+        if (!call.Allows(KEY_SET_VALUE)) {
+            return Done(ERROR_ACCESS_DENIED);
+        }
+        return Done(call.store().DeleteValue(call.id(), CName(valueName)));
+    });
 }
 
 LSTATUS RegEnumValueW(HKEY key, DWORD index, char16_t* name, DWORD* nameLength, DWORD* type,
                       void* data, DWORD* dataSize) {
-    Call call(key);
-    if (call.status() != ERROR_SUCCESS) {
-        return Done(call.status());
-    }
-    if (name == nullptr || nameLength == nullptr || (data != nullptr && dataSize == nullptr)) {
-        return Done(ERROR_INVALID_PARAMETER);
-    }
-    if (!call.Allows(KEY_QUERY_VALUE)) {
-        return Done(ERROR_ACCESS_DENIED);
-    }
-    RegistryValue value;
-    if (DWORD error = call.store().ValueAt(call.id(), index, &value); error != ERROR_SUCCESS) {
-        return Done(error);
-    }
-    const auto size = static_cast<DWORD>(value.data.size());
-    if (type != nullptr) {
-        *type = value.type;
-    }
-    if (dataSize != nullptr) {
-        const DWORD room = *dataSize;
-        *dataSize = size;
-        if (value.name.size() >= *nameLength) {
-            return Done(ERROR_MORE_DATA);  // name and data left untouched
+    return Guarded([&]() -> LSTATUS {
+        Call call(key);
+        if (call.status() != ERROR_SUCCESS) {
+            return Done(call.status());
         }
-        if (data != nullptr && room < size) {
-            std::memcpy(name, value.name.data(), value.name.size() * sizeof(char16_t));
-            name[value.name.size()] = u'\0';
-            *nameLength = static_cast<DWORD>(value.name.size());
+        if (name == nullptr || nameLength == nullptr || (data != nullptr && dataSize == nullptr)) {
+            return Done(ERROR_INVALID_PARAMETER);
+        }
+        if (!call.Allows(KEY_QUERY_VALUE)) {
+            return Done(ERROR_ACCESS_DENIED);
+        }
+        RegistryValue value;
+        if (DWORD error = call.store().ValueAt(call.id(), index, &value,
+                                               call.cursor(&RegistryKeyObject::values));
+            error != ERROR_SUCCESS) {
+            return Done(error);
+        }
+        const auto size = static_cast<DWORD>(value.data.size());
+        if (type != nullptr) {
+            *type = value.type;
+        }
+        if (dataSize != nullptr) {
+            const DWORD room = *dataSize;
+            *dataSize = size;
+            if (value.name.size() >= *nameLength) {
+                return Done(ERROR_MORE_DATA);  // name and data left untouched
+            }
+            if (data != nullptr && room < size) {
+                std::memcpy(name, value.name.data(), value.name.size() * sizeof(char16_t));
+                name[value.name.size()] = u'\0';
+                *nameLength = static_cast<DWORD>(value.name.size());
+                return Done(ERROR_MORE_DATA);
+            }
+        } else if (value.name.size() >= *nameLength) {
             return Done(ERROR_MORE_DATA);
         }
-    } else if (value.name.size() >= *nameLength) {
-        return Done(ERROR_MORE_DATA);
-    }
-    std::memcpy(name, value.name.data(), value.name.size() * sizeof(char16_t));
-    name[value.name.size()] = u'\0';
-    *nameLength = static_cast<DWORD>(value.name.size());
-    if (data != nullptr && size != 0) {
-        std::memcpy(data, value.data.data(), size);
-    }
-    return Done(ERROR_SUCCESS);
+        std::memcpy(name, value.name.data(), value.name.size() * sizeof(char16_t));
+        name[value.name.size()] = u'\0';
+        *nameLength = static_cast<DWORD>(value.name.size());
+        if (data != nullptr && size != 0) {
+            std::memcpy(data, value.data.data(), size);
+        }
+        return Done(ERROR_SUCCESS);
+    });
 }
 
 LSTATUS RegEnumKeyExW(HKEY key, DWORD index, char16_t* name, DWORD* nameLength) {
-    Call call(key);
-    if (call.status() != ERROR_SUCCESS) {
-        return Done(call.status());
-    }
-    if (name == nullptr || nameLength == nullptr) {
-        return Done(ERROR_INVALID_PARAMETER);
-    }
-    if (!call.Allows(KEY_ENUMERATE_SUB_KEYS)) {
-        return Done(ERROR_ACCESS_DENIED);
-    }
-    std::u16string found;
-    if (DWORD error = call.store().SubKeyAt(call.id(), index, &found); error != ERROR_SUCCESS) {
-        return Done(error);
-    }
-    if (found.size() >= *nameLength) {
-        return Done(ERROR_MORE_DATA);
-    }
-    std::memcpy(name, found.data(), found.size() * sizeof(char16_t));
-    name[found.size()] = u'\0';
-    *nameLength = static_cast<DWORD>(found.size());
-    return Done(ERROR_SUCCESS);
+    return Guarded([&]() -> LSTATUS {
+        Call call(key);
+        if (call.status() != ERROR_SUCCESS) {
+            return Done(call.status());
+        }
+        if (name == nullptr || nameLength == nullptr) {
+            return Done(ERROR_INVALID_PARAMETER);
+        }
+        if (!call.Allows(KEY_ENUMERATE_SUB_KEYS)) {
+            return Done(ERROR_ACCESS_DENIED);
+        }
+        std::u16string found;
+        if (DWORD error = call.store().SubKeyAt(call.id(), index, &found,
+                                                call.cursor(&RegistryKeyObject::subKeys));
+            error != ERROR_SUCCESS) {
+            return Done(error);
+        }
+        if (found.size() >= *nameLength) {
+            return Done(ERROR_MORE_DATA);
+        }
+        std::memcpy(name, found.data(), found.size() * sizeof(char16_t));
+        name[found.size()] = u'\0';
+        *nameLength = static_cast<DWORD>(found.size());
+        return Done(ERROR_SUCCESS);
+    });
 }
 
 LSTATUS RegGetValue(HKEY key, std::u16string_view valueName, RegistryValue* value) {
-    Call call(key);
-    if (call.status() != ERROR_SUCCESS) {
-        return Done(call.status());
-    }
-    if (value == nullptr) {
-        return Done(ERROR_INVALID_PARAMETER);
-    }
-    if (!call.Allows(KEY_QUERY_VALUE)) {
-        return Done(ERROR_ACCESS_DENIED);
-    }
-    return Done(call.store().GetValue(call.id(), CName(valueName), value));
+    return Guarded([&]() -> LSTATUS {
+        Call call(key);
+        if (call.status() != ERROR_SUCCESS) {
+            return Done(call.status());
+        }
+        if (value == nullptr) {
+            return Done(ERROR_INVALID_PARAMETER);
+        }
+        if (!call.Allows(KEY_QUERY_VALUE)) {
+            return Done(ERROR_ACCESS_DENIED);
+        }
+        return Done(call.store().GetValue(call.id(), CName(valueName), value));
+    });
 }
 
 LSTATUS RegEnumValues(HKEY key, std::vector<RegistryValue>* values) {
-    Call call(key);
-    if (call.status() != ERROR_SUCCESS) {
-        return Done(call.status());
-    }
-    if (values == nullptr) {
-        return Done(ERROR_INVALID_PARAMETER);
-    }
-    if (!call.Allows(KEY_QUERY_VALUE)) {
-        return Done(ERROR_ACCESS_DENIED);
-    }
-    return Done(call.store().Values(call.id(), values));
+    return Guarded([&]() -> LSTATUS {
+        Call call(key);
+        if (call.status() != ERROR_SUCCESS) {
+            return Done(call.status());
+        }
+        if (values == nullptr) {
+            return Done(ERROR_INVALID_PARAMETER);
+        }
+        if (!call.Allows(KEY_QUERY_VALUE)) {
+            return Done(ERROR_ACCESS_DENIED);
+        }
+        return Done(call.store().Values(call.id(), values));
+    });
 }
 
 LSTATUS RegEnumSubKeys(HKEY key, std::vector<std::u16string>* names) {
-    Call call(key);
-    if (call.status() != ERROR_SUCCESS) {
-        return Done(call.status());
-    }
-    if (names == nullptr) {
-        return Done(ERROR_INVALID_PARAMETER);
-    }
-    if (!call.Allows(KEY_ENUMERATE_SUB_KEYS)) {
-        return Done(ERROR_ACCESS_DENIED);
-    }
-    std::vector<std::pair<KeyId, std::u16string>> keys;
-    const DWORD error = call.store().SubKeys(call.id(), &keys);
-    names->clear();
-    for (auto& k : keys) {
-        names->push_back(std::move(k.second));
-    }
-    return Done(error);
+    return Guarded([&]() -> LSTATUS {
+        Call call(key);
+        if (call.status() != ERROR_SUCCESS) {
+            return Done(call.status());
+        }
+        if (names == nullptr) {
+            return Done(ERROR_INVALID_PARAMETER);
+        }
+        if (!call.Allows(KEY_ENUMERATE_SUB_KEYS)) {
+            return Done(ERROR_ACCESS_DENIED);
+        }
+        std::vector<std::pair<KeyId, std::u16string>> keys;
+        const DWORD error = call.store().SubKeys(call.id(), &keys);
+        names->clear();
+        for (auto& k : keys) {
+            names->push_back(std::move(k.second));
+        }
+        return Done(error);
+    });
 }
 
 // ---- .reg text ---------------------------------------------------------------
@@ -428,81 +476,85 @@ DWORD ExportKey(Store& store, KeyId key, const std::u16string& path, std::u16str
 }  // namespace
 
 LSTATUS RegImportText(std::u16string_view text, std::string* error) {
-    std::string scratch;
-    std::string& message = error != nullptr ? *error : scratch;
-    message.clear();
-    std::vector<regtext::Entry> entries;
-    if (!regtext::ParseFile(text, &entries, &message)) {
-        return Done(ERROR_INVALID_DATA);
-    }
-    Call call(HKEY_CLASSES_ROOT);
-    if (call.status() != ERROR_SUCCESS) {
-        message = "the registry cannot be opened (error " + std::to_string(call.status()) + ")";
-        return Done(call.status());
-    }
-    Store& store = call.store();
-    Transaction txn(store, true);
-    if (txn.status() != ERROR_SUCCESS) {
-        message = "the registry cannot be written (error " + std::to_string(txn.status()) + ")";
-        return Done(txn.status());
-    }
-    for (const auto& entry : entries) {
-        if (DWORD status = ApplyEntry(store, call.id(), entry); status != ERROR_SUCCESS) {
-            message = "line " + std::to_string(entry.line) + ": the registry refused it (error " +
-                      std::to_string(status) + ")";
-            return Done(status);  // the transaction rolls back
+    return Guarded([&]() -> LSTATUS {
+        std::string scratch;
+        std::string& message = error != nullptr ? *error : scratch;
+        message.clear();
+        std::vector<regtext::Entry> entries;
+        if (!regtext::ParseFile(text, &entries, &message)) {
+            return Done(ERROR_INVALID_DATA);
         }
-    }
-    if (DWORD status = txn.Commit(); status != ERROR_SUCCESS) {
-        message = "the registry cannot be written (error " + std::to_string(status) + ")";
-        return Done(status);
-    }
-    return Done(ERROR_SUCCESS);
+        Call call(HKEY_CLASSES_ROOT);
+        if (call.status() != ERROR_SUCCESS) {
+            message = "the registry cannot be opened (error " + std::to_string(call.status()) + ")";
+            return Done(call.status());
+        }
+        Store& store = call.store();
+        Transaction txn(store, true);
+        if (txn.status() != ERROR_SUCCESS) {
+            message = "the registry cannot be written (error " + std::to_string(txn.status()) + ")";
+            return Done(txn.status());
+        }
+        for (const auto& entry : entries) {
+            if (DWORD status = ApplyEntry(store, call.id(), entry); status != ERROR_SUCCESS) {
+                message = "line " + std::to_string(entry.line) +
+                          ": the registry refused it (error " + std::to_string(status) + ")";
+                return Done(status);  // the transaction rolls back
+            }
+        }
+        if (DWORD status = txn.Commit(); status != ERROR_SUCCESS) {
+            message = "the registry cannot be written (error " + std::to_string(status) + ")";
+            return Done(status);
+        }
+        return Done(ERROR_SUCCESS);
+    });
 }
 
 LSTATUS RegExportText(HKEY root, std::u16string_view subKey, std::u16string* text) {
-    if (text == nullptr) {
-        return Done(ERROR_INVALID_PARAMETER);
-    }
-    Call call(root);
-    if (call.status() != ERROR_SUCCESS) {
-        return Done(call.status());
-    }
-    if (!call.Allows(KEY_QUERY_VALUE | KEY_ENUMERATE_SUB_KEYS)) {
-        return Done(ERROR_ACCESS_DENIED);
-    }
-    Store& store = call.store();
-    Transaction txn(store, false);  // one consistent picture of the subtree
-    if (txn.status() != ERROR_SUCCESS) {
-        return Done(txn.status());
-    }
-    KeyId key = 0;
-    if (DWORD error = store.Resolve(call.id(), subKey, &key); error != ERROR_SUCCESS) {
-        return Done(error);
-    }
-    KeyId top = registry_store::kMachineKey;
-    std::u16string path = u"HKEY_LOCAL_MACHINE";
-    KeyId classes = 0;
-    if (root == HKEY_CLASSES_ROOT && store.ClassesRoot(&classes) == ERROR_SUCCESS) {
-        top = classes;
-        path = u"HKEY_CLASSES_ROOT";
-    }
-    std::u16string below;
-    if (DWORD error = store.PathBelow(key, top, &below); error != ERROR_SUCCESS) {
-        return Done(error);
-    }
-    if (!below.empty()) {
-        path += u"\\" + below;
-    }
-    std::u16string out = std::u16string(regtext::kHeader5) + u"\r\n\r\n";
-    if (DWORD error = ExportKey(store, key, path, &out); error != ERROR_SUCCESS) {
-        return Done(error);
-    }
-    if (DWORD error = txn.Commit(); error != ERROR_SUCCESS) {
-        return Done(error);
-    }
-    *text = std::move(out);
-    return Done(ERROR_SUCCESS);
+    return Guarded([&]() -> LSTATUS {
+        if (text == nullptr) {
+            return Done(ERROR_INVALID_PARAMETER);
+        }
+        Call call(root);
+        if (call.status() != ERROR_SUCCESS) {
+            return Done(call.status());
+        }
+        if (!call.Allows(KEY_QUERY_VALUE | KEY_ENUMERATE_SUB_KEYS)) {
+            return Done(ERROR_ACCESS_DENIED);
+        }
+        Store& store = call.store();
+        Transaction txn(store, false);  // one consistent picture of the subtree
+        if (txn.status() != ERROR_SUCCESS) {
+            return Done(txn.status());
+        }
+        KeyId key = 0;
+        if (DWORD error = store.Resolve(call.id(), subKey, &key); error != ERROR_SUCCESS) {
+            return Done(error);
+        }
+        KeyId top = registry_store::kMachineKey;
+        std::u16string path = u"HKEY_LOCAL_MACHINE";
+        KeyId classes = 0;
+        if (root == HKEY_CLASSES_ROOT && store.ClassesRoot(&classes) == ERROR_SUCCESS) {
+            top = classes;
+            path = u"HKEY_CLASSES_ROOT";
+        }
+        std::u16string below;
+        if (DWORD error = store.PathBelow(key, top, &below); error != ERROR_SUCCESS) {
+            return Done(error);
+        }
+        if (!below.empty()) {
+            path += u"\\" + below;
+        }
+        std::u16string out = std::u16string(regtext::kHeader5) + u"\r\n\r\n";
+        if (DWORD error = ExportKey(store, key, path, &out); error != ERROR_SUCCESS) {
+            return Done(error);
+        }
+        if (DWORD error = txn.Commit(); error != ERROR_SUCCESS) {
+            return Done(error);
+        }
+        *text = std::move(out);
+        return Done(ERROR_SUCCESS);
+    });
 }
 
 }  // namespace platform

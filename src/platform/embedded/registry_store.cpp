@@ -1,5 +1,7 @@
 #include "registry_store.h"
 
+#include <pthread.h>
+
 #include <bit>
 #include <chrono>
 #include <cstring>
@@ -220,30 +222,74 @@ Store::Store() {
         std::lock_guard lock(mutex_);
         Close();
     });
+    // A child made by fork() gets its own connection: the parent's is left
+    // alone. Holding the mutex across the fork keeps the state consistent.
+    pthread_atfork([] { Get().mutex_.lock(); }, [] { Get().mutex_.unlock(); },
+                   [] {
+                       Store& store = Get();
+                       store.Close(true);
+                       store.mutex_.unlock();
+                   });
 }
 
-void Store::Close() {
-    for (Statement* s : {&begin_read,   &begin_write, &commit,   &rollback,   &dataVersion_stmt_,
-                         &keyGen_,      &bumpKeyGen_, &child_,   &insertKey_, &keyExists_,
-                         &hasChildren_, &children_,   &childAt_, &keyInfo_,   &deleteKeyVals_,
-                         &deleteKey_,   &query_,      &set_,     &deleteVal_, &valueAt_,
-                         &values_}) {
-        s->Finalize();
+void Store::Close(bool abandon) {
+    for (const auto& entry : StatementTable()) {
+        if (abandon) {
+            entry.first->Abandon();
+        } else {
+            entry.first->Finalize();
+        }
     }
-    if (db_ != nullptr) {
+    if (db_ != nullptr && !abandon) {
         sqlite3_close_v2(db_);
-        db_ = nullptr;
     }
+    db_ = nullptr;
     cache_.clear();
     dataVersion_ = -1;
     keyGeneration_ = -1;
-    ++generation_;  // handles of the old machine are no longer valid
+    if (!abandon) {
+        ++generation_;  // handles of the old machine are no longer valid
+    }
 }
 
 DWORD Store::Exec(Statement& stmt, bool writing) {
     Use use(stmt);
     const int rc = sqlite3_step(*use);
     return (rc == SQLITE_DONE || rc == SQLITE_ROW) ? ERROR_SUCCESS : FromSqlite(rc, writing);
+}
+
+std::vector<std::pair<Statement*, const char*>> Store::StatementTable() {
+    return {
+        {&begin_read, "BEGIN"},
+        {&begin_write, "BEGIN IMMEDIATE"},
+        {&commit, "COMMIT"},
+        {&rollback, "ROLLBACK"},
+        {&dataVersion_stmt_, "PRAGMA data_version"},
+        {&keyGen_, "SELECT v FROM meta WHERE k='keygen'"},
+        {&bumpKeyGen_, "UPDATE meta SET v=v+1 WHERE k='keygen'"},
+        {&child_, "SELECT id FROM keys WHERE parent=?1 AND fold=?2"},
+        {&insertKey_, "INSERT INTO keys(parent, name, fold) VALUES(?1, ?2, ?3)"},
+        {&keyExists_, "SELECT 1 FROM keys WHERE id=?1"},
+        {&hasChildren_, "SELECT 1 FROM keys WHERE parent=?1 LIMIT 1"},
+        {&children_, "SELECT id, name FROM keys WHERE parent=?1 ORDER BY fold"},
+        {&childAt_, "SELECT name, fold FROM keys WHERE parent=?1 ORDER BY fold LIMIT 1 OFFSET ?2"},
+        {&childAfter_,
+         "SELECT name, fold FROM keys WHERE parent=?1 AND fold>?2 ORDER BY fold LIMIT 1"},
+        {&keyInfo_, "SELECT parent, name FROM keys WHERE id=?1"},
+        {&deleteKeyVals_, "DELETE FROM vals WHERE key=?1"},
+        {&deleteKey_, "DELETE FROM keys WHERE id=?1"},
+        {&query_, "SELECT type, data FROM vals WHERE key=?1 AND fold=?2"},
+        {&set_,
+         "INSERT INTO vals(key, name, fold, type, data) SELECT ?1, ?2, ?3, ?4, ?5"
+         " WHERE EXISTS(SELECT 1 FROM keys WHERE id=?1)"
+         " ON CONFLICT(key, fold) DO UPDATE SET type=excluded.type, data=excluded.data"},
+        {&deleteVal_, "DELETE FROM vals WHERE key=?1 AND fold=?2"},
+        {&valueAt_,
+         "SELECT name, type, data, id FROM vals WHERE key=?1 ORDER BY id LIMIT 1 OFFSET ?2"},
+        {&valueAfter_,
+         "SELECT name, type, data, id FROM vals WHERE key=?1 AND id>?2 ORDER BY id LIMIT 1"},
+        {&values_, "SELECT name, type, data FROM vals WHERE key=?1 ORDER BY id"},
+    };
 }
 
 DWORD Store::Open() {
@@ -307,37 +353,8 @@ DWORD Store::Initialize() {
         sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
         return FromSqlite(rc, true);
     }
-    struct {
-        Statement* stmt;
-        const char* sql;
-    } const statements[] = {
-        {&begin_read, "BEGIN"},
-        {&begin_write, "BEGIN IMMEDIATE"},
-        {&commit, "COMMIT"},
-        {&rollback, "ROLLBACK"},
-        {&dataVersion_stmt_, "PRAGMA data_version"},
-        {&keyGen_, "SELECT v FROM meta WHERE k='keygen'"},
-        {&bumpKeyGen_, "UPDATE meta SET v=v+1 WHERE k='keygen'"},
-        {&child_, "SELECT id FROM keys WHERE parent=?1 AND fold=?2"},
-        {&insertKey_, "INSERT INTO keys(parent, name, fold) VALUES(?1, ?2, ?3)"},
-        {&keyExists_, "SELECT 1 FROM keys WHERE id=?1"},
-        {&hasChildren_, "SELECT 1 FROM keys WHERE parent=?1 LIMIT 1"},
-        {&children_, "SELECT id, name FROM keys WHERE parent=?1 ORDER BY fold"},
-        {&childAt_, "SELECT name FROM keys WHERE parent=?1 ORDER BY fold LIMIT 1 OFFSET ?2"},
-        {&keyInfo_, "SELECT parent, name FROM keys WHERE id=?1"},
-        {&deleteKeyVals_, "DELETE FROM vals WHERE key=?1"},
-        {&deleteKey_, "DELETE FROM keys WHERE id=?1"},
-        {&query_, "SELECT type, data FROM vals WHERE key=?1 AND fold=?2"},
-        {&set_,
-         "INSERT INTO vals(key, name, fold, type, data) SELECT ?1, ?2, ?3, ?4, ?5"
-         " WHERE EXISTS(SELECT 1 FROM keys WHERE id=?1)"
-         " ON CONFLICT(key, fold) DO UPDATE SET type=excluded.type, data=excluded.data"},
-        {&deleteVal_, "DELETE FROM vals WHERE key=?1 AND fold=?2"},
-        {&valueAt_, "SELECT name, type, data FROM vals WHERE key=?1 ORDER BY id LIMIT 1 OFFSET ?2"},
-        {&values_, "SELECT name, type, data FROM vals WHERE key=?1 ORDER BY id"},
-    };
-    for (const auto& s : statements) {
-        rc = s.stmt->Prepare(db_, s.sql);
+    for (const auto& [stmt, sql] : StatementTable()) {
+        rc = stmt->Prepare(db_, sql);
         if (rc != SQLITE_OK) {
             return FromSqlite(rc, false);
         }
@@ -363,6 +380,7 @@ DWORD Store::CheckCache() {
         return ERROR_SUCCESS;
     }
     dataVersion_ = version;
+    Changed();
     Use use(keyGen_);
     const int rc = sqlite3_step(*use);
     if (rc != SQLITE_ROW) {
@@ -457,6 +475,7 @@ DWORD Store::Resolve(KeyId base, std::u16string_view path, KeyId* id) {
 }
 
 DWORD Store::Create(KeyId base, std::u16string_view path, KeyId* id, bool* created) {
+    Changed();
     std::vector<std::u16string_view> parts;
     if (DWORD error = SplitPath(path, true, &parts); error != ERROR_SUCCESS) {
         return error;
@@ -558,6 +577,7 @@ DWORD Store::GetValue(KeyId key, std::u16string_view name, RegistryValue* value)
 
 DWORD Store::SetValue(KeyId key, std::u16string_view name, DWORD type, const void* data,
                       DWORD size) {
+    Changed();
     SetFold(name);
     Use use(set_);
     sqlite3_bind_int64(*use, 1, key);
@@ -573,6 +593,7 @@ DWORD Store::SetValue(KeyId key, std::u16string_view name, DWORD type, const voi
 }
 
 DWORD Store::DeleteValue(KeyId key, std::u16string_view name) {
+    Changed();
     SetFold(name);
     Use use(deleteVal_);
     sqlite3_bind_int64(*use, 1, key);
@@ -588,10 +609,15 @@ DWORD Store::DeleteValue(KeyId key, std::u16string_view name) {
     return error == ERROR_SUCCESS ? ERROR_FILE_NOT_FOUND : error;
 }
 
-DWORD Store::ValueAt(KeyId key, DWORD index, RegistryValue* value) {
-    Use use(valueAt_);
+DWORD Store::ValueAt(KeyId key, DWORD index, RegistryValue* value, EnumCursor* cursor) {
+    if (DWORD error = CheckCache(); error != ERROR_SUCCESS) {
+        return error;
+    }
+    const bool follow = cursor != nullptr && cursor->valid && cursor->stamp == changeStamp_ &&
+                        index == cursor->index + 1;
+    Use use(follow ? valueAfter_ : valueAt_);
     sqlite3_bind_int64(*use, 1, key);
-    sqlite3_bind_int64(*use, 2, index);
+    sqlite3_bind_int64(*use, 2, follow ? cursor->valueId : static_cast<std::int64_t>(index));
     const int rc = sqlite3_step(*use);
     if (rc == SQLITE_DONE) {
         const DWORD error = CheckKey(key);
@@ -603,6 +629,9 @@ DWORD Store::ValueAt(KeyId key, DWORD index, RegistryValue* value) {
     value->name = ColumnName(*use, 0);
     value->type = static_cast<DWORD>(sqlite3_column_int64(*use, 1));
     value->data = ColumnBytes(*use, 2);
+    if (cursor != nullptr) {
+        *cursor = EnumCursor{true, index, changeStamp_, {}, sqlite3_column_int64(*use, 3)};
+    }
     return ERROR_SUCCESS;
 }
 
@@ -628,10 +657,19 @@ DWORD Store::Values(KeyId key, std::vector<RegistryValue>* values) {
     return rc == SQLITE_DONE ? txn.Commit() : FromSqlite(rc, false);
 }
 
-DWORD Store::SubKeyAt(KeyId key, DWORD index, std::u16string* name) {
-    Use use(childAt_);
+DWORD Store::SubKeyAt(KeyId key, DWORD index, std::u16string* name, EnumCursor* cursor) {
+    if (DWORD error = CheckCache(); error != ERROR_SUCCESS) {
+        return error;
+    }
+    const bool follow = cursor != nullptr && cursor->valid && cursor->stamp == changeStamp_ &&
+                        index == cursor->index + 1;
+    Use use(follow ? childAfter_ : childAt_);
     sqlite3_bind_int64(*use, 1, key);
-    sqlite3_bind_int64(*use, 2, index);
+    if (follow) {
+        BindBytes(*use, 2, cursor->fold);
+    } else {
+        sqlite3_bind_int64(*use, 2, index);
+    }
     const int rc = sqlite3_step(*use);
     if (rc == SQLITE_DONE) {
         const DWORD error = CheckKey(key);
@@ -641,6 +679,14 @@ DWORD Store::SubKeyAt(KeyId key, DWORD index, std::u16string* name) {
         return FromSqlite(rc, false);
     }
     *name = ColumnName(*use, 0);
+    if (cursor != nullptr) {
+        const auto* fold = static_cast<const char*>(sqlite3_column_blob(*use, 1));
+        const auto size = static_cast<std::size_t>(sqlite3_column_bytes(*use, 1));
+        cursor->valid = true;
+        cursor->index = index;
+        cursor->stamp = changeStamp_;
+        cursor->fold.assign(fold == nullptr ? "" : fold, fold == nullptr ? 0 : size);
+    }
     return ERROR_SUCCESS;
 }
 
@@ -680,6 +726,7 @@ DWORD Store::RemoveKey(KeyId key) {
 }
 
 DWORD Store::DeleteKey(KeyId key) {
+    Changed();
     if (key == kMachineKey) {
         return ERROR_ACCESS_DENIED;
     }
@@ -733,6 +780,7 @@ DWORD Store::Descendants(KeyId key, std::vector<KeyId>* ids) {
 }
 
 DWORD Store::DeleteTree(KeyId key, bool includeKey) {
+    Changed();
     if (includeKey && key == kMachineKey) {
         return ERROR_ACCESS_DENIED;
     }

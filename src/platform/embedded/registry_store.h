@@ -25,10 +25,23 @@
 
 namespace platform {
 
+// Where the last enumeration by index of a handle stopped, so that walking
+// index after index reads on from there instead of counting from the start.
+// Valid only while nothing in the registry changed since.
+struct EnumCursor {
+    bool valid = false;
+    DWORD index = 0;
+    std::uint64_t stamp = 0;
+    std::string fold;          // subkeys: the last name returned, as stored
+    std::int64_t valueId = 0;  // values: the row of the last value returned
+};
+
 struct RegistryKeyObject {
     std::int64_t id = 0;
     REGSAM access = 0;
     std::uint64_t generation = 0;  // the connection it was opened on
+    EnumCursor subKeys;
+    EnumCursor values;
 };
 
 namespace registry_store {
@@ -46,6 +59,8 @@ class Statement {
 
     int Prepare(sqlite3* db, const char* sql);
     void Finalize();
+    // Forgets the statement without touching SQLite (in a forked child).
+    void Abandon() { stmt_ = nullptr; }
     sqlite3_stmt* get() const { return stmt_; }
 
   private:
@@ -98,9 +113,10 @@ class Store {
     DWORD GetValue(KeyId key, std::u16string_view name, RegistryValue* value);
     DWORD SetValue(KeyId key, std::u16string_view name, DWORD type, const void* data, DWORD size);
     DWORD DeleteValue(KeyId key, std::u16string_view name);
-    DWORD ValueAt(KeyId key, DWORD index, RegistryValue* value);
+    // By index; `cursor` (may be null) speeds up walks over consecutive indexes.
+    DWORD ValueAt(KeyId key, DWORD index, RegistryValue* value, EnumCursor* cursor);
     DWORD Values(KeyId key, std::vector<RegistryValue>* values);
-    DWORD SubKeyAt(KeyId key, DWORD index, std::u16string* name);
+    DWORD SubKeyAt(KeyId key, DWORD index, std::u16string* name, EnumCursor* cursor);
     DWORD SubKeys(KeyId key, std::vector<std::pair<KeyId, std::u16string>>* keys);
 
     // Deletes a key without subkeys (ERROR_ACCESS_DENIED otherwise).
@@ -114,12 +130,21 @@ class Store {
     DWORD Exec(Statement& stmt, bool writing);
     Statement begin_read, begin_write, commit, rollback;
     sqlite3* db() const { return db_; }
-    void DropCache() { cache_.clear(); }
+    void DropCache() {
+        cache_.clear();
+        Changed();
+    }
+    // Anything written through this connection ends enumeration cursors.
+    void Changed() { ++changeStamp_; }
 
   private:
     Store();
-    void Close();
+    // Closes the connection; with `abandon` (in a forked child, where the
+    // parent's connection must not be used or closed) only forgets it.
+    void Close(bool abandon = false);
     DWORD Initialize();
+    // Every prepared statement with its SQL.
+    std::vector<std::pair<Statement*, const char*>> StatementTable();
     DWORD CheckCache();
     DWORD LookupChild(KeyId parent, std::u16string_view fold, KeyId* id);
     void SetFold(std::u16string_view name);
@@ -135,10 +160,11 @@ class Store {
     std::unordered_map<std::string, KeyId> cache_;
     std::int64_t dataVersion_ = -1;
     std::int64_t keyGeneration_ = -1;
+    std::uint64_t changeStamp_ = 1;
     std::string fold_;  // scratch: the folded name being looked up, as stored
     Statement dataVersion_stmt_, keyGen_, bumpKeyGen_, child_, insertKey_, keyExists_, hasChildren_,
         children_, childAt_, keyInfo_, deleteKeyVals_, deleteKey_, query_, set_, deleteVal_,
-        valueAt_, values_;
+        valueAt_, values_, childAfter_, valueAfter_;
 };
 
 // Win32 error for an SQLite result.

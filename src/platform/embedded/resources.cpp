@@ -134,8 +134,11 @@ HMODULE RegisterModuleResources(const ModuleResources* resources) {
             return m.get();  // registered already: the same module
         }
     }
-    if (ModuleObject* other = FindByName(t, resources->fileName)) {
-        other->resources = nullptr;  // a newer copy of the module replaces the older
+    if (ModuleObject* loaded = FindByName(t, resources->fileName)) {
+        // A module of that name is loaded already: like a second load on
+        // Windows, this yields the loaded module.
+        SetLastError(ERROR_SUCCESS);
+        return loaded;
     }
     t.modules.push_back(std::make_unique<ModuleObject>());
     t.modules.back()->resources = resources;

@@ -104,3 +104,13 @@ TEST(VersionOfUnknownModule, Fails) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(OwnModuleLifetime, SurvivesAnUnregistration) {
+    platform::UnregisterModuleResources(&ovsvc::OwnResources());
+    EXPECT_EQ(ovtest::U8(ovsvc::LoadOwnString(112)), "OvaspoolSvc");
+    EXPECT_NE(platform::GetModuleHandleW(u"OVSvc.dll"), nullptr);
+}
+
+}  // namespace

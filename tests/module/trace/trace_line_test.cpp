@@ -54,7 +54,9 @@ TEST(TraceCodes, CodePieceShowsCategoryInHex) {
     EXPECT_EQ(U8(CodePiece(INF | SYNC)), "_INF_/SYNC=04h");
     EXPECT_EQ(U8(CodePiece(ERR | CACH)), "_ERR_/CACH=10h");
     EXPECT_EQ(U8(CodePiece(0x05000000 | NORM)), "_?5000000_/NORM=01h");
-    EXPECT_EQ(U8(CodePiece(WRN | 0x123)), "_WRN_/????" "=123h");
+    EXPECT_EQ(U8(CodePiece(WRN | 0x123)),
+              "_WRN_/????"
+              "=123h");
 }
 
 TEST(TraceFilter, ErrorsAndWarningsPassAnyMask) {

@@ -67,6 +67,11 @@ inline constexpr DWORD ERROR_UNKNOWN_PORT = 1796;
 inline constexpr DWORD ERROR_UNKNOWN_PRINTPROCESSOR = 1798;
 inline constexpr DWORD ERROR_PRINTER_DRIVER_IN_USE = 3001;
 inline constexpr DWORD ERROR_INVALID_ENVIRONMENT = 1805;
+inline constexpr DWORD ERROR_INVALID_PRIORITY = 1800;
+inline constexpr DWORD ERROR_INVALID_DATATYPE = 1804;
+inline constexpr DWORD ERROR_INVALID_PRINTER_STATE = 1906;
+inline constexpr DWORD ERROR_INVALID_SHARENAME = 1215;
+inline constexpr DWORD ERROR_UNKNOWN_PRINT_MONITOR = 3000;
 
 // Last error of the calling thread (GetLastError / SetLastError).
 DWORD GetLastError() noexcept;

@@ -3,6 +3,25 @@
 // Keys are case-insensitive and kept in one store per machine; each single
 // set is atomic and visible to every process at once. The Reg* functions
 // return their status (and also leave it as the thread's last error).
+//
+// Results shared by the calls, as Windows gives them:
+//   - a null, closed or unknown handle: ERROR_INVALID_HANDLE;
+//   - a key deleted (by anyone) while this handle is open: ERROR_KEY_DELETED;
+//   - a sub key path starting with "\": ERROR_BAD_PATHNAME; doubled and
+//     trailing separators are ignored; an empty path means the key itself;
+//   - a name part longer than kMaxKeyNameLength: ERROR_INVALID_PARAMETER when
+//     creating, ERROR_FILE_NOT_FOUND when opening (no such key can exist);
+//   - a value name longer than kMaxValueNameLength: ERROR_INVALID_PARAMETER
+//     when setting, ERROR_FILE_NOT_FOUND when querying or deleting;
+//   - a call the handle's rights do not cover: ERROR_ACCESS_DENIED (query and
+//     enumerate values need KEY_QUERY_VALUE, set and delete values
+//     KEY_SET_VALUE, enumerate subkeys KEY_ENUMERATE_SUB_KEYS; creating a
+//     subkey needs no right on the parent);
+//   - names end at an embedded NUL, as C strings do;
+//   - the store cannot be read: ERROR_BADDB (damaged), ERROR_CANTOPEN,
+//     ERROR_CANTREAD, ERROR_CANTWRITE, ERROR_OUTOFMEMORY.
+// Subkeys enumerate in case-insensitive name order, values in the order they
+// were first set.
 #pragma once
 
 #include <cstddef>

@@ -37,7 +37,8 @@ struct Entry {
 };
 
 // Parses a whole file (a leading byte-order mark is skipped). On error returns
-// false with *error "line N: <reason>" and leaves *entries unspecified.
+// false with *error "line N: <reason>" and *entries holds no
+// useful content.
 bool ParseFile(std::u16string_view text, std::vector<Entry>* entries, std::string* error);
 
 // Splits "HKEY_LOCAL_MACHINE\a\b" (or HKLM, HKEY_CLASSES_ROOT, HKCR; any case)

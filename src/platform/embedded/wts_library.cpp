@@ -1,0 +1,187 @@
+// The system libraries the module binds at run time, and the version checks
+// two of them export.
+#include <array>
+#include <string>
+
+#include "platform/machine.h"
+#include "platform/wts.h"
+#include "wts_internal.h"
+
+namespace platform {
+
+struct LibraryObject {
+    const char* name;  // without ".dll"
+    std::vector<std::pair<const char*, FARPROC>> exports;
+};
+
+namespace {
+
+template <typename F>
+FARPROC Export(F* function) {
+    return reinterpret_cast<FARPROC>(function);
+}
+
+std::array<LibraryObject, 3>& Libraries() {
+    static std::array<LibraryObject, 3> libraries{
+        LibraryObject{"wtsapi32",
+                      {{"WTSEnumerateSessionsW", Export(&WTSEnumerateSessionsW)},
+                       {"WTSQuerySessionInformationW", Export(&WTSQuerySessionInformationW)},
+                       {"WTSFreeMemory", Export(&WTSFreeMemory)},
+                       {"WTSEnumerateProcessesW", Export(&WTSEnumerateProcessesW)},
+                       {"WTSWaitSystemEvent", Export(&WTSWaitSystemEvent)}}},
+        LibraryObject{"kernel32",
+                      {{"WTSGetActiveConsoleSessionId", Export(&WTSGetActiveConsoleSessionId)},
+                       {"ProcessIdToSessionId", Export(&ProcessIdToSessionId)},
+                       {"VerifyVersionInfoA", Export(&VerifyVersionInfoA)},
+                       {"VerSetConditionMask", Export(&VerSetConditionMask)}}},
+        LibraryObject{"ntdll", {{"VerSetConditionMask", Export(&VerSetConditionMask)}}},
+    };
+    return libraries;
+}
+
+bool IsWtsApi(const LibraryObject* library) {
+    return library == &Libraries()[0];
+}
+
+bool Switch(const char* key, const std::string& value) {
+    auto v = machine::Setting(key);
+    return v && *v == value;
+}
+
+bool ExportDisabled(std::string_view name) {
+    auto list = machine::Setting("wtsapi32_missing");
+    if (!list) {
+        return false;
+    }
+    std::size_t start = 0;
+    while (start <= list->size()) {
+        std::size_t end = list->find(',', start);
+        if (end == std::string::npos) {
+            end = list->size();
+        }
+        if (std::string_view(*list).substr(start, end - start) == name) {
+            return true;
+        }
+        start = end + 1;
+    }
+    return false;
+}
+
+bool Compare(DWORD actual, DWORD wanted, std::uint8_t condition) {
+    switch (condition) {
+        case VER_EQUAL:
+            return actual == wanted;
+        case VER_GREATER:
+            return actual > wanted;
+        case VER_GREATER_EQUAL:
+            return actual >= wanted;
+        case VER_LESS:
+            return actual < wanted;
+        case VER_LESS_EQUAL:
+            return actual <= wanted;
+        case VER_AND:
+            return (actual & wanted) == wanted;
+        case VER_OR:
+            return (actual & wanted) != 0;
+        default:
+            return false;
+    }
+}
+
+}  // namespace
+
+HLIBRARY LoadLibraryW(std::u16string_view fileName) {
+    std::string name = detail::Utf8(fileName);
+    if (name.size() > 4 &&
+        detail::EqualsIgnoreCase(std::string_view(name).substr(name.size() - 4), ".dll")) {
+        name.resize(name.size() - 4);
+    }
+    for (auto& library : Libraries()) {
+        if (!detail::EqualsIgnoreCase(name, library.name)) {
+            continue;
+        }
+        if (IsWtsApi(&library) && Switch("wtsapi32", "0")) {
+            break;
+        }
+        // The terminal server's settings exist before any program asks.
+        detail::EnsureTerminalServer();
+        SetLastError(ERROR_SUCCESS);
+        return &library;
+    }
+    SetLastError(ERROR_MOD_NOT_FOUND);
+    return nullptr;
+}
+
+FARPROC GetProcAddress(HLIBRARY library, std::string_view procName) {
+    if (library == nullptr) {
+        SetLastError(ERROR_INVALID_HANDLE);
+        return nullptr;
+    }
+    for (const auto& [name, function] : library->exports) {
+        if (procName == name) {
+            if (IsWtsApi(library) && ExportDisabled(procName)) {
+                break;
+            }
+            SetLastError(ERROR_SUCCESS);
+            return function;
+        }
+    }
+    SetLastError(ERROR_PROC_NOT_FOUND);
+    return nullptr;
+}
+
+bool FreeLibrary(HLIBRARY library) {
+    if (library == nullptr) {
+        SetLastError(ERROR_INVALID_HANDLE);
+        return false;
+    }
+    SetLastError(ERROR_SUCCESS);
+    return true;
+}
+
+std::uint64_t VerSetConditionMask(std::uint64_t conditionMask, DWORD typeMask,
+                                  std::uint8_t condition) noexcept {
+    if (condition == 0) {
+        return conditionMask;
+    }
+    for (DWORD bit = 0; bit < 8; ++bit) {
+        if ((typeMask & (1u << bit)) != 0) {
+            conditionMask &= ~(std::uint64_t{7} << (bit * 3));
+            conditionMask |= std::uint64_t{condition & 7u} << (bit * 3);
+        }
+    }
+    return conditionMask;
+}
+
+bool VerifyVersionInfoA(const OSVERSIONINFOEXW* info, DWORD typeMask, std::uint64_t conditionMask) {
+    OSVERSIONINFOEXW system;
+    if (info == nullptr || typeMask == 0 || conditionMask == 0 || !GetVersionExW(&system)) {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return false;
+    }
+    const std::pair<DWORD, std::pair<DWORD, DWORD>> fields[] = {
+        {VER_MINORVERSION, {system.dwMinorVersion, info->dwMinorVersion}},
+        {VER_MAJORVERSION, {system.dwMajorVersion, info->dwMajorVersion}},
+        {VER_BUILDNUMBER, {system.dwBuildNumber, info->dwBuildNumber}},
+        {VER_PLATFORMID, {system.dwPlatformId, info->dwPlatformId}},
+        {VER_SERVICEPACKMINOR, {system.wServicePackMinor, info->wServicePackMinor}},
+        {VER_SERVICEPACKMAJOR, {system.wServicePackMajor, info->wServicePackMajor}},
+        {VER_SUITENAME, {system.wSuiteMask, info->wSuiteMask}},
+        {VER_PRODUCT_TYPE, {system.wProductType, info->wProductType}},
+    };
+    for (DWORD bit = 0; bit < 8; ++bit) {
+        const auto& [type, values] = fields[bit];
+        if ((typeMask & type) == 0) {
+            continue;
+        }
+        const auto condition = static_cast<std::uint8_t>((conditionMask >> (bit * 3)) & 7u);
+        if (!Compare(values.first, values.second, condition)) {
+            SetLastError(ERROR_OLD_WIN_VERSION);
+            return false;
+        }
+    }
+    SetLastError(ERROR_SUCCESS);
+    return true;
+}
+
+}  // namespace platform

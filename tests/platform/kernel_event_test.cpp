@@ -1,0 +1,538 @@
+// Events: creation and opening by name, namespaces, access rights, waits,
+// and their behaviour across processes.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "ovtest.h"
+#include "platform/kernel.h"
+#include "platform/machine.h"
+
+namespace {
+
+using namespace platform;
+using ovtest::U16;
+
+constexpr DWORD kPoison = 0xDEADBEEF;
+
+class KernelEvent : public ovtest::MachineTest {
+  protected:
+    std::u16string Name(const std::string& base) { return U16(ovtest::UniqueName(base)); }
+};
+
+// ---- creation, opening and names --------------------------------------------
+
+TEST_F(KernelEvent, UnnamedEventsAreIndependent) {
+    SetLastError(kPoison);
+    UniqueEvent a = CreateEventW(nullptr, false, false, u"");
+    ASSERT_TRUE(a);
+    EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
+    UniqueEvent b = CreateEventW(nullptr, false, true, u"");
+    ASSERT_TRUE(b);
+    EXPECT_NE(a.get(), b.get());
+    EXPECT_EQ(WaitForSingleObject(a.get(), 0), WAIT_TIMEOUT);
+    EXPECT_EQ(WaitForSingleObject(b.get(), 0), WAIT_OBJECT_0);
+}
+
+TEST_F(KernelEvent, SecondCreateOpensTheSameEventAndReportsAlreadyExists) {
+    const auto name = Name("evt");
+    SetLastError(kPoison);
+    UniqueEvent first = CreateEventW(nullptr, true, false, name);
+    ASSERT_TRUE(first);
+    EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
+
+    SetLastError(kPoison);
+    // The mode and initial state of the second call are ignored.
+    UniqueEvent second = CreateEventW(nullptr, false, true, name);
+    ASSERT_TRUE(second);
+    EXPECT_EQ(GetLastError(), ERROR_ALREADY_EXISTS);
+    EXPECT_NE(first.get(), second.get());
+    EXPECT_EQ(WaitForSingleObject(first.get(), 0), WAIT_TIMEOUT);
+
+    ASSERT_TRUE(SetEvent(second.get()));
+    EXPECT_EQ(WaitForSingleObject(first.get(), 0), WAIT_OBJECT_0);
+    EXPECT_EQ(WaitForSingleObject(first.get(), 0), WAIT_OBJECT_0);  // still manual reset
+}
+
+TEST_F(KernelEvent, OpenOfAnAbsentNameFailsWithFileNotFound) {
+    SetLastError(kPoison);
+    UniqueEvent e = OpenEventW(EVENT_ALL_ACCESS, false, Name("absent"));
+    EXPECT_FALSE(e);
+    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
+
+    SetLastError(kPoison);
+    EXPECT_FALSE(OpenEventW(EVENT_ALL_ACCESS, false, u""));
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+}
+
+TEST_F(KernelEvent, OpenSucceedsWithoutTouchingAlreadyExists) {
+    const auto name = Name("open");
+    UniqueEvent created = CreateEventW(nullptr, false, false, name);
+    ASSERT_TRUE(created);
+    SetLastError(kPoison);
+    UniqueEvent opened = OpenEventW(EVENT_ALL_ACCESS, false, name);
+    ASSERT_TRUE(opened);
+    EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
+}
+
+TEST_F(KernelEvent, NameOfAnotherObjectTypeFailsWithInvalidHandle) {
+    const auto name = Name("shared-name");
+    UniqueMapping mapping = CreateFileMappingW(nullptr, PAGE_READWRITE, 4096, name);
+    ASSERT_TRUE(mapping);
+    SetLastError(kPoison);
+    EXPECT_FALSE(CreateEventW(nullptr, false, false, name));
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+    SetLastError(kPoison);
+    EXPECT_FALSE(OpenEventW(EVENT_ALL_ACCESS, false, name));
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+
+    const auto eventName = Name("event-first");
+    UniqueEvent event = CreateEventW(nullptr, false, false, eventName);
+    ASSERT_TRUE(event);
+    SetLastError(kPoison);
+    EXPECT_FALSE(CreateFileMappingW(nullptr, PAGE_READWRITE, 4096, eventName));
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+}
+
+TEST_F(KernelEvent, NameLengthLimitIsMaxPathWithoutThePrefix) {
+    for (const std::u16string prefix : {u"", u"Global\\", u"Local\\"}) {
+        const std::u16string longest = prefix + std::u16string(MAX_PATH, u'n');
+        SetLastError(kPoison);
+        UniqueEvent ok = CreateEventW(nullptr, false, false, longest);
+        EXPECT_TRUE(ok);
+        EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
+
+        const std::u16string tooLong = prefix + std::u16string(MAX_PATH + 1, u'n');
+        SetLastError(kPoison);
+        EXPECT_FALSE(CreateEventW(nullptr, false, false, tooLong));
+        EXPECT_EQ(GetLastError(), ERROR_FILENAME_EXCED_RANGE);
+        SetLastError(kPoison);
+        EXPECT_FALSE(OpenEventW(SYNCHRONIZE, false, tooLong));
+        EXPECT_EQ(GetLastError(), ERROR_FILENAME_EXCED_RANGE);
+        SetLastError(kPoison);
+        EXPECT_FALSE(CreateFileMappingW(nullptr, PAGE_READWRITE, 4096, tooLong));
+        EXPECT_EQ(GetLastError(), ERROR_FILENAME_EXCED_RANGE);
+    }
+}
+
+TEST_F(KernelEvent, BackslashAfterTheNamespaceIsAMissingDirectory) {
+    for (const std::u16string name : {u"a\\b", u"Global\\a\\b", u"Local\\a\\b", u"Other\\x"}) {
+        SetLastError(kPoison);
+        EXPECT_FALSE(CreateEventW(nullptr, false, false, name));
+        EXPECT_EQ(GetLastError(), ERROR_PATH_NOT_FOUND);
+    }
+    SetLastError(kPoison);
+    EXPECT_FALSE(CreateEventW(nullptr, false, false, u"Global\\"));
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_NAME);
+}
+
+TEST_F(KernelEvent, LocalPrefixIsTheSessionNamespaceAndGlobalIsSeparate) {
+    const std::string base = ovtest::UniqueName("ns");
+    UniqueEvent plain = CreateEventW(nullptr, true, false, U16(base));
+    ASSERT_TRUE(plain);
+    SetLastError(kPoison);
+    UniqueEvent local = CreateEventW(nullptr, true, false, U16("Local\\" + base));
+    ASSERT_TRUE(local);
+    EXPECT_EQ(GetLastError(), ERROR_ALREADY_EXISTS);
+    SetLastError(kPoison);
+    UniqueEvent global = CreateEventW(nullptr, true, false, U16("Global\\" + base));
+    ASSERT_TRUE(global);
+    EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
+    // Names are case-sensitive.
+    std::string upper = base;
+    upper[0] = 'N';
+    SetLastError(kPoison);
+    EXPECT_FALSE(OpenEventW(SYNCHRONIZE, false, U16(upper)));
+    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
+}
+
+class SessionScope {
+  public:
+    explicit SessionScope(const char* id) {
+        const char* old = std::getenv("OVSVC_SESSION_ID");
+        had_ = old != nullptr;
+        if (had_) {
+            old_ = old;
+        }
+        setenv("OVSVC_SESSION_ID", id, 1);
+    }
+    ~SessionScope() {
+        if (had_) {
+            setenv("OVSVC_SESSION_ID", old_.c_str(), 1);
+        } else {
+            unsetenv("OVSVC_SESSION_ID");
+        }
+    }
+
+  private:
+    bool had_ = false;
+    std::string old_;
+};
+
+TEST_F(KernelEvent, SessionNamesAreInvisibleToOtherSessionsGlobalNamesAreNot) {
+    const auto local = Name("per-session");
+    const auto global = u"Global\\" + Name("machine-wide");
+    UniqueEvent mine;
+    UniqueEvent machineWide;
+    {
+        SessionScope one("1");
+        EXPECT_EQ(GetCurrentSessionId(), 1u);
+        mine = CreateEventW(nullptr, false, false, local);
+        machineWide = CreateEventW(nullptr, false, false, global);
+        ASSERT_TRUE(mine);
+        ASSERT_TRUE(machineWide);
+    }
+    SessionScope two("2");
+    SetLastError(kPoison);
+    EXPECT_FALSE(OpenEventW(SYNCHRONIZE, false, local));
+    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
+    SetLastError(kPoison);
+    UniqueEvent other = CreateEventW(nullptr, false, false, local);
+    EXPECT_TRUE(other);
+    EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
+    EXPECT_TRUE(OpenEventW(SYNCHRONIZE, false, global));
+}
+
+TEST_F(KernelEvent, GlobalNamesFailWhenTheGlobalNamespaceIsSwitchedOff) {
+    const auto name = Name("gns");
+    machine::SetSetting("global_namespace", "0");
+    SetLastError(kPoison);
+    EXPECT_FALSE(CreateEventW(nullptr, false, false, u"Global\\" + name));
+    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+    SetLastError(kPoison);
+    EXPECT_FALSE(OpenEventW(SYNCHRONIZE, false, u"Global\\" + name));
+    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+    SetLastError(kPoison);
+    EXPECT_FALSE(CreateFileMappingW(nullptr, PAGE_READWRITE, 4096, u"Global\\" + name));
+    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+    // Session names still work.
+    SetLastError(kPoison);
+    EXPECT_TRUE(CreateEventW(nullptr, false, false, name));
+    EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
+
+    machine::SetSetting("global_namespace", "1");
+    EXPECT_TRUE(CreateEventW(nullptr, false, false, u"Global\\" + name));
+}
+
+TEST_F(KernelEvent, TwoMachineRootsNeverShareObjects) {
+    const auto name = u"Global\\" + Name("rooted");
+    UniqueEvent here = CreateEventW(nullptr, true, false, name);
+    ASSERT_TRUE(here);
+    const std::string first = machine::Root();
+    const std::string second = ovtest::MakeTempDir("ovsvc-other-root-");
+    machine::UseRoot(second);
+    SetLastError(kPoison);
+    EXPECT_FALSE(OpenEventW(SYNCHRONIZE, false, name));
+    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
+    SetLastError(kPoison);
+    UniqueEvent there = CreateEventW(nullptr, true, false, name);
+    EXPECT_TRUE(there);
+    EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
+    ASSERT_TRUE(SetEvent(there.get()));
+    machine::UseRoot(first);
+    EXPECT_EQ(WaitForSingleObject(here.get(), 0), WAIT_TIMEOUT);
+    there.reset();
+    std::filesystem::remove_all(second);
+}
+
+// ---- lifetime ----------------------------------------------------------------
+
+TEST_F(KernelEvent, EventLivesUntilItsLastHandleCloses) {
+    const auto name = Name("life");
+    UniqueEvent a = CreateEventW(nullptr, true, true, name);
+    UniqueEvent b = OpenEventW(SYNCHRONIZE, false, name);
+    ASSERT_TRUE(a);
+    ASSERT_TRUE(b);
+    a.reset();
+    UniqueEvent c = OpenEventW(SYNCHRONIZE, false, name);
+    ASSERT_TRUE(c);
+    EXPECT_EQ(WaitForSingleObject(c.get(), 0), WAIT_OBJECT_0);  // state survived
+    b.reset();
+    c.reset();
+    SetLastError(kPoison);
+    EXPECT_FALSE(OpenEventW(SYNCHRONIZE, false, name));
+    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
+    // A new event of the name starts fresh.
+    UniqueEvent fresh = CreateEventW(nullptr, true, false, name);
+    EXPECT_EQ(WaitForSingleObject(fresh.get(), 0), WAIT_TIMEOUT);
+}
+
+// ---- access rights and bad handles -------------------------------------------
+
+TEST_F(KernelEvent, HandleAccessRightsAreEnforced) {
+    const auto name = Name("rights");
+    UniqueEvent owner = CreateEventW(nullptr, true, false, name);
+    ASSERT_TRUE(owner);
+
+    UniqueEvent syncOnly = OpenEventW(SYNCHRONIZE, false, name);
+    ASSERT_TRUE(syncOnly);
+    SetLastError(kPoison);
+    EXPECT_FALSE(SetEvent(syncOnly.get()));
+    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+    SetLastError(kPoison);
+    EXPECT_FALSE(ResetEvent(syncOnly.get()));
+    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+    EXPECT_EQ(WaitForSingleObject(syncOnly.get(), 0), WAIT_TIMEOUT);
+
+    UniqueEvent modifyOnly = OpenEventW(EVENT_MODIFY_STATE, false, name);
+    ASSERT_TRUE(modifyOnly);
+    EXPECT_TRUE(SetEvent(modifyOnly.get()));
+    SetLastError(kPoison);
+    EXPECT_EQ(WaitForSingleObject(modifyOnly.get(), 0), WAIT_FAILED);
+    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+    EXPECT_EQ(WaitForSingleObject(syncOnly.get(), 0), WAIT_OBJECT_0);
+
+    // Generic rights map onto the event's own.
+    constexpr DWORD kGenericWrite = 0x40000000;
+    constexpr DWORD kGenericExecute = 0x20000000;
+    UniqueEvent generic = OpenEventW(kGenericWrite | kGenericExecute, false, name);
+    ASSERT_TRUE(generic);
+    EXPECT_TRUE(ResetEvent(generic.get()));
+    EXPECT_EQ(WaitForSingleObject(generic.get(), 0), WAIT_TIMEOUT);
+}
+
+TEST_F(KernelEvent, BadHandlesFailWithInvalidHandle) {
+    UniqueMapping mapping = CreateFileMappingW(nullptr, PAGE_READWRITE, 4096, u"");
+    ASSERT_TRUE(mapping);
+    UniqueEvent closed = CreateEventW(nullptr, false, false, u"");
+    const HANDLE stale = closed.get();
+    closed.reset();
+    for (HANDLE bad : {static_cast<HANDLE>(nullptr), INVALID_HANDLE_VALUE, stale, mapping.get()}) {
+        SetLastError(kPoison);
+        EXPECT_FALSE(SetEvent(bad));
+        EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+        SetLastError(kPoison);
+        EXPECT_FALSE(ResetEvent(bad));
+        EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+        SetLastError(kPoison);
+        EXPECT_EQ(WaitForSingleObject(bad, 0), WAIT_FAILED);
+        EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+    }
+}
+
+// ---- waits within one process --------------------------------------------------
+
+TEST_F(KernelEvent, AutomaticResetIsConsumedByOneWaitManualResetIsNot) {
+    UniqueEvent automatic = CreateEventW(nullptr, false, true, Name("auto"));
+    EXPECT_EQ(WaitForSingleObject(automatic.get(), 0), WAIT_OBJECT_0);
+    EXPECT_EQ(WaitForSingleObject(automatic.get(), 0), WAIT_TIMEOUT);
+    // Repeated sets with nobody waiting leave one release, not several.
+    ASSERT_TRUE(SetEvent(automatic.get()));
+    ASSERT_TRUE(SetEvent(automatic.get()));
+    EXPECT_EQ(WaitForSingleObject(automatic.get(), 0), WAIT_OBJECT_0);
+    EXPECT_EQ(WaitForSingleObject(automatic.get(), 0), WAIT_TIMEOUT);
+
+    UniqueEvent manual = CreateEventW(nullptr, true, false, Name("manual"));
+    ASSERT_TRUE(SetEvent(manual.get()));
+    EXPECT_EQ(WaitForSingleObject(manual.get(), 0), WAIT_OBJECT_0);
+    EXPECT_EQ(WaitForSingleObject(manual.get(), 0), WAIT_OBJECT_0);
+    ASSERT_TRUE(ResetEvent(manual.get()));
+    EXPECT_EQ(WaitForSingleObject(manual.get(), 0), WAIT_TIMEOUT);
+}
+
+TEST_F(KernelEvent, TimedWaitReturnsTimeoutNoSoonerThanAsked) {
+    UniqueEvent e = CreateEventW(nullptr, false, false, u"");
+    const auto start = std::chrono::steady_clock::now();
+    SetLastError(kPoison);
+    EXPECT_EQ(WaitForSingleObject(e.get(), 60), WAIT_TIMEOUT);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(60));
+}
+
+TEST_F(KernelEvent, InfiniteWaitIsReleasedBySetFromAnotherThread) {
+    UniqueEvent e = CreateEventW(nullptr, false, false, u"");
+    std::thread setter([&] {
+        Sleep(20);
+        SetEvent(e.get());
+    });
+    EXPECT_EQ(WaitForSingleObject(e.get(), INFINITE), WAIT_OBJECT_0);
+    setter.join();
+}
+
+TEST_F(KernelEvent, ManualSetReleasesEveryWaiterEvenIfResetAtOnce) {
+    UniqueEvent e = CreateEventW(nullptr, true, false, u"");
+    UniqueEvent ready = CreateEventW(nullptr, false, false, u"");
+    constexpr int kWaiters = 4;
+    std::atomic<int> released{0};
+    std::vector<std::thread> waiters;
+    for (int i = 0; i < kWaiters; ++i) {
+        waiters.emplace_back([&] {
+            if (WaitForSingleObject(e.get(), 20000) == WAIT_OBJECT_0) {
+                released.fetch_add(1);
+            }
+        });
+    }
+    Sleep(100);  // let them block
+    ASSERT_TRUE(SetEvent(e.get()));
+    ASSERT_TRUE(ResetEvent(e.get()));
+    for (auto& t : waiters) {
+        t.join();
+    }
+    EXPECT_EQ(released.load(), kWaiters);
+}
+
+// ---- across processes --------------------------------------------------------------
+
+OVTEST_CHILD(event_waiter) {
+    // args: event name, timeout ms, ready event name
+    UniqueEvent e = OpenEventW(SYNCHRONIZE, false, U16(args.at(0)));
+    if (!e) {
+        return 10;
+    }
+    UniqueEvent ready = OpenEventW(EVENT_MODIFY_STATE, false, U16(args.at(2)));
+    if (!ready || !SetEvent(ready.get())) {
+        return 11;
+    }
+    const DWORD r = WaitForSingleObject(e.get(), static_cast<DWORD>(std::stoul(args.at(1))));
+    return r == WAIT_OBJECT_0 ? 0 : r == WAIT_TIMEOUT ? 20 : 21;
+}
+
+// Starts `count` waiter processes on `name` and returns once all are waiting.
+std::vector<ovtest::Process> StartWaiters(const std::string& name, int count,
+                                          const std::string& timeout) {
+    const std::string readyName = ovtest::UniqueName("ready");
+    UniqueEvent ready = CreateEventW(nullptr, false, false, U16(readyName));
+    std::vector<ovtest::Process> children;
+    for (int i = 0; i < count; ++i) {
+        children.push_back(ovtest::Process::StartChild("event_waiter", {name, timeout, readyName}));
+        EXPECT_EQ(WaitForSingleObject(ready.get(), 20000), WAIT_OBJECT_0);
+    }
+    Sleep(100);  // from "ready" into the wait itself
+    return children;
+}
+
+TEST_F(KernelEvent, SetInOneProcessWakesAWaiterInAnother) {
+    const std::string name = "Global\\" + ovtest::UniqueName("xproc");
+    UniqueEvent e = CreateEventW(nullptr, false, false, U16(name));
+    ASSERT_TRUE(e);
+    auto children = StartWaiters(name, 1, "30000");
+    ASSERT_TRUE(SetEvent(e.get()));
+    EXPECT_EQ(children[0].Wait(std::chrono::seconds(20)), 0) << children[0].output();
+    EXPECT_EQ(WaitForSingleObject(e.get(), 0), WAIT_TIMEOUT);  // the waiter consumed it
+}
+
+TEST_F(KernelEvent, WaiterInAnotherProcessTimesOut) {
+    const std::string name = ovtest::UniqueName("xtimeout");
+    UniqueEvent e = CreateEventW(nullptr, false, false, U16(name));
+    auto children = StartWaiters(name, 1, "50");
+    EXPECT_EQ(children[0].Wait(std::chrono::seconds(20)), 20) << children[0].output();
+}
+
+TEST_F(KernelEvent, AutomaticResetReleasesExactlyOneOfSeveralWaitersPerSet) {
+    const std::string name = ovtest::UniqueName("one-each");
+    UniqueEvent e = CreateEventW(nullptr, false, false, U16(name));
+    constexpr int kWaiters = 3;
+    auto children = StartWaiters(name, kWaiters, "30000");
+    for (int set = 1; set <= kWaiters; ++set) {
+        ASSERT_TRUE(SetEvent(e.get()));
+        // Exactly one more child finishes.
+        int finished = 0;
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        while (std::chrono::steady_clock::now() < deadline) {
+            finished = 0;
+            for (auto& c : children) {
+                finished += c.Running() ? 0 : 1;
+            }
+            if (finished >= set) {
+                break;
+            }
+            Sleep(5);
+        }
+        ASSERT_EQ(finished, set);
+        Sleep(200);  // nobody else may follow
+        finished = 0;
+        for (auto& c : children) {
+            finished += c.Running() ? 0 : 1;
+        }
+        EXPECT_EQ(finished, set);
+    }
+    for (auto& c : children) {
+        EXPECT_EQ(c.Wait(std::chrono::seconds(5)), 0) << c.output();
+    }
+    EXPECT_EQ(WaitForSingleObject(e.get(), 0), WAIT_TIMEOUT);
+}
+
+TEST_F(KernelEvent, TwoQuickSetsReleaseTwoWaiters) {
+    const std::string name = ovtest::UniqueName("two-sets");
+    UniqueEvent e = CreateEventW(nullptr, false, false, U16(name));
+    auto children = StartWaiters(name, 2, "30000");
+    ASSERT_TRUE(SetEvent(e.get()));
+    ASSERT_TRUE(SetEvent(e.get()));
+    for (auto& c : children) {
+        EXPECT_EQ(c.Wait(std::chrono::seconds(20)), 0) << c.output();
+    }
+}
+
+TEST_F(KernelEvent, ManualResetReleasesAllWaitingProcesses) {
+    const std::string name = ovtest::UniqueName("all");
+    UniqueEvent e = CreateEventW(nullptr, true, false, U16(name));
+    auto children = StartWaiters(name, 3, "30000");
+    ASSERT_TRUE(SetEvent(e.get()));
+    for (auto& c : children) {
+        EXPECT_EQ(c.Wait(std::chrono::seconds(20)), 0) << c.output();
+    }
+    EXPECT_EQ(WaitForSingleObject(e.get(), 0), WAIT_OBJECT_0);
+}
+
+OVTEST_CHILD(hold_and_hang) {
+    // args: event name, mapping name, ready event name
+    UniqueEvent e = CreateEventW(nullptr, true, false, U16(args.at(0)));
+    UniqueMapping m = CreateFileMappingW(nullptr, PAGE_READWRITE, 65536, U16(args.at(1)));
+    MappedView v = MapViewOfFile(m.get(), FILE_MAP_ALL_ACCESS, 0, 0);
+    UniqueEvent ready = OpenEventW(EVENT_MODIFY_STATE, false, U16(args.at(2)));
+    if (!e || !m || !v || !ready || !SetEvent(ready.get())) {
+        return 10;
+    }
+    Sleep(60000);
+    return 0;
+}
+
+TEST_F(KernelEvent, ObjectWhoseOnlyHolderWasKilledIsGoneForTheNextOpener) {
+    const std::string event = "Global\\" + ovtest::UniqueName("orphan");
+    const std::string mapping = ovtest::UniqueName("orphan-map");
+    const std::string readyName = ovtest::UniqueName("ready");
+    UniqueEvent ready = CreateEventW(nullptr, false, false, U16(readyName));
+    auto child = ovtest::Process::StartChild("hold_and_hang", {event, mapping, readyName});
+    ASSERT_EQ(WaitForSingleObject(ready.get(), 20000), WAIT_OBJECT_0) << child.output();
+    {
+        UniqueEvent seen = OpenEventW(SYNCHRONIZE, false, U16(event));
+        EXPECT_TRUE(seen);  // held by the child
+    }
+    child.Kill(9);
+    EXPECT_EQ(child.Wait(std::chrono::seconds(20)), 128 + 9);
+
+    SetLastError(kPoison);
+    EXPECT_FALSE(OpenEventW(SYNCHRONIZE, false, U16(event)));
+    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
+    SetLastError(kPoison);
+    EXPECT_FALSE(OpenFileMappingW(FILE_MAP_READ, false, U16(mapping)));
+    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
+    SetLastError(kPoison);
+    UniqueEvent again = CreateEventW(nullptr, true, false, U16(event));
+    EXPECT_TRUE(again);
+    EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
+}
+
+TEST_F(KernelEvent, ObjectSurvivesAKilledHolderWhileAnotherProcessHoldsIt) {
+    const std::string event = ovtest::UniqueName("shared-orphan");
+    const std::string mapping = ovtest::UniqueName("shared-orphan-map");
+    const std::string readyName = ovtest::UniqueName("ready");
+    UniqueEvent ready = CreateEventW(nullptr, false, false, U16(readyName));
+    auto child = ovtest::Process::StartChild("hold_and_hang", {event, mapping, readyName});
+    ASSERT_EQ(WaitForSingleObject(ready.get(), 20000), WAIT_OBJECT_0) << child.output();
+    UniqueEvent mine = OpenEventW(EVENT_ALL_ACCESS, false, U16(event));
+    ASSERT_TRUE(mine);
+    ASSERT_TRUE(SetEvent(mine.get()));
+    child.Kill(9);
+    child.Wait(std::chrono::seconds(20));
+    UniqueEvent again = OpenEventW(SYNCHRONIZE, false, U16(event));
+    ASSERT_TRUE(again);
+    EXPECT_EQ(WaitForSingleObject(again.get(), 0), WAIT_OBJECT_0);
+}
+
+}  // namespace

@@ -1,0 +1,434 @@
+// Starting processes: command lines, program look-up, exit codes, waits and
+// the pipes that carry a child's output.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "ovtest.h"
+#include "platform/kernel.h"
+#include "platform/process.h"
+#include "platform/wts.h"
+
+namespace {
+
+using namespace platform;
+using ovtest::U16;
+using ovtest::U8;
+
+constexpr DWORD kPoison = 0xDEADBEEF;
+
+std::string SelfPath() {
+    return std::filesystem::read_symlink("/proc/self/exe").string();
+}
+
+// Writes `count` bytes to standard output and `count` to standard error,
+// interleaved, in small pieces.
+OVTEST_CHILD(chatty) {
+    const std::size_t count = std::stoul(args.at(0));
+    std::string chunk(1000, 'o');
+    std::string echunk(1000, 'e');
+    for (std::size_t done = 0; done < count;) {
+        const std::size_t n = std::min(chunk.size(), count - done);
+        if (write(1, chunk.data(), n) != static_cast<ssize_t>(n) ||
+            write(2, echunk.data(), n) != static_cast<ssize_t>(n)) {
+            return 3;
+        }
+        done += n;
+    }
+    return 0;
+}
+
+OVTEST_CHILD(exit_with) {
+    return std::stoi(args.at(0));
+}
+
+OVTEST_CHILD(sleeper) {
+    std::this_thread::sleep_for(std::chrono::seconds(30));
+    return 0;
+}
+
+OVTEST_CHILD(show_env) {
+    const char* v = std::getenv(args.at(0).c_str());
+    std::printf("%s=%s\n", args.at(0).c_str(), v != nullptr ? v : "(unset)");
+    return 0;
+}
+
+OVTEST_CHILD(show_args) {
+    for (const auto& a : args) {
+        std::printf("[%s]", a.c_str());
+    }
+    std::printf("\n");
+    return 0;
+}
+
+std::u16string SelfCommand(const std::string& child, const std::string& rest = {}) {
+    return U16("\"" + SelfPath() + "\" --child=" + child + (rest.empty() ? "" : " " + rest));
+}
+
+// Everything a child writes into one pipe, read until the child closed it.
+struct Captured {
+    std::string text;
+    DWORD exitCode = kPoison;
+};
+
+Captured RunCaptured(const std::u16string& commandLine,
+                     const std::vector<std::u16string>* environment = nullptr,
+                     std::u16string_view directory = {}) {
+    Captured result;
+    UniquePipe readEnd;
+    UniquePipe writeEnd;
+    SecurityAttributes inherit;
+    inherit.inheritHandle = true;
+    EXPECT_TRUE(CreatePipe(&readEnd, &writeEnd, &inherit, 0));
+    STARTUPINFOW si;
+    si.dwFlags = STARTF_USESTDHANDLES;
+    si.hStdOutput = writeEnd.get();
+    si.hStdError = writeEnd.get();
+    PROCESS_INFORMATION pi;
+    if (!CreateProcessW({}, commandLine, nullptr, nullptr, true, CREATE_NO_WINDOW, environment,
+                        directory, si, &pi)) {
+        ADD_FAILURE() << "CreateProcessW failed: " << GetLastError();
+        return result;
+    }
+    writeEnd.reset();  // the child holds the only write end now
+    char buffer[4096];
+    DWORD n = 0;
+    while (ReadFile(readEnd.get(), buffer, sizeof buffer, &n) && n > 0) {
+        result.text.append(buffer, n);
+    }
+    EXPECT_EQ(GetLastError(), ERROR_BROKEN_PIPE);
+    EXPECT_EQ(WaitForSingleObject(pi.hProcess.get(), 20000), WAIT_OBJECT_0);
+    EXPECT_TRUE(GetExitCodeProcess(pi.hProcess.get(), &result.exitCode));
+    return result;
+}
+
+TEST(CommandLine, SplitsAsWindowsProgramsDo) {
+    struct Case {
+        std::u16string_view line;
+        std::vector<std::u16string> words;
+    };
+    const Case cases[] = {
+        {u"Ovaspool -q -d", {u"Ovaspool", u"-q", u"-d"}},
+        {u"  Ovaspool   -q\t-d  ", {u"Ovaspool", u"-q", u"-d"}},
+        {u"\"C:\\Program Files\\x.exe\" a", {u"C:\\Program Files\\x.exe", u"a"}},
+        {u"p \"a b\" c", {u"p", u"a b", u"c"}},
+        {u"p a\\\\b", {u"p", u"a\\\\b"}},        // backslashes without a quote stay
+        {u"p a\\\"b", {u"p", u"a\"b"}},          // \" is a quote
+        {u"p a\\\\\"b c\"", {u"p", u"a\\b c"}},  // \\" is a backslash and a quote mark
+        {u"p \"a\"\"b\"", {u"p", u"a\"b"}},      // "" inside quotes is a quote
+        {u"p \"\"", {u"p", u""}},                // an empty argument
+        {u"p \"unterminated arg", {u"p", u"unterminated arg"}},
+        {u"C:\\dir\\prog\\ x", {u"C:\\dir\\prog\\", u"x"}},  // no escapes in the program name
+        {u"p a\"b", {u"p", u"ab"}},                          // a quote only switches quoting
+        {u"pro\"g x", {u"pro\"g", u"x"}},                    // kept in an unquoted program name
+        {std::u16string_view(u"p a\0b", 5), {u"p", u"a"}},   // ends at a NUL
+        {u"", {}},
+        {u"   ", {}},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(CommandLineToArgv(c.line), c.words) << U8(std::u16string(c.line));
+    }
+}
+
+class ProgramSearch : public ovtest::MachineTest {
+  protected:
+    void SetUp() override {
+        MachineTest::SetUp();
+        dir_ = ovtest::MakeTempDir("ovsvc-path-");
+        oldPath_ = std::getenv("PATH") != nullptr ? std::getenv("PATH") : "";
+        setenv("PATH", (dir_ + ":" + oldPath_).c_str(), 1);
+    }
+    void TearDown() override {
+        setenv("PATH", oldPath_.c_str(), 1);
+        std::filesystem::remove_all(dir_);
+        MachineTest::TearDown();
+    }
+    std::string Make(const std::string& name, bool executable = true) {
+        const std::string path = dir_ + "/" + name;
+        std::ofstream(path) << "#!/bin/sh\necho " << name << "\n";
+        chmod(path.c_str(), executable ? 0755 : 0644);
+        return path;
+    }
+    std::string dir_;
+    std::string oldPath_;
+};
+
+TEST_F(ProgramSearch, NamesMatchInAnyCaseWithExeOptional) {
+    const std::string tool = Make("OvTool");
+    const std::string exe = Make("other.exe");
+    EXPECT_EQ(U8(SearchProgram(u"OvTool")), tool);
+    EXPECT_EQ(U8(SearchProgram(u"ovtool")), tool);
+    EXPECT_EQ(U8(SearchProgram(u"OVTOOL.EXE")), tool);
+    EXPECT_EQ(U8(SearchProgram(u"other")), exe);
+    EXPECT_EQ(U8(SearchProgram(u"Other.Exe")), exe);
+    SetLastError(kPoison);
+    EXPECT_TRUE(SearchProgram(u"ovtoo").empty());
+    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
+    EXPECT_TRUE(SearchProgram(u"").empty());
+}
+
+TEST_F(ProgramSearch, FilesThatCannotRunAreSkipped) {
+    Make("notrunnable", false);
+    EXPECT_TRUE(SearchProgram(u"notrunnable").empty());
+    std::filesystem::create_directory(dir_ + "/adir");
+    EXPECT_TRUE(SearchProgram(u"adir").empty());
+}
+
+TEST_F(ProgramSearch, TheModulesDirectoryComesBeforePath) {
+    Make("ovasctl");  // a decoy earlier on PATH than nothing, later than the module
+    EXPECT_EQ(U8(SearchProgram(u"OVASCTL.exe")), ovtest::BinDir() + "/ovasctl");
+}
+
+TEST_F(ProgramSearch, PathsAreTakenAsGiven) {
+    const std::string tool = Make("Direct");
+    EXPECT_EQ(U8(SearchProgram(U16(dir_ + "/direct.exe"))), tool);
+    EXPECT_TRUE(SearchProgram(U16(dir_ + "/missing")).empty());
+}
+
+class ProcessStart : public ovtest::MachineTest {};
+
+TEST_F(ProcessStart, ExitCodeIsStillActiveUntilTheProcessEnds) {
+    STARTUPINFOW si;
+    PROCESS_INFORMATION pi;
+    ASSERT_TRUE(CreateProcessW({}, SelfCommand("sleeper"), nullptr, nullptr, false, 0, nullptr, {},
+                               si, &pi));
+    EXPECT_NE(pi.dwProcessId, 0u);
+    EXPECT_EQ(GetProcessId(pi.hProcess.get()), pi.dwProcessId);
+    DWORD code = kPoison;
+    ASSERT_TRUE(GetExitCodeProcess(pi.hProcess.get(), &code));
+    EXPECT_EQ(code, STILL_ACTIVE);
+    EXPECT_EQ(WaitForSingleObject(pi.hProcess.get(), 50), WAIT_TIMEOUT);
+    EXPECT_EQ(WaitForSingleObject(pi.hThread.get(), 0), WAIT_TIMEOUT);
+    ASSERT_TRUE(TerminateProcess(pi.hProcess.get(), 77));
+    EXPECT_EQ(WaitForSingleObject(pi.hProcess.get(), 5000), WAIT_OBJECT_0);
+    EXPECT_EQ(WaitForSingleObject(pi.hThread.get(), 0), WAIT_OBJECT_0);
+    ASSERT_TRUE(GetExitCodeProcess(pi.hProcess.get(), &code));
+    EXPECT_EQ(code, 77u);
+    // Ended processes cannot be terminated again.
+    SetLastError(kPoison);
+    EXPECT_FALSE(TerminateProcess(pi.hProcess.get(), 1));
+    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+}
+
+TEST_F(ProcessStart, ExitCodesComeThroughWithAndWithoutTimeout) {
+    for (int want : {0, 1, 42, 255}) {
+        STARTUPINFOW si;
+        PROCESS_INFORMATION pi;
+        ASSERT_TRUE(CreateProcessW({}, SelfCommand("exit_with", std::to_string(want)), nullptr,
+                                   nullptr, false, 0, nullptr, {}, si, &pi));
+        EXPECT_EQ(WaitForSingleObject(pi.hProcess.get(), want % 2 ? INFINITE : 20000),
+                  WAIT_OBJECT_0);
+        DWORD code = kPoison;
+        ASSERT_TRUE(GetExitCodeProcess(pi.hProcess.get(), &code));
+        EXPECT_EQ(code, static_cast<DWORD>(want));
+    }
+}
+
+TEST_F(ProcessStart, ManyKilobytesOfOutputAreDrainedWithoutBlocking) {
+    // Far more than a pipe buffer holds, on standard output and error at once.
+    const std::size_t count = 1 << 20;
+    const auto start = std::chrono::steady_clock::now();
+    Captured c = RunCaptured(SelfCommand("chatty", std::to_string(count)));
+    EXPECT_EQ(c.exitCode, 0u);
+    ASSERT_EQ(c.text.size(), 2 * count);
+    EXPECT_EQ(std::count(c.text.begin(), c.text.end(), 'o'), static_cast<long>(count));
+    EXPECT_EQ(std::count(c.text.begin(), c.text.end(), 'e'), static_cast<long>(count));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(60));
+}
+
+TEST_F(ProcessStart, ArgumentsReachTheChildAsSplit) {
+    Captured c = RunCaptured(SelfCommand("show_args", "one \"two words\" th\\\"ree"));
+    EXPECT_EQ(c.text, "[one][two words][th\"ree]\n");
+}
+
+TEST_F(ProcessStart, EnvironmentIsTheCallersUnlessGiven) {
+    setenv("OVSVC_TEST_MARK", "inherited", 1);
+    EXPECT_EQ(RunCaptured(SelfCommand("show_env", "OVSVC_TEST_MARK")).text,
+              "OVSVC_TEST_MARK=inherited\n");
+    const std::vector<std::u16string> env{u"OVSVC_TEST_MARK=given", U16("OVSVC_ROOT=" + root())};
+    EXPECT_EQ(RunCaptured(SelfCommand("show_env", "OVSVC_TEST_MARK"), &env).text,
+              "OVSVC_TEST_MARK=given\n");
+    EXPECT_EQ(RunCaptured(SelfCommand("show_env", "HOME"), &env).text, "HOME=(unset)\n");
+    unsetenv("OVSVC_TEST_MARK");
+}
+
+TEST_F(ProcessStart, CurrentDirectoryIsApplied) {
+    const std::string dir = ovtest::MakeTempDir("ovsvc-cwd-");
+    Captured c = RunCaptured(u"sh -c pwd", nullptr, U16(dir));
+    EXPECT_EQ(c.text, std::filesystem::canonical(dir).string() + "\n");
+    std::filesystem::remove_all(dir);
+}
+
+TEST_F(ProcessStart, StandardHandlesNeedInheritance) {
+    UniquePipe readEnd;
+    UniquePipe writeEnd;
+    ASSERT_TRUE(CreatePipe(&readEnd, &writeEnd, nullptr, 0));
+    STARTUPINFOW si;
+    si.dwFlags = STARTF_USESTDHANDLES;
+    si.hStdOutput = writeEnd.get();
+    PROCESS_INFORMATION pi;
+    ASSERT_TRUE(CreateProcessW({}, u"sh -c \"echo lost\"", nullptr, nullptr, false, 0, nullptr, {},
+                               si, &pi));
+    EXPECT_EQ(WaitForSingleObject(pi.hProcess.get(), 20000), WAIT_OBJECT_0);
+    writeEnd.reset();
+    DWORD available = kPoison;
+    ASSERT_TRUE(PeekNamedPipe(readEnd.get(), &available));
+    EXPECT_EQ(available, 0u);
+}
+
+TEST_F(ProcessStart, FailuresHaveWindowsErrors) {
+    STARTUPINFOW si;
+    PROCESS_INFORMATION pi;
+    SetLastError(kPoison);
+    EXPECT_FALSE(CreateProcessW({}, u"no-such-program-anywhere -x", nullptr, nullptr, false, 0,
+                                nullptr, {}, si, &pi));
+    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
+    EXPECT_FALSE(pi.hProcess);
+    SetLastError(kPoison);
+    EXPECT_FALSE(CreateProcessW({}, u"   ", nullptr, nullptr, false, 0, nullptr, {}, si, &pi));
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+    SetLastError(kPoison);
+    EXPECT_FALSE(CreateProcessW({}, {}, nullptr, nullptr, false, 0, nullptr, {}, si, &pi));
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+
+    si.dwFlags = STARTF_USESTDHANDLES;
+    si.hStdOutput = reinterpret_cast<HANDLE>(std::uintptr_t{0x7ff0});
+    SetLastError(kPoison);
+    EXPECT_FALSE(CreateProcessW({}, SelfCommand("exit_with", "0"), nullptr, nullptr, true, 0,
+                                nullptr, {}, si, &pi));
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+
+    DWORD code = 0;
+    SetLastError(kPoison);
+    EXPECT_FALSE(GetExitCodeProcess(reinterpret_cast<HANDLE>(std::uintptr_t{0x7ff0}), &code));
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+}
+
+TEST_F(ProcessStart, ApplicationNameOverridesTheFirstWord) {
+    Captured c;
+    UniquePipe readEnd;
+    UniquePipe writeEnd;
+    ASSERT_TRUE(CreatePipe(&readEnd, &writeEnd, nullptr, 0));
+    STARTUPINFOW si;
+    si.dwFlags = STARTF_USESTDHANDLES;
+    si.hStdOutput = writeEnd.get();
+    PROCESS_INFORMATION pi;
+    ASSERT_TRUE(CreateProcessW(U16(SelfPath()), u"whatever --child=show_args x", nullptr, nullptr,
+                               true, 0, nullptr, {}, si, &pi));
+    writeEnd.reset();
+    char buffer[256];
+    DWORD n = 0;
+    while (ReadFile(readEnd.get(), buffer, sizeof buffer, &n) && n > 0) {
+        c.text.append(buffer, n);
+    }
+    EXPECT_EQ(c.text, "[x]\n");
+    EXPECT_EQ(WaitForSingleObject(pi.hProcess.get(), 20000), WAIT_OBJECT_0);
+}
+
+// Reports the account and session the child runs as.
+OVTEST_CHILD(whoami) {
+    std::u16string user;
+    if (!GetUserNameW(&user)) {
+        return 2;
+    }
+    std::printf("%s in %u\n", U8(user).c_str(), GetCurrentSessionId());
+    return 0;
+}
+
+TEST_F(ProcessStart, AChildRunsAsItsAccountInItsSession) {
+    terminal::Session s;
+    s.id = 3;
+    s.domainName = u"CORP";
+    s.userName = u"alice";
+    ASSERT_EQ(terminal::Logon(s), ERROR_SUCCESS);
+    auto env = [this](std::vector<std::u16string> extra) {
+        extra.push_back(U16("OVSVC_ROOT=" + root()));
+        extra.push_back(U16("PATH=" + std::string(std::getenv("PATH"))));
+        return extra;
+    };
+    // The session's user, unless the process names its own account.
+    const auto inSession = env({u"OVSVC_SESSION_ID=3"});
+    EXPECT_EQ(RunCaptured(SelfCommand("whoami"), &inSession).text, "alice in 3\n");
+    const auto named = env({u"OVSVC_SESSION_ID=3", u"OVSVC_USER=CORP\\bob"});
+    EXPECT_EQ(RunCaptured(SelfCommand("whoami"), &named).text, "bob in 3\n");
+    const auto console = env({u"OVSVC_SESSION_ID=0"});
+    EXPECT_EQ(RunCaptured(SelfCommand("whoami"), &console).text, "SYSTEM in 0\n");
+}
+
+TEST_F(ProcessStart, OnlyTokensNameAUserToStartAs) {
+    STARTUPINFOW si;
+    PROCESS_INFORMATION pi;
+    UniquePipe r;
+    UniquePipe w;
+    ASSERT_TRUE(CreatePipe(&r, &w, nullptr, 0));
+    for (HANDLE notToken : {static_cast<HANDLE>(nullptr), r.get()}) {
+        SetLastError(kPoison);
+        EXPECT_FALSE(CreateProcessAsUserW(notToken, {}, SelfCommand("whoami"), nullptr, nullptr,
+                                          false, 0, nullptr, {}, si, &pi));
+        EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+    }
+}
+
+class Pipes : public ovtest::MachineTest {};
+
+TEST_F(Pipes, CarryBytesAndReportTheWritersEnd) {
+    UniquePipe r;
+    UniquePipe w;
+    ASSERT_TRUE(CreatePipe(&r, &w, nullptr, 0));
+    DWORD n = 0;
+    ASSERT_TRUE(WriteFile(w.get(), "hello", 5, &n));
+    EXPECT_EQ(n, 5u);
+    DWORD available = 0;
+    ASSERT_TRUE(PeekNamedPipe(r.get(), &available));
+    EXPECT_EQ(available, 5u);
+    char buffer[16] = {};
+    ASSERT_TRUE(ReadFile(r.get(), buffer, 3, &n));
+    EXPECT_EQ(std::string(buffer, n), "hel");
+    w.reset();
+    ASSERT_TRUE(ReadFile(r.get(), buffer, sizeof buffer, &n));
+    EXPECT_EQ(std::string(buffer, n), "lo");
+    SetLastError(kPoison);
+    EXPECT_FALSE(ReadFile(r.get(), buffer, sizeof buffer, &n));
+    EXPECT_EQ(GetLastError(), ERROR_BROKEN_PIPE);
+    EXPECT_EQ(n, 0u);
+}
+
+TEST_F(Pipes, WritingWithoutReaderFailsInsteadOfKilling) {
+    UniquePipe r;
+    UniquePipe w;
+    ASSERT_TRUE(CreatePipe(&r, &w, nullptr, 0));
+    r.reset();
+    DWORD n = kPoison;
+    SetLastError(kPoison);
+    EXPECT_FALSE(WriteFile(w.get(), "x", 1, &n));
+    EXPECT_EQ(GetLastError(), 232u);  // ERROR_NO_DATA
+    EXPECT_EQ(n, 0u);
+}
+
+TEST_F(Pipes, EndsOnlyWorkOneWay) {
+    UniquePipe r;
+    UniquePipe w;
+    ASSERT_TRUE(CreatePipe(&r, &w, nullptr, 0));
+    DWORD n = 0;
+    char c = 0;
+    SetLastError(kPoison);
+    EXPECT_FALSE(WriteFile(r.get(), "x", 1, &n));
+    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+    SetLastError(kPoison);
+    EXPECT_FALSE(ReadFile(w.get(), &c, 1, &n));
+    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+    SetLastError(kPoison);
+    EXPECT_FALSE(PeekNamedPipe(w.get(), &n));
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+}
+
+}  // namespace

@@ -1,0 +1,305 @@
+// The registry shared by several processes of one machine: concurrent writers
+// lose nothing, readers never see half a value, and a key deleted elsewhere
+// is seen as deleted here.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <string>
+#include <thread>
+
+#include "platform/registry.h"
+#include "registry_test_support.h"
+
+using namespace platform;
+using regtest::RegistryTest;
+
+namespace {
+
+constexpr char16_t kShared[] = u"Software\\OvTest\\Shared";
+
+std::vector<std::byte> Pattern(std::byte fill, std::size_t size) {
+    return std::vector<std::byte>(size, fill);
+}
+
+}  // namespace
+
+// Sets `count` values of its own and one value every writer shares.
+OVTEST_CHILD(reg_writer) {
+    const std::string id = args.at(0);
+    const int count = std::stoi(args.at(1));
+    UniqueKey key;
+    if (RegCreateKeyExW(HKEY_LOCAL_MACHINE, kShared, 0, KEY_ALL_ACCESS, &key, nullptr) != 0) {
+        return 2;
+    }
+    for (int i = 0; i < count; ++i) {
+        const std::u16string name = ovtest::U16("w" + id + "-" + std::to_string(i));
+        const DWORD value = static_cast<DWORD>(i);
+        if (RegSetValueExW(key.get(), name, REG_DWORD, &value, sizeof value) != 0) {
+            return 3;
+        }
+        if (RegSetValueExW(key.get(), u"Last", REG_DWORD, &value, sizeof value) != 0) {
+            return 4;
+        }
+        UniqueKey sub;
+        if (RegCreateKeyExW(key.get(), ovtest::U16("K" + std::to_string(i % 5)), 0, KEY_ALL_ACCESS,
+                            &sub, nullptr) != 0) {
+            return 5;
+        }
+    }
+    return 0;
+}
+
+TEST_F(RegistryTest, ConcurrentWritersLoseNothing) {
+    constexpr int kWriters = 4;
+    constexpr int kCount = 150;
+    std::vector<ovtest::Process> writers;
+    for (int w = 0; w < kWriters; ++w) {
+        writers.push_back(
+            ovtest::Process::StartChild("reg_writer", {std::to_string(w), std::to_string(kCount)}));
+    }
+    for (auto& writer : writers) {
+        EXPECT_EQ(writer.Wait(std::chrono::seconds(120)), 0) << writer.output();
+    }
+    UniqueKey key;
+    ASSERT_EQ(RegOpenKeyExW(HKEY_LOCAL_MACHINE, kShared, 0, KEY_READ, &key), ERROR_SUCCESS);
+    for (int w = 0; w < kWriters; ++w) {
+        for (int i = 0; i < kCount; ++i) {
+            const std::u16string name =
+                ovtest::U16("w" + std::to_string(w) + "-" + std::to_string(i));
+            DWORD value = 0xFFFFFFFF;
+            DWORD size = sizeof value;
+            ASSERT_EQ(RegQueryValueExW(key.get(), name, nullptr, &value, &size), ERROR_SUCCESS)
+                << ovtest::U8(name);
+            EXPECT_EQ(value, static_cast<DWORD>(i));
+        }
+    }
+    std::vector<RegistryValue> values;
+    ASSERT_EQ(RegEnumValues(key.get(), &values), ERROR_SUCCESS);
+    EXPECT_EQ(values.size(), static_cast<std::size_t>(kWriters * kCount + 1));
+    std::vector<std::u16string> subKeys;
+    ASSERT_EQ(RegEnumSubKeys(key.get(), &subKeys), ERROR_SUCCESS);
+    EXPECT_EQ(subKeys.size(), 5u) << "racing creators made each key once";
+}
+
+// Reads a value over and over; each read must be one whole written pattern.
+OVTEST_CHILD(reg_reader) {
+    UniqueKey key;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (RegOpenKeyExW(HKEY_LOCAL_MACHINE, kShared, 0, KEY_READ, &key) != 0) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            return 2;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    UniqueKey writable;
+    if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, kShared, 0, KEY_SET_VALUE, &writable) != 0) {
+        return 7;
+    }
+    int reads = 0;
+    while (std::chrono::steady_clock::now() < deadline) {
+        RegistryValue value;
+        if (RegGetValue(key.get(), u"Stop", &value) == 0) {
+            return reads > 0 ? 0 : 3;
+        }
+        if (RegGetValue(key.get(), u"Blob", &value) != 0) {
+            continue;
+        }
+        const std::size_t expected =
+            value.data.empty() ? 0 : (value.data[0] == std::byte{1} ? 4096 : 9000);
+        if (value.data.size() != expected) {
+            return 4;
+        }
+        for (std::byte b : value.data) {
+            if (b != value.data[0]) {
+                return 5;
+            }
+        }
+        if (++reads == 1 && RegSetValueExW(writable.get(), u"Ready", REG_BINARY, "r", 1) != 0) {
+            return 8;
+        }
+    }
+    return 6;
+}
+
+TEST_F(RegistryTest, ReadersNeverSeeHalfAValue) {
+    UniqueKey key;
+    ASSERT_EQ(RegCreateKeyExW(HKEY_LOCAL_MACHINE, kShared, 0, KEY_ALL_ACCESS, &key, nullptr),
+              ERROR_SUCCESS);
+    const auto a = Pattern(std::byte{1}, 4096);
+    const auto b = Pattern(std::byte{2}, 9000);
+    ASSERT_EQ(RegSetValueExW(key.get(), u"Blob", REG_BINARY, a.data(), 4096), ERROR_SUCCESS);
+    auto reader = ovtest::Process::StartChild("reg_reader");
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (RegQueryValueExW(key.get(), u"Ready", nullptr, nullptr, nullptr) != ERROR_SUCCESS) {
+        ASSERT_LT(std::chrono::steady_clock::now(), deadline) << reader.output();
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    for (int i = 0; i < 300; ++i) {
+        const auto& v = (i % 2 == 0) ? b : a;
+        ASSERT_EQ(
+            RegSetValueExW(key.get(), u"Blob", REG_BINARY, v.data(), static_cast<DWORD>(v.size())),
+            ERROR_SUCCESS);
+    }
+    ASSERT_EQ(RegSetValueExW(key.get(), u"Stop", REG_BINARY, "x", 1), ERROR_SUCCESS);
+    EXPECT_EQ(reader.Wait(std::chrono::seconds(90)), 0) << reader.output();
+}
+
+// Replaces Software\OvTest\Cycle with a new key holding Gen = "2".
+OVTEST_CHILD(reg_recreate) {
+    if (RegDeleteTreeW(HKEY_LOCAL_MACHINE, u"Software\\OvTest\\Cycle") != 0) {
+        return 2;
+    }
+    UniqueKey key;
+    if (RegCreateKeyExW(HKEY_LOCAL_MACHINE, u"Software\\OvTest\\Cycle", 0, KEY_ALL_ACCESS, &key,
+                        nullptr) != 0) {
+        return 3;
+    }
+    return RegSetValueExW(key.get(), u"Gen", REG_BINARY, "2", 1) == 0 ? 0 : 4;
+}
+
+TEST_F(RegistryTest, AKeyReplacedByAnotherProcessIsSeenHere) {
+    UniqueKey first = Create(u"Cycle");
+    ASSERT_EQ(RegSetValueExW(first.get(), u"Gen", REG_BINARY, "1", 1), ERROR_SUCCESS);
+    UniqueKey opened;
+    ASSERT_EQ(RegOpenKeyExW(HKEY_LOCAL_MACHINE, u"Software\\OvTest\\Cycle", 0, KEY_READ, &opened),
+              ERROR_SUCCESS);
+
+    auto child = ovtest::Process::StartChild("reg_recreate");
+    ASSERT_EQ(child.Wait(std::chrono::seconds(60)), 0) << child.output();
+
+    SetLastError(regtest::kPoison);
+    EXPECT_EQ(RegQueryValueExW(opened.get(), u"Gen", nullptr, nullptr, nullptr), ERROR_KEY_DELETED);
+    EXPECT_EQ(GetLastError(), ERROR_KEY_DELETED);
+    UniqueKey again;
+    ASSERT_EQ(RegOpenKeyExW(HKEY_LOCAL_MACHINE, u"Software\\OvTest\\Cycle", 0, KEY_READ, &again),
+              ERROR_SUCCESS);
+    RegistryValue value;
+    ASSERT_EQ(RegGetValue(again.get(), u"Gen", &value), ERROR_SUCCESS);
+    EXPECT_EQ(value.data, regtest::Bytes({'2'})) << "the path was not served from a stale cache";
+}
+
+TEST_F(RegistryTest, ThreadsOfOneProcessShareTheConnectionSafely) {
+    constexpr int kThreads = 4;
+    constexpr int kCount = 200;
+    std::vector<std::thread> threads;
+    std::atomic<int> failures{0};
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([t, &failures] {
+            for (int i = 0; i < kCount; ++i) {
+                UniqueKey key;
+                const std::u16string path = ovtest::U16("Software\\OvTest\\T" + std::to_string(t));
+                if (RegCreateKeyExW(HKEY_LOCAL_MACHINE, path, 0, KEY_ALL_ACCESS, &key, nullptr) !=
+                    0) {
+                    ++failures;
+                    continue;
+                }
+                const DWORD value = static_cast<DWORD>(i);
+                const std::u16string name = ovtest::U16("v" + std::to_string(i));
+                DWORD back = 0xFFFFFFFF;
+                DWORD size = sizeof back;
+                if (RegSetValueExW(key.get(), name, REG_DWORD, &value, sizeof value) != 0 ||
+                    RegQueryValueExW(key.get(), name, nullptr, &back, &size) != 0 ||
+                    back != value || GetLastError() != ERROR_SUCCESS) {
+                    ++failures;
+                }
+            }
+        });
+    }
+    for (auto& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(failures.load(), 0);
+    for (int t = 0; t < kThreads; ++t) {
+        UniqueKey key;
+        ASSERT_EQ(
+            RegOpenKeyExW(base_.get(), ovtest::U16("T" + std::to_string(t)), 0, KEY_READ, &key),
+            ERROR_SUCCESS);
+        std::vector<RegistryValue> values;
+        ASSERT_EQ(RegEnumValues(key.get(), &values), ERROR_SUCCESS);
+        EXPECT_EQ(values.size(), static_cast<std::size_t>(kCount));
+    }
+}
+
+// Makes Software\OvTest\<name>.
+OVTEST_CHILD(reg_add_key) {
+    UniqueKey key;
+    return RegCreateKeyExW(HKEY_LOCAL_MACHINE, u"Software\\OvTest\\" + ovtest::U16(args.at(0)), 0,
+                           KEY_READ, &key, nullptr) == 0
+               ? 0
+               : 2;
+}
+
+TEST_F(RegistryTest, EnumerationSeesKeysAddedByAnotherProcessMidWalk) {
+    Create(u"B");
+    Create(u"D");
+    Create(u"F");
+    char16_t name[16];
+    DWORD length = 16;
+    ASSERT_EQ(RegEnumKeyExW(base_.get(), 0, name, &length), ERROR_SUCCESS);
+    EXPECT_EQ(std::u16string(name), u"B");
+    auto child = ovtest::Process::StartChild("reg_add_key", {"A"});
+    ASSERT_EQ(child.Wait(std::chrono::seconds(60)), 0) << child.output();
+    length = 16;
+    ASSERT_EQ(RegEnumKeyExW(base_.get(), 1, name, &length), ERROR_SUCCESS);
+    EXPECT_EQ(std::u16string(name), u"B") << "index 1 of A B D F, not the entry after B";
+}
+
+// A child made by fork() alone (no exec) must not share the parent's
+// database connection, yet keeps the keys it inherited.
+TEST_F(RegistryTest, AForkedChildWorksOnItsOwnConnection) {
+    ASSERT_EQ(SetDword(u"FromParent", 1), ERROR_SUCCESS);
+    const pid_t pid = fork();
+    if (pid == 0) {
+        DWORD value = 0;
+        DWORD size = sizeof value;
+        int code = 0;
+        if (RegQueryValueExW(base_.get(), u"FromParent", nullptr, &value, &size) != 0 ||
+            value != 1) {
+            code = 2;
+        } else if (SetDword(u"FromChild", 7) != 0) {
+            code = 3;
+        }
+        _exit(code);
+    }
+    ASSERT_GT(pid, 0);
+    int status = -1;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (waitpid(pid, &status, WNOHANG) == 0) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            kill(pid, SIGKILL);
+            waitpid(pid, &status, 0);
+            FAIL() << "the forked child did not finish";
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+    DWORD value = 0;
+    DWORD size = sizeof value;
+    ASSERT_EQ(RegQueryValueExW(base_.get(), u"FromChild", nullptr, &value, &size), ERROR_SUCCESS);
+    EXPECT_EQ(value, 7u);
+    EXPECT_EQ(SetDword(u"ParentStillWrites", 1), ERROR_SUCCESS);
+}
+
+using RegistryFreshMachineTest = ovtest::MachineTest;
+
+// No store exists yet: every process races to make it, and none may fail.
+TEST_F(RegistryFreshMachineTest, ProcessesStartingTogetherAllGetTheStore) {
+    constexpr int kWriters = 5;
+    std::vector<ovtest::Process> writers;
+    for (int w = 0; w < kWriters; ++w) {
+        writers.push_back(ovtest::Process::StartChild("reg_writer", {std::to_string(w), "20"}));
+    }
+    for (auto& writer : writers) {
+        EXPECT_EQ(writer.Wait(std::chrono::seconds(120)), 0) << writer.output();
+    }
+    UniqueKey key;
+    ASSERT_EQ(RegOpenKeyExW(HKEY_LOCAL_MACHINE, kShared, 0, KEY_READ, &key), ERROR_SUCCESS);
+    std::vector<RegistryValue> values;
+    ASSERT_EQ(RegEnumValues(key.get(), &values), ERROR_SUCCESS);
+    EXPECT_EQ(values.size(), static_cast<std::size_t>(kWriters * 20 + 1));
+}

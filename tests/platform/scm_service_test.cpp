@@ -1,0 +1,384 @@
+// Service control: the machine's one service, its database lock and the
+// administrator check.
+#include <signal.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <thread>
+
+#include "ovtest.h"
+#include "platform/machine.h"
+#include "platform/scm.h"
+#include "platform/wts.h"
+
+namespace {
+
+using namespace platform;
+using ovtest::U16;
+
+constexpr DWORD kPoison = 0xDEADBEEF;
+
+std::string SelfPath() {
+    return std::filesystem::read_symlink("/proc/self/exe").string();
+}
+
+std::atomic<bool> g_stopRequested{false};
+
+SERVICE_STATUS Status(DWORD state, DWORD checkPoint = 0, DWORD waitHint = 0) {
+    SERVICE_STATUS s;
+    s.dwCurrentState = state;
+    s.dwCheckPoint = checkPoint;
+    s.dwWaitHint = waitHint;
+    s.dwControlsAccepted = state == SERVICE_RUNNING ? SERVICE_ACCEPT_STOP : 0;
+    return s;
+}
+
+// A service program. "plain": runs until a signal ends it. "reporting":
+// reports its start and stop steps, and waits for <root>/go before running.
+OVTEST_CHILD(fake_service) {
+    if (args.empty() || args[0] == "plain") {
+        for (;;) {
+            std::this_thread::sleep_for(std::chrono::seconds(1));
+        }
+    }
+    SERVICE_STATUS_HANDLE h = RegisterServiceCtrlHandlerW(u"OvaspoolSvc", [](DWORD control) {
+        if (control == SERVICE_CONTROL_STOP) {
+            g_stopRequested = true;
+        }
+    });
+    if (h == nullptr) {
+        return 2;
+    }
+    SERVICE_STATUS s = Status(SERVICE_START_PENDING, 1, 4000);
+    SetServiceStatus(h, &s);
+    while (!std::filesystem::exists(machine::Root() + "/go")) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    s = Status(SERVICE_RUNNING);
+    SetServiceStatus(h, &s);
+    while (!g_stopRequested) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    s = Status(SERVICE_STOP_PENDING, 1, 2000);
+    SetServiceStatus(h, &s);
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    s = Status(SERVICE_STOPPED);
+    SetServiceStatus(h, &s);
+    return 0;
+}
+
+// Tries to start the service from another process; exits with the error.
+OVTEST_CHILD(start_service) {
+    UniqueServiceHandle m(OpenSCManagerW(u"", u"", SC_MANAGER_CONNECT));
+    UniqueServiceHandle s(OpenServiceW(m.get(), u"OvaspoolSvc", SERVICE_START));
+    if (!s) {
+        return static_cast<int>(GetLastError() % 256);
+    }
+    return StartServiceW(s.get(), {}) ? 0 : static_cast<int>(GetLastError() % 256);
+}
+
+// Takes the database lock and keeps it until killed, or reports why not.
+OVTEST_CHILD(hold_lock) {
+    UniqueServiceHandle m(OpenSCManagerW(u"", u"", SC_MANAGER_LOCK));
+    UniqueServiceLock lock(LockServiceDatabase(m.get()));
+    if (!lock) {
+        return static_cast<int>(GetLastError() % 256);
+    }
+    if (!args.empty() && args[0] == "quick") {
+        return 0;
+    }
+    std::ofstream(machine::Root() + "/locked") << "1";
+    std::this_thread::sleep_for(std::chrono::seconds(30));
+    return 0;
+}
+
+// What a caller that is not an administrator may do.
+OVTEST_CHILD(non_admin) {
+    SetLastError(kPoison);
+    if (OpenSCManagerW(u"", u"", SC_MANAGER_LOCK) != nullptr ||
+        GetLastError() != ERROR_ACCESS_DENIED) {
+        return 10;
+    }
+    if (OpenSCManagerW(u"", u"", SC_MANAGER_ALL_ACCESS) != nullptr) {
+        return 11;
+    }
+    UniqueServiceHandle m(OpenSCManagerW(u"", u"", SC_MANAGER_CONNECT));
+    if (!m) {
+        return 12;
+    }
+    SetLastError(kPoison);
+    if (OpenServiceW(m.get(), u"OvaspoolSvc", SERVICE_START) != nullptr ||
+        GetLastError() != ERROR_ACCESS_DENIED) {
+        return 13;
+    }
+    if (OpenServiceW(m.get(), u"OvaspoolSvc", SERVICE_STOP) != nullptr) {
+        return 14;
+    }
+    UniqueServiceHandle s(OpenServiceW(m.get(), u"OvaspoolSvc", SERVICE_QUERY_STATUS));
+    SERVICE_STATUS status;
+    if (!s || !QueryServiceStatus(s.get(), &status)) {
+        return 15;
+    }
+    return 0;
+}
+
+class ServiceControl : public ovtest::MachineTest {
+  protected:
+    void SetUp() override {
+        MachineTest::SetUp();
+        machine::SetSetting("service_program", SelfPath());
+        manager_ = UniqueServiceHandle(OpenSCManagerW(u"", u"", SC_MANAGER_ALL_ACCESS));
+        ASSERT_TRUE(manager_);
+        service_ =
+            UniqueServiceHandle(OpenServiceW(manager_.get(), u"OvaspoolSvc", SERVICE_ALL_ACCESS));
+        ASSERT_TRUE(service_);
+    }
+    void TearDown() override {
+        if (pid_t pid = ServicePid(); pid > 0) {
+            kill(pid, SIGKILL);
+        }
+        service_.reset();
+        manager_.reset();
+        MachineTest::TearDown();
+    }
+    pid_t ServicePid() const {
+        std::ifstream in(root() + "/services/OvaspoolSvc.pid");
+        pid_t pid = 0;
+        in >> pid;
+        return pid;
+    }
+    SERVICE_STATUS Query() {
+        SERVICE_STATUS s;
+        s.dwCurrentState = kPoison;
+        EXPECT_TRUE(QueryServiceStatus(service_.get(), &s));
+        return s;
+    }
+    // Polls until the service reads `state`, for at most ten seconds.
+    SERVICE_STATUS WaitFor(DWORD state) {
+        SERVICE_STATUS s = Query();
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        while (s.dwCurrentState != state && std::chrono::steady_clock::now() < deadline) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+            s = Query();
+        }
+        return s;
+    }
+    bool Start(const std::string& mode) {
+        return StartServiceW(service_.get(), {u"--child=fake_service", U16(mode)});
+    }
+
+    UniqueServiceHandle manager_;
+    UniqueServiceHandle service_;
+};
+
+TEST_F(ServiceControl, ANeverStartedServiceIsStopped) {
+    SERVICE_STATUS s = Query();
+    EXPECT_EQ(s.dwCurrentState, SERVICE_STOPPED);
+    EXPECT_EQ(s.dwWin32ExitCode, ERROR_SUCCESS);
+    EXPECT_EQ(s.dwServiceType, SERVICE_WIN32_OWN_PROCESS);
+    SetLastError(kPoison);
+    EXPECT_FALSE(ControlService(service_.get(), SERVICE_CONTROL_STOP, &s));
+    EXPECT_EQ(GetLastError(), ERROR_SERVICE_NOT_ACTIVE);
+}
+
+TEST_F(ServiceControl, StartRunsOneDetachedProcessAsSystemInSessionZero) {
+    ASSERT_TRUE(Start("plain"));
+    SERVICE_STATUS s = Query();
+    EXPECT_EQ(s.dwCurrentState, SERVICE_RUNNING);
+    EXPECT_EQ(s.dwControlsAccepted, SERVICE_ACCEPT_STOP);
+    const pid_t pid = ServicePid();
+    ASSERT_GT(pid, 0);
+    DWORD session = kPoison;
+    ASSERT_TRUE(ProcessIdToSessionId(static_cast<DWORD>(pid), &session));
+    EXPECT_EQ(session, 0u);
+    // (ProcessIdToSessionId has waited for the program to be in place.)
+    std::ifstream in("/proc/" + std::to_string(pid) + "/environ", std::ios::binary);
+    const std::string env((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    EXPECT_NE(env.find(std::string("OVSVC_ROOT=") + root() + '\0'), std::string::npos);
+    EXPECT_NE(env.find("OVSVC_USER="), std::string::npos);
+    EXPECT_EQ(getsid(pid), pid);  // a session of its own: detached from the starter
+
+    SetLastError(kPoison);
+    EXPECT_FALSE(Start("plain"));
+    EXPECT_EQ(GetLastError(), ERROR_SERVICE_ALREADY_RUNNING);
+    // Another process sees the same service.
+    auto child = ovtest::Process::StartChild("start_service");
+    EXPECT_EQ(child.Wait(), static_cast<int>(ERROR_SERVICE_ALREADY_RUNNING % 256));
+    EXPECT_EQ(ServicePid(), pid);
+}
+
+TEST_F(ServiceControl, StopEndsTheProcessAndReadsStopped) {
+    ASSERT_TRUE(Start("plain"));
+    const pid_t pid = ServicePid();
+    SERVICE_STATUS s;
+    s.dwCurrentState = kPoison;
+    ASSERT_TRUE(ControlService(service_.get(), SERVICE_CONTROL_STOP, &s));
+    EXPECT_EQ(s.dwCurrentState, SERVICE_STOPPED);
+    EXPECT_EQ(s.dwWin32ExitCode, ERROR_SUCCESS);
+    EXPECT_NE(kill(pid, 0), 0);
+    EXPECT_EQ(Query().dwCurrentState, SERVICE_STOPPED);
+    SetLastError(kPoison);
+    EXPECT_FALSE(ControlService(service_.get(), SERVICE_CONTROL_STOP, &s));
+    EXPECT_EQ(GetLastError(), ERROR_SERVICE_NOT_ACTIVE);
+    // And it can be started again.
+    ASSERT_TRUE(Start("plain"));
+    EXPECT_NE(ServicePid(), pid);
+    EXPECT_EQ(Query().dwCurrentState, SERVICE_RUNNING);
+}
+
+TEST_F(ServiceControl, ADeadServiceProcessReadsAsStopped) {
+    ASSERT_TRUE(Start("plain"));
+    const pid_t pid = ServicePid();
+    ASSERT_EQ(kill(pid, SIGKILL), 0);
+    SERVICE_STATUS s = WaitFor(SERVICE_STOPPED);
+    EXPECT_EQ(s.dwCurrentState, SERVICE_STOPPED);
+    EXPECT_EQ(s.dwWin32ExitCode, ERROR_PROCESS_ABORTED);
+    SetLastError(kPoison);
+    EXPECT_FALSE(ControlService(service_.get(), SERVICE_CONTROL_STOP, &s));
+    EXPECT_EQ(GetLastError(), ERROR_SERVICE_NOT_ACTIVE);
+    EXPECT_TRUE(Start("plain"));
+}
+
+TEST_F(ServiceControl, AStalePidOfAnotherProcessIsNotTheService) {
+    // A record whose process id now belongs to a different process.
+    std::filesystem::create_directories(root() + "/services");
+    std::ofstream(root() + "/services/OvaspoolSvc.pid") << getpid() << " 1\n";
+    EXPECT_EQ(Query().dwCurrentState, SERVICE_STOPPED);
+    EXPECT_TRUE(Start("plain"));
+}
+
+TEST_F(ServiceControl, ReportedStepsShowStateCheckpointAndWaitHint) {
+    ASSERT_TRUE(Start("reporting"));
+    SERVICE_STATUS s = WaitFor(SERVICE_START_PENDING);
+    EXPECT_EQ(s.dwCurrentState, SERVICE_START_PENDING);
+    EXPECT_EQ(s.dwCheckPoint, 1u);
+    EXPECT_EQ(s.dwWaitHint, 4000u);
+    std::ofstream(root() + "/go") << "1";
+    s = WaitFor(SERVICE_RUNNING);
+    EXPECT_EQ(s.dwCurrentState, SERVICE_RUNNING);
+    EXPECT_EQ(s.dwCheckPoint, 0u);
+    ASSERT_TRUE(ControlService(service_.get(), SERVICE_CONTROL_STOP, &s));
+    EXPECT_EQ(s.dwCurrentState, SERVICE_STOPPED);
+    EXPECT_EQ(s.dwWin32ExitCode, ERROR_SUCCESS);
+}
+
+TEST_F(ServiceControl, InterrogateAndUnknownControls) {
+    SERVICE_STATUS s;
+    SetLastError(kPoison);
+    EXPECT_FALSE(ControlService(service_.get(), SERVICE_CONTROL_INTERROGATE, &s));
+    EXPECT_EQ(GetLastError(), ERROR_SERVICE_NOT_ACTIVE);
+    ASSERT_TRUE(Start("plain"));
+    EXPECT_TRUE(ControlService(service_.get(), SERVICE_CONTROL_INTERROGATE, &s));
+    EXPECT_EQ(s.dwCurrentState, SERVICE_RUNNING);
+    SetLastError(kPoison);
+    EXPECT_FALSE(ControlService(service_.get(), 2 /* pause */, &s));
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_SERVICE_CONTROL);
+}
+
+TEST_F(ServiceControl, AMissingProgramCannotStart) {
+    machine::SetSetting("service_program", root() + "/nowhere/ovaspoolsvc");
+    SetLastError(kPoison);
+    EXPECT_FALSE(Start("plain"));
+    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(Query().dwCurrentState, SERVICE_STOPPED);
+}
+
+TEST_F(ServiceControl, HandlesCheckTheirKindAndRights) {
+    SetLastError(kPoison);
+    EXPECT_EQ(OpenServiceW(manager_.get(), u"Spooler", SERVICE_QUERY_STATUS), nullptr);
+    EXPECT_EQ(GetLastError(), ERROR_SERVICE_DOES_NOT_EXIST);
+    UniqueServiceHandle lower(OpenServiceW(manager_.get(), u"ovaspoolsvc", SERVICE_QUERY_STATUS));
+    EXPECT_TRUE(lower);
+    SetLastError(kPoison);
+    EXPECT_FALSE(StartServiceW(lower.get(), {}));
+    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+    SetLastError(kPoison);
+    EXPECT_EQ(OpenServiceW(service_.get(), u"OvaspoolSvc", SERVICE_QUERY_STATUS), nullptr);
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+    SERVICE_STATUS s;
+    SetLastError(kPoison);
+    EXPECT_FALSE(QueryServiceStatus(manager_.get(), &s));
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+
+    SetLastError(kPoison);
+    EXPECT_EQ(OpenSCManagerW(u"\\\\elsewhere", u"", SC_MANAGER_CONNECT), nullptr);
+    EXPECT_EQ(GetLastError(), RPC_S_SERVER_UNAVAILABLE);
+    SetLastError(kPoison);
+    EXPECT_EQ(OpenSCManagerW(u"", u"ServicesFailed", SC_MANAGER_CONNECT), nullptr);
+    EXPECT_EQ(GetLastError(), ERROR_DATABASE_DOES_NOT_EXIST);
+    UniqueServiceHandle active(OpenSCManagerW(u"", u"ServicesActive", SC_MANAGER_CONNECT));
+    EXPECT_TRUE(active);
+
+    SC_HANDLE raw = OpenSCManagerW(u"", u"", SC_MANAGER_CONNECT);
+    ASSERT_NE(raw, nullptr);
+    EXPECT_TRUE(CloseServiceHandle(raw));
+    SetLastError(kPoison);
+    EXPECT_FALSE(CloseServiceHandle(raw));
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+}
+
+TEST_F(ServiceControl, TheDatabaseLockIsOneForTheWholeMachine) {
+    UniqueServiceLock lock(LockServiceDatabase(manager_.get()));
+    ASSERT_TRUE(lock);
+    SetLastError(kPoison);
+    EXPECT_EQ(LockServiceDatabase(manager_.get()), nullptr);
+    EXPECT_EQ(GetLastError(), ERROR_SERVICE_DATABASE_LOCKED);
+    auto other = ovtest::Process::StartChild("hold_lock");
+    EXPECT_EQ(other.Wait(), static_cast<int>(ERROR_SERVICE_DATABASE_LOCKED % 256));
+    lock.reset();
+
+    // A holder that dies gives the lock back.
+    auto holder = ovtest::Process::StartChild("hold_lock");
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (!std::filesystem::exists(root() + "/locked") &&
+           std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    SetLastError(kPoison);
+    EXPECT_EQ(LockServiceDatabase(manager_.get()), nullptr);
+    EXPECT_EQ(GetLastError(), ERROR_SERVICE_DATABASE_LOCKED);
+    holder.Kill();
+    holder.Wait();
+    UniqueServiceLock again(LockServiceDatabase(manager_.get()));
+    EXPECT_TRUE(again);
+}
+
+TEST_F(ServiceControl, OnlyAdministratorsMayLockStartOrStop) {
+    auto user = ovtest::Process::StartChild("non_admin", {}, {"OVSVC_USER=CORP\\bob"});
+    EXPECT_EQ(user.Wait(), 0) << user.output();
+    // The user of a logged-on session, without an explicit account, is no administrator either.
+    terminal::Session s;
+    s.id = 4;
+    s.domainName = u"CORP";
+    s.userName = u"carol";
+    ASSERT_EQ(terminal::Logon(s), ERROR_SUCCESS);
+    auto inSession = ovtest::Process::StartChild("non_admin", {}, {"OVSVC_SESSION_ID=4"});
+    EXPECT_EQ(inSession.Wait(), 0) << inSession.output();
+    // The local system account and administrators may.
+    for (const char* account :
+         {"OVSVC_USER=NT AUTHORITY\\SYSTEM", "OVSVC_USER=SRV\\Administrator"}) {
+        auto admin = ovtest::Process::StartChild("hold_lock", {"quick"}, {account});
+        EXPECT_EQ(admin.Wait(), 0) << account;
+    }
+}
+
+TEST_F(ServiceControl, LockingNeedsTheLockRight) {
+    UniqueServiceHandle connect(OpenSCManagerW(u"", u"", SC_MANAGER_CONNECT));
+    SetLastError(kPoison);
+    EXPECT_EQ(LockServiceDatabase(connect.get()), nullptr);
+    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+    SetLastError(kPoison);
+    EXPECT_EQ(LockServiceDatabase(service_.get()), nullptr);
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+    SetLastError(kPoison);
+    EXPECT_FALSE(UnlockServiceDatabase(reinterpret_cast<SC_LOCK>(connect.get())));
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_SERVICE_LOCK);
+}
+
+}  // namespace

@@ -1,0 +1,163 @@
+// Port monitors as data: the configuration handle and XcvData.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "spooler_fixture.h"
+
+namespace {
+
+using namespace platform;
+using spooltest::kPoison;
+using spooltest::Poison;
+using spooltest::Record;
+
+class SpoolerPorts : public spooltest::SpoolerTest {
+  protected:
+    UniquePrinter OpenMonitor(const std::u16string& monitor) {
+        const auto defaults = spooltest::Access(SERVER_ACCESS_ADMINISTER);
+        return OpenPrinterW(u",XcvMonitor " + monitor, &defaults);
+    }
+    // Sends a command whose input is one string, with its terminator.
+    static DWORD Send(HANDLE xcv, std::u16string_view command, const std::u16string& input) {
+        DWORD status = kPoison;
+        DWORD needed = 0;
+        EXPECT_TRUE(XcvDataW(xcv, command, input.c_str(),
+                             static_cast<DWORD>((input.size() + 1) * sizeof(char16_t)), nullptr, 0,
+                             &needed, &status));
+        return status;
+    }
+    static std::u16string Bytes(std::u16string_view a, std::u16string_view b) {
+        std::u16string all(a);
+        all.push_back(u'\0');
+        all += b;
+        return all;
+    }
+};
+
+TEST_F(SpoolerPorts, FreshMachineHasTheLocalPortMonitor) {
+    auto monitors = EnumMonitorsW(u"");
+    ASSERT_TRUE(monitors.has_value());
+    EXPECT_NE(std::find(monitors->begin(), monitors->end(), u"Local Port"), monitors->end());
+    auto ports = EnumPortsW(u"", 2);
+    ASSERT_TRUE(ports.has_value());
+    std::vector<std::u16string> names;
+    for (const auto& p : *ports) {
+        names.push_back(p.portName);
+        EXPECT_EQ(p.monitorName, u"Local Port");
+    }
+    for (const char16_t* expected : {u"LPT1:", u"COM1:", u"FILE:", u"NUL:"}) {
+        EXPECT_NE(std::find(names.begin(), names.end(), expected), names.end());
+    }
+    Poison();
+    EXPECT_FALSE(EnumPortsW(u"", 3).has_value());
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_LEVEL);
+}
+
+TEST_F(SpoolerPorts, GetPortAnswersSizeFirstThenTheText) {
+    ASSERT_TRUE(AddMonitorW(u"", u"Orvelle Port", u"orvmon.dll"));
+    auto xcv = OpenMonitor(u"Orvelle Port");
+    ASSERT_TRUE(xcv);
+    const std::u16string text = u"Protocol=3\nOVASScheme=%A#%N\n";
+    ASSERT_EQ(Send(xcv.get(), u"AddPort", u"OVAS1:"), ERROR_SUCCESS);
+    ASSERT_EQ(Send(xcv.get(), u"SetPortInfo", Bytes(u"OVAS1:", text)), ERROR_SUCCESS);
+
+    const std::u16string port = u"OVAS1:";
+    const auto inSize = static_cast<DWORD>((port.size() + 1) * sizeof(char16_t));
+    const auto size = static_cast<DWORD>((text.size() + 1) * sizeof(char16_t));
+    DWORD status = kPoison;
+    DWORD needed = 0;
+    Poison();
+    ASSERT_TRUE(
+        XcvDataW(xcv.get(), u"GetPort", port.c_str(), inSize, nullptr, 0, &needed, &status));
+    EXPECT_EQ(status, ERROR_MORE_DATA);
+    EXPECT_EQ(needed, size);
+    EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
+
+    std::vector<char> out(size + 2, 'x');
+    ASSERT_TRUE(XcvDataW(xcv.get(), u"GetPort", port.c_str(), inSize, out.data(), size - 1, &needed,
+                         &status));
+    EXPECT_EQ(status, ERROR_MORE_DATA);
+    EXPECT_EQ(needed, size);
+    for (DWORD given : {size, size + 1}) {
+        std::fill(out.begin(), out.end(), 'x');
+        status = kPoison;
+        ASSERT_TRUE(XcvDataW(xcv.get(), u"GetPort", port.c_str(), inSize, out.data(), given,
+                             &needed, &status));
+        EXPECT_EQ(status, ERROR_SUCCESS);
+        EXPECT_EQ(needed, size);
+        EXPECT_EQ(std::memcmp(out.data(), text.c_str(), size), 0);
+        EXPECT_EQ(out[size], 'x');
+    }
+}
+
+TEST_F(SpoolerPorts, UnknownPortsAndCommandsAnswerAnErrorStatus) {
+    auto xcv = OpenMonitor(u"Local Port");
+    ASSERT_TRUE(xcv);
+    DWORD status = kPoison;
+    DWORD needed = 7;
+    const std::u16string port = u"NOPE:";
+    Poison();
+    EXPECT_TRUE(XcvDataW(xcv.get(), u"GetPort", port.c_str(),
+                         static_cast<DWORD>((port.size() + 1) * 2), nullptr, 0, &needed, &status));
+    EXPECT_EQ(status, ERROR_UNKNOWN_PORT);
+    EXPECT_EQ(needed, 0u);
+    // A port of another monitor is unknown to this one.
+    ASSERT_TRUE(AddMonitorW(u"", u"Other", u"other.dll"));
+    auto other = OpenMonitor(u"Other");
+    EXPECT_EQ(Send(other.get(), u"GetPort", u"LPT1:"), ERROR_UNKNOWN_PORT);
+    EXPECT_EQ(Send(xcv.get(), u"NoSuchCommand", u"LPT1:"), ERROR_INVALID_PARAMETER);
+    EXPECT_EQ(Send(xcv.get(), u"AddPort", u"LPT1:"), ERROR_ALREADY_EXISTS);
+    EXPECT_EQ(Send(xcv.get(), u"DeletePort", u"NOPE:"), ERROR_UNKNOWN_PORT);
+}
+
+TEST_F(SpoolerPorts, XcvDataNeedsAConfigurationHandle) {
+    AddPrinter(u"Office");
+    auto printer = spooltest::OpenAll(u"Office");
+    DWORD status = kPoison;
+    DWORD needed = 0;
+    Poison();
+    EXPECT_FALSE(XcvDataW(printer.get(), u"GetPort", u"LPT1:", 12, nullptr, 0, &needed, &status));
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+    EXPECT_EQ(status, kPoison);
+    Poison();
+    EXPECT_FALSE(XcvDataW(nullptr, u"GetPort", u"LPT1:", 12, nullptr, 0, &needed, &status));
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+}
+
+TEST_F(SpoolerPorts, XcvPortNameOpensItsMonitor) {
+    auto xcv = OpenPrinterW(u",XcvPort COM2:");
+    ASSERT_TRUE(xcv);
+    EXPECT_EQ(Send(xcv.get(), u"GetPort", u"COM2:"), ERROR_MORE_DATA);
+    Poison();
+    EXPECT_FALSE(OpenPrinterW(u",XcvPort NOPE:"));
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_PRINTER_NAME);
+}
+
+TEST_F(SpoolerPorts, AddedPortCanCarryPrintersAndDeletedPortCannot) {
+    auto xcv = OpenMonitor(u"Local Port");
+    ASSERT_EQ(Send(xcv.get(), u"AddPort", u"NET5:"), ERROR_SUCCESS);
+    auto info = Record(u"On NET5");
+    info.portName = u"NET5:";
+    EXPECT_TRUE(AddPrinterW(u"", info));
+    ASSERT_EQ(Send(xcv.get(), u"AddPort", u"NET6:"), ERROR_SUCCESS);
+    ASSERT_EQ(Send(xcv.get(), u"DeletePort", u"NET6:"), ERROR_SUCCESS);
+    info = Record(u"On NET6");
+    info.portName = u"NET6:";
+    Poison();
+    EXPECT_FALSE(AddPrinterW(u"", info));
+    EXPECT_EQ(GetLastError(), ERROR_UNKNOWN_PORT);
+}
+
+TEST_F(SpoolerPorts, MonitorNamesAreUnique) {
+    Poison();
+    EXPECT_FALSE(AddMonitorW(u"", u"local port", u"x.dll"));
+    EXPECT_EQ(GetLastError(), ERROR_ALREADY_EXISTS);
+    Poison();
+    EXPECT_FALSE(AddMonitorW(u"", u"", u"x.dll"));
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+}
+
+}  // namespace

@@ -1,0 +1,610 @@
+// Printers: add, open, get and set at levels 0, 2, 3 and 8, delete, printer
+// data, and the spooler's state across processes.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "ovtest.h"
+#include "platform/registry.h"
+#include "spooler_fixture.h"
+
+namespace {
+
+using namespace platform;
+using spooltest::kPoison;
+using spooltest::OpenAll;
+using spooltest::Poison;
+using spooltest::Record;
+
+class SpoolerPrinters : public spooltest::SpoolerTest {};
+
+// ---- add -----------------------------------------------------------------------
+
+TEST_F(SpoolerPrinters, AddedPrinterReadsBackWithDefaults) {
+    auto info = Record(u"Office");
+    info.comment = u"second floor";
+    info.location = u"3;";
+    Poison();
+    auto printer = AddPrinterW(u"", info);
+    ASSERT_TRUE(printer);
+    EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
+
+    PrinterInfo2 read;
+    Poison();
+    ASSERT_TRUE(GetPrinterW(printer.get(), &read));
+    EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
+    EXPECT_EQ(read.printerName, u"Office");
+    EXPECT_EQ(read.portName, u"LPT1:");
+    EXPECT_EQ(read.driverName, u"Generic / Text Only");
+    EXPECT_EQ(read.comment, u"second floor");
+    EXPECT_EQ(read.location, u"3;");
+    EXPECT_EQ(read.printProcessor, u"winprint");
+    EXPECT_EQ(read.datatype, u"RAW");
+    EXPECT_EQ(read.attributes, PRINTER_ATTRIBUTE_LOCAL);
+    EXPECT_EQ(read.priority, 1u);
+    EXPECT_EQ(read.cJobs, 0u);
+    EXPECT_FALSE(read.securityDescriptor.empty());
+    // No device mode given: the driver's default one, named after the printer.
+    ASSERT_TRUE(read.devMode.has_value());
+    EXPECT_EQ(read.devMode->dmDeviceName, u"Office");
+    EXPECT_NE(read.devMode->dmFields & DM_PAPERSIZE, 0u);
+    EXPECT_EQ(read.devMode->dmDuplex, DMDUP_SIMPLEX);
+}
+
+TEST_F(SpoolerPrinters, GivenDeviceModeIsKeptAsGiven) {
+    auto info = Record(u"Duplexer");
+    DevMode dm;
+    dm.dmDeviceName = u"Duplexer";
+    dm.dmFields = DM_DUPLEX | DM_PAPERSIZE;
+    dm.dmDuplex = DMDUP_HORIZONTAL;
+    dm.dmPaperSize = DMPAPER_A4;
+    dm.driverExtra = {std::byte{1}, std::byte{2}};
+    info.devMode = dm;
+    auto printer = AddPrinterW(u"", info);
+    ASSERT_TRUE(printer);
+    PrinterInfo8 level8;
+    ASSERT_TRUE(GetPrinterW(printer.get(), &level8));
+    ASSERT_TRUE(level8.devMode.has_value());
+    EXPECT_EQ(*level8.devMode, dm);
+}
+
+TEST_F(SpoolerPrinters, DefaultDeviceModeOfALongNameHoldsItsFirst31Characters) {
+    const std::u16string name = u"PC-WITH-A-LONG-NAME:12#Laser Printer on PC-WITH-A-LONG-NAME";
+    auto printer = AddPrinterW(u"", Record(name));
+    ASSERT_TRUE(printer);
+    PrinterInfo8 level8;
+    ASSERT_TRUE(GetPrinterW(printer.get(), &level8));
+    ASSERT_TRUE(level8.devMode.has_value());
+    EXPECT_EQ(level8.devMode->dmDeviceName, name.substr(0, 31));
+}
+
+TEST_F(SpoolerPrinters, AddRefusesDuplicatesWhateverTheCase) {
+    AddPrinter(u"Office");
+    Poison();
+    EXPECT_FALSE(AddPrinterW(u"", Record(u"OFFICE")));
+    EXPECT_EQ(GetLastError(), ERROR_PRINTER_ALREADY_EXISTS);
+    EXPECT_EQ(PrinterCount(), 1u);
+}
+
+TEST_F(SpoolerPrinters, AddRefusesInvalidNames) {
+    for (const std::u16string& name : {std::u16string(), std::u16string(u"a\\b"),
+                                       std::u16string(u"a,b"), std::u16string(221, u'n')}) {
+        Poison();
+        EXPECT_FALSE(AddPrinterW(u"", Record(name)));
+        EXPECT_EQ(GetLastError(), ERROR_INVALID_PRINTER_NAME) << ovtest::U8(name);
+    }
+    // The longest valid name, and the characters autocreated names use.
+    AddPrinter(std::u16string(220, u'n'));
+    AddPrinter(u"PC1:3#HP 4 on PC1");
+    AddPrinter(u"_#Template$(VC)");
+    EXPECT_EQ(PrinterCount(), 3u);
+}
+
+TEST_F(SpoolerPrinters, AddRefusesUnknownDriverPortAndPrintProcessor) {
+    struct Case {
+        void (*change)(PrinterInfo2&);
+        DWORD error;
+    } cases[] = {
+        {[](PrinterInfo2& i) { i.driverName = u"No Such Driver"; }, ERROR_UNKNOWN_PRINTER_DRIVER},
+        {[](PrinterInfo2& i) { i.driverName.clear(); }, ERROR_UNKNOWN_PRINTER_DRIVER},
+        {[](PrinterInfo2& i) { i.portName = u"NOPE:"; }, ERROR_UNKNOWN_PORT},
+        {[](PrinterInfo2& i) { i.portName = u"LPT1:,NOPE:"; }, ERROR_UNKNOWN_PORT},
+        {[](PrinterInfo2& i) { i.portName.clear(); }, ERROR_UNKNOWN_PORT},
+        {[](PrinterInfo2& i) { i.printProcessor = u"ovwinprn"; }, ERROR_UNKNOWN_PRINTPROCESSOR},
+        {[](PrinterInfo2& i) { i.priority = 100; }, ERROR_INVALID_PRIORITY},
+    };
+    for (const auto& c : cases) {
+        auto info = Record(u"Broken");
+        c.change(info);
+        Poison();
+        EXPECT_FALSE(AddPrinterW(u"", info));
+        EXPECT_EQ(GetLastError(), c.error);
+    }
+    EXPECT_EQ(PrinterCount(), 0u);
+}
+
+TEST_F(SpoolerPrinters, AddAcceptsPortListsAndAddedPrintProcessors) {
+    ASSERT_TRUE(AddPrintProcessorW(u"", u"Windows x64", u"ovwinprn.dll", u"ovwinprn"));
+    auto info = Record(u"Both");
+    info.portName = u"LPT1:,LPT2:";
+    info.printProcessor = u"OVWINPRN";
+    EXPECT_TRUE(AddPrinterW(u"", info));
+}
+
+TEST_F(SpoolerPrinters, SharedPrinterNeedsAFreeShareName) {
+    auto first = Record(u"First");
+    first.attributes |= PRINTER_ATTRIBUTE_SHARED;
+    first.shareName = u"Common";
+    ASSERT_TRUE(AddPrinterW(u"", first));
+    auto second = Record(u"Second");
+    second.attributes |= PRINTER_ATTRIBUTE_SHARED;
+    second.shareName = u"COMMON";
+    Poison();
+    EXPECT_FALSE(AddPrinterW(u"", second));
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_SHARENAME);
+    second.shareName = u"Other";
+    EXPECT_TRUE(AddPrinterW(u"", second));
+}
+
+// ---- open and close ------------------------------------------------------------------
+
+TEST_F(SpoolerPrinters, OpenByNameIgnoresCaseAndByShareNameFindsTheOwner) {
+    auto info = Record(u"_#Template");
+    info.shareName = u"Shared Template";
+    info.attributes |= PRINTER_ATTRIBUTE_SHARED;
+    ASSERT_TRUE(AddPrinterW(u"", info));
+
+    Poison();
+    auto byName = OpenAll(u"_#TEMPLATE");
+    ASSERT_TRUE(byName);
+    EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
+    PrinterInfo2 read;
+    ASSERT_TRUE(GetPrinterW(byName.get(), &read));
+    EXPECT_EQ(read.printerName, u"_#Template");
+
+    auto byShare = OpenAll(u"shared template");
+    ASSERT_TRUE(byShare);
+    ASSERT_TRUE(GetPrinterW(byShare.get(), &read));
+    EXPECT_EQ(read.printerName, u"_#Template");
+    EXPECT_EQ(read.shareName, u"Shared Template");
+}
+
+TEST_F(SpoolerPrinters, ShareNameFollowsChangesRenamesAndDeletion) {
+    auto info = Record(u"Front Desk");
+    info.shareName = u"Desk";
+    info.attributes |= PRINTER_ATTRIBUTE_SHARED;
+    ASSERT_TRUE(AddPrinterW(u"", info));
+    {
+        auto printer = OpenAll(u"Front Desk");
+        PrinterInfo2 read;
+        ASSERT_TRUE(GetPrinterW(printer.get(), &read));
+        read.shareName = u"Reception";
+        read.printerName = u"Reception Printer";
+        read.devMode.reset();
+        ASSERT_TRUE(SetPrinterW(printer.get(), read, 0));
+    }
+    Poison();
+    EXPECT_FALSE(OpenAll(u"Desk"));
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_PRINTER_NAME);
+    auto byShare = OpenAll(u"reception");
+    ASSERT_TRUE(byShare);
+    PrinterInfo2 read;
+    ASSERT_TRUE(GetPrinterW(byShare.get(), &read));
+    EXPECT_EQ(read.printerName, u"Reception Printer");
+    // The old share name is free for another printer.
+    auto other = Record(u"Other");
+    other.shareName = u"Desk";
+    other.attributes |= PRINTER_ATTRIBUTE_SHARED;
+    EXPECT_TRUE(AddPrinterW(u"", other));
+
+    ASSERT_TRUE(DeletePrinter(byShare.get()));
+    Poison();
+    EXPECT_FALSE(OpenAll(u"Reception"));
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_PRINTER_NAME);
+}
+
+TEST_F(SpoolerPrinters, OpenUnknownOrMalformedNamesFails) {
+    AddPrinter(u"Office");
+    for (const std::u16string& name : {std::u16string(u"Offic"), std::u16string(u"\\\\srv\\p"),
+                                       std::u16string(u",XcvMonitor No Such Monitor")}) {
+        Poison();
+        EXPECT_FALSE(OpenAll(name));
+        EXPECT_EQ(GetLastError(), ERROR_INVALID_PRINTER_NAME) << ovtest::U8(name);
+    }
+}
+
+TEST_F(SpoolerPrinters, ClosedHandlesAndWrongKindsAreInvalid) {
+    AddPrinter(u"Office");
+    auto printer = OpenAll(u"Office");
+    HANDLE raw = printer.release();
+    Poison();
+    EXPECT_TRUE(ClosePrinter(raw));
+    EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
+    Poison();
+    EXPECT_FALSE(ClosePrinter(raw));
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+    PrinterInfo2 info;
+    Poison();
+    EXPECT_FALSE(GetPrinterW(raw, &info));
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+
+    auto server = OpenPrinterW(u"");
+    ASSERT_TRUE(server);
+    Poison();
+    EXPECT_FALSE(GetPrinterW(server.get(), &info));
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+}
+
+TEST_F(SpoolerPrinters, HandleWithoutAdministerRightCannotChangeThePrinter) {
+    AddPrinter(u"Office");
+    auto user = OpenPrinterW(u"Office");  // no defaults: PRINTER_ACCESS_USE
+    ASSERT_TRUE(user);
+    PrinterInfo2 info;
+    ASSERT_TRUE(GetPrinterW(user.get(), &info));
+    info.location = u"5;";
+    Poison();
+    EXPECT_FALSE(SetPrinterW(user.get(), info, 0));
+    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+    Poison();
+    EXPECT_FALSE(DeletePrinter(user.get()));
+    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+    const DWORD value = 1;
+    Poison();
+    EXPECT_EQ(SetPrinterDataW(user.get(), u"OptionTrays", REG_DWORD, &value, sizeof(value)),
+              ERROR_ACCESS_DENIED);
+    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+}
+
+// ---- enumeration ---------------------------------------------------------------------
+
+TEST_F(SpoolerPrinters, EnumerationListsEveryLocalPrinter) {
+    Poison();
+    auto none = EnumPrintersW(PRINTER_ENUM_LOCAL, u"", 2);
+    ASSERT_TRUE(none.has_value());
+    EXPECT_TRUE(none->empty());
+    EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
+
+    AddPrinter(u"A");
+    AddPrinter(u"B");
+    AddPrinter(u"C");
+    auto all = EnumPrintersW(PRINTER_ENUM_LOCAL, u"", 2);
+    ASSERT_TRUE(all.has_value());
+    std::vector<std::u16string> names;
+    for (const auto& p : *all) {
+        names.push_back(p.printerName);
+        EXPECT_EQ(p.driverName, u"Generic / Text Only");
+    }
+    std::sort(names.begin(), names.end());
+    EXPECT_EQ(names, (std::vector<std::u16string>{u"A", u"B", u"C"}));
+
+    Poison();
+    EXPECT_FALSE(EnumPrintersW(PRINTER_ENUM_LOCAL, u"", 1).has_value());
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_LEVEL);
+}
+
+// ---- set --------------------------------------------------------------------------------
+
+TEST_F(SpoolerPrinters, SetLevel2WritesBackTheWholeRecord) {
+    AddPrinter(u"Office");
+    auto printer = OpenAll(u"Office");
+    PrinterInfo2 info;
+    ASSERT_TRUE(GetPrinterW(printer.get(), &info));
+    const auto devModeBefore = info.devMode;
+    info.location = u"1;4;";
+    info.comment = u"Printer created by Ovaspool";
+    info.devMode.reset();  // absent: the printer keeps its own
+    info.securityDescriptor.clear();
+    Poison();
+    ASSERT_TRUE(SetPrinterW(printer.get(), info, 0));
+    EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
+
+    PrinterInfo2 read;
+    ASSERT_TRUE(GetPrinterW(printer.get(), &read));
+    EXPECT_EQ(read.location, u"1;4;");
+    EXPECT_EQ(read.comment, u"Printer created by Ovaspool");
+    EXPECT_EQ(read.devMode, devModeBefore);
+    EXPECT_FALSE(read.securityDescriptor.empty());
+}
+
+TEST_F(SpoolerPrinters, SetLevel2ChecksLikeAdd) {
+    AddPrinter(u"Office");
+    AddPrinter(u"Other");
+    auto printer = OpenAll(u"Office");
+    PrinterInfo2 info;
+    ASSERT_TRUE(GetPrinterW(printer.get(), &info));
+
+    auto bad = info;
+    bad.driverName = u"Missing";
+    Poison();
+    EXPECT_FALSE(SetPrinterW(printer.get(), bad, 0));
+    EXPECT_EQ(GetLastError(), ERROR_UNKNOWN_PRINTER_DRIVER);
+    bad = info;
+    bad.printerName = u"other";
+    Poison();
+    EXPECT_FALSE(SetPrinterW(printer.get(), bad, 0));
+    EXPECT_EQ(GetLastError(), ERROR_PRINTER_ALREADY_EXISTS);
+    Poison();
+    EXPECT_FALSE(SetPrinterW(printer.get(), info, PRINTER_CONTROL_PAUSE));
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+
+    PrinterInfo2 read;
+    ASSERT_TRUE(GetPrinterW(printer.get(), &read));
+    EXPECT_EQ(read.driverName, u"Generic / Text Only");
+    EXPECT_EQ(read.printerName, u"Office");
+}
+
+TEST_F(SpoolerPrinters, SetLevel2RenamesWithDataAndHandlesFollow) {
+    AddPrinter(u"Old Name");
+    auto printer = OpenAll(u"Old Name");
+    const DWORD trays = 3;
+    ASSERT_EQ(SetPrinterDataW(printer.get(), u"OptionTrays", REG_DWORD, &trays, sizeof(trays)),
+              ERROR_SUCCESS);
+    PrinterInfo2 info;
+    ASSERT_TRUE(GetPrinterW(printer.get(), &info));
+    info.printerName = u"New Name";
+    info.devMode.reset();
+    ASSERT_TRUE(SetPrinterW(printer.get(), info, 0));
+
+    Poison();
+    EXPECT_FALSE(OpenAll(u"Old Name"));
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_PRINTER_NAME);
+    PrinterInfo2 read;
+    ASSERT_TRUE(GetPrinterW(printer.get(), &read));
+    EXPECT_EQ(read.printerName, u"New Name");
+    DWORD value = 0;
+    DWORD type = 0;
+    EXPECT_EQ(GetPrinterDataW(printer.get(), u"OptionTrays", &type, &value, sizeof(value), nullptr),
+              ERROR_SUCCESS);
+    EXPECT_EQ(value, 3u);
+}
+
+TEST_F(SpoolerPrinters, RenameThatOnlyChangesCaseKeepsEverything) {
+    AddPrinter(u"office");
+    auto printer = OpenAll(u"office");
+    const DWORD trays = 2;
+    ASSERT_EQ(SetPrinterDataW(printer.get(), u"OptionTrays", REG_DWORD, &trays, sizeof(trays)),
+              ERROR_SUCCESS);
+    PrinterInfo2 info;
+    ASSERT_TRUE(GetPrinterW(printer.get(), &info));
+    info.printerName = u"Office";
+    ASSERT_TRUE(SetPrinterW(printer.get(), info, 0));
+    auto again = OpenAll(u"OFFICE");
+    ASSERT_TRUE(again);
+    PrinterInfo2 read;
+    ASSERT_TRUE(GetPrinterW(again.get(), &read));
+    EXPECT_EQ(read.printerName, u"Office");
+    DWORD value = 0;
+    EXPECT_EQ(GetPrinterDataW(again.get(), u"OptionTrays", nullptr, &value, sizeof(value), nullptr),
+              ERROR_SUCCESS);
+    EXPECT_EQ(value, 2u);
+    EXPECT_EQ(PrinterCount(), 1u);
+}
+
+TEST_F(SpoolerPrinters, Level8ReplacesTheDeviceMode) {
+    AddPrinter(u"Office");
+    auto printer = OpenAll(u"Office");
+    PrinterInfo8 level8;
+    ASSERT_TRUE(GetPrinterW(printer.get(), &level8));
+    ASSERT_TRUE(level8.devMode.has_value());
+    level8.devMode->dmFields |= DM_DUPLEX | DM_DEFAULTSOURCE;
+    level8.devMode->dmDuplex = DMDUP_VERTICAL;
+    level8.devMode->dmDefaultSource = 260;
+    Poison();
+    ASSERT_TRUE(SetPrinterW(printer.get(), level8, 0));
+    EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
+    PrinterInfo2 read;
+    ASSERT_TRUE(GetPrinterW(printer.get(), &read));
+    ASSERT_TRUE(read.devMode.has_value());
+    EXPECT_EQ(read.devMode->dmDuplex, DMDUP_VERTICAL);
+    EXPECT_EQ(read.devMode->dmDefaultSource, 260);
+
+    Poison();
+    EXPECT_FALSE(SetPrinterW(printer.get(), PrinterInfo8{}, 0));
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+}
+
+TEST_F(SpoolerPrinters, Level0CommandsPauseResumeAndRefuseUnknownOnes) {
+    AddPrinter(u"Office");
+    auto printer = OpenAll(u"Office");
+    PrinterInfo2 read;
+    ASSERT_TRUE(SetPrinterW(printer.get(), PRINTER_CONTROL_PAUSE));
+    ASSERT_TRUE(GetPrinterW(printer.get(), &read));
+    EXPECT_EQ(read.status & PRINTER_STATUS_PAUSED, PRINTER_STATUS_PAUSED);
+    ASSERT_TRUE(SetPrinterW(printer.get(), PRINTER_CONTROL_RESUME));
+    ASSERT_TRUE(GetPrinterW(printer.get(), &read));
+    EXPECT_EQ(read.status & PRINTER_STATUS_PAUSED, 0u);
+    Poison();
+    EXPECT_FALSE(SetPrinterW(printer.get(), 9));
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_PRINTER_COMMAND);
+}
+
+// ---- delete -------------------------------------------------------------------------------
+
+TEST_F(SpoolerPrinters, DeletedPrinterIsGoneWithItsData) {
+    AddPrinter(u"Office");
+    {
+        auto printer = OpenAll(u"Office");
+        const DWORD v = 1;
+        ASSERT_EQ(SetPrinterDataW(printer.get(), u"X", REG_DWORD, &v, sizeof(v)), ERROR_SUCCESS);
+        Poison();
+        ASSERT_TRUE(DeletePrinter(printer.get()));
+        EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
+        PrinterInfo2 info;
+        Poison();
+        EXPECT_FALSE(GetPrinterW(printer.get(), &info));
+        EXPECT_EQ(GetLastError(), ERROR_INVALID_PRINTER_NAME);
+    }
+    EXPECT_EQ(PrinterCount(), 0u);
+    UniqueKey key;
+    EXPECT_EQ(RegOpenKeyExW(HKEY_LOCAL_MACHINE,
+                            u"SYSTEM\\CurrentControlSet\\Control\\Print\\Printers\\Office", 0,
+                            KEY_READ, &key),
+              ERROR_FILE_NOT_FOUND);
+    // The name is free again; the new printer has no old data.
+    AddPrinter(u"Office");
+    auto again = OpenAll(u"Office");
+    DWORD needed = 0;
+    EXPECT_EQ(GetPrinterDataW(again.get(), u"X", nullptr, nullptr, 0, &needed),
+              ERROR_FILE_NOT_FOUND);
+}
+
+// ---- printer data ----------------------------------------------------------------------------
+
+TEST_F(SpoolerPrinters, PrinterDataFollowsTheTwoCallProtocol) {
+    AddPrinter(u"Office");
+    auto printer = OpenAll(u"Office");
+    const std::u16string trays = u"1,Upper\0007,Manual\000\000";
+    const auto bytes = static_cast<DWORD>(trays.size() * sizeof(char16_t));
+    Poison();
+    ASSERT_EQ(SetPrinterDataW(printer.get(), u"TrayData", REG_MULTI_SZ, trays.data(), bytes),
+              ERROR_SUCCESS);
+    EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
+
+    DWORD type = 0;
+    DWORD needed = 0;
+    Poison();
+    EXPECT_EQ(GetPrinterDataW(printer.get(), u"TrayData", &type, nullptr, 0, &needed),
+              ERROR_MORE_DATA);
+    EXPECT_EQ(GetLastError(), ERROR_MORE_DATA);
+    EXPECT_EQ(needed, bytes);
+    EXPECT_EQ(type, REG_MULTI_SZ);
+
+    std::vector<char> buffer(bytes + 1, 'x');
+    needed = 0;
+    Poison();
+    EXPECT_EQ(GetPrinterDataW(printer.get(), u"TrayData", &type, buffer.data(), bytes - 1, &needed),
+              ERROR_MORE_DATA);
+    EXPECT_EQ(needed, bytes);
+    for (DWORD size : {bytes, bytes + 1}) {
+        std::fill(buffer.begin(), buffer.end(), 'x');
+        Poison();
+        EXPECT_EQ(GetPrinterDataW(printer.get(), u"trAYdata", &type, buffer.data(), size, &needed),
+                  ERROR_SUCCESS);
+        EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
+        EXPECT_EQ(needed, bytes);
+        EXPECT_EQ(std::memcmp(buffer.data(), trays.data(), bytes), 0);
+        EXPECT_EQ(buffer[bytes], 'x');  // nothing written past the value
+    }
+
+    Poison();
+    EXPECT_EQ(GetPrinterDataW(printer.get(), u"Missing", &type, buffer.data(), bytes, &needed),
+              ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
+
+    // Kept where the template copy reads it from.
+    UniqueKey key;
+    ASSERT_EQ(RegOpenKeyExW(HKEY_LOCAL_MACHINE,
+                            u"SYSTEM\\CurrentControlSet\\Control\\Print\\Printers\\Office\\"
+                            u"PrinterDriverData",
+                            0, KEY_READ, &key),
+              ERROR_SUCCESS);
+    RegistryValue value;
+    ASSERT_EQ(RegGetValue(key.get(), u"TrayData", &value), ERROR_SUCCESS);
+    EXPECT_EQ(value.type, REG_MULTI_SZ);
+    EXPECT_EQ(value.data.size(), bytes);
+}
+
+TEST_F(SpoolerPrinters, EmptyPrinterDataValueIsReadable) {
+    AddPrinter(u"Office");
+    auto printer = OpenAll(u"Office");
+    ASSERT_EQ(SetPrinterDataW(printer.get(), u"Empty", REG_BINARY, nullptr, 0), ERROR_SUCCESS);
+    DWORD needed = 99;
+    DWORD type = 0;
+    char byte = 'x';
+    EXPECT_EQ(GetPrinterDataW(printer.get(), u"Empty", &type, &byte, 1, &needed), ERROR_SUCCESS);
+    EXPECT_EQ(needed, 0u);
+    EXPECT_EQ(type, REG_BINARY);
+    EXPECT_EQ(byte, 'x');
+}
+
+// ---- across processes -----------------------------------------------------------------------
+
+OVTEST_CHILD(spool_add_printers) {
+    // args: prefix count
+    const std::string prefix = args.at(0);
+    const int count = std::stoi(args.at(1));
+    for (int i = 0; i < count; ++i) {
+        auto info = Record(ovtest::U16(prefix + std::to_string(i)));
+        info.location = ovtest::U16(std::to_string(i) + ";");
+        auto printer = AddPrinterW(u"", info);
+        if (!printer) {
+            return 10;
+        }
+        const DWORD v = static_cast<DWORD>(i);
+        if (SetPrinterDataW(printer.get(), u"Index", REG_DWORD, &v, sizeof(v)) != ERROR_SUCCESS) {
+            return 11;
+        }
+    }
+    return 0;
+}
+
+OVTEST_CHILD(spool_check_printer) {
+    auto printer = OpenAll(ovtest::U16(args.at(0)));
+    PrinterInfo2 info;
+    if (!printer || !GetPrinterW(printer.get(), &info)) {
+        return 10;
+    }
+    return info.location == ovtest::U16(args.at(1)) ? 0 : 11;
+}
+
+TEST_F(SpoolerPrinters, StateSurvivesTheProcessThatMadeIt) {
+    auto child = ovtest::Process::StartChild("spool_add_printers", {"Persist ", "3"});
+    ASSERT_EQ(child.Wait(), 0) << child.output();
+    EXPECT_EQ(PrinterCount(), 3u);
+    auto printer = OpenAll(u"Persist 2");
+    ASSERT_TRUE(printer);
+    PrinterInfo2 info;
+    ASSERT_TRUE(GetPrinterW(printer.get(), &info));
+    EXPECT_EQ(info.location, u"2;");
+    info.location = u"7;";
+    info.devMode.reset();
+    ASSERT_TRUE(SetPrinterW(printer.get(), info, 0));
+    auto checker = ovtest::Process::StartChild("spool_check_printer", {"Persist 2", "7;"});
+    EXPECT_EQ(checker.Wait(), 0) << checker.output();
+}
+
+TEST_F(SpoolerPrinters, TwoProcessesAddingAtOnceStayConsistent) {
+    constexpr int kEach = 25;
+    auto a = ovtest::Process::StartChild("spool_add_printers", {"A-", std::to_string(kEach)});
+    auto b = ovtest::Process::StartChild("spool_add_printers", {"B-", std::to_string(kEach)});
+    ASSERT_EQ(a.Wait(), 0) << a.output();
+    ASSERT_EQ(b.Wait(), 0) << b.output();
+    auto all = EnumPrintersW(PRINTER_ENUM_LOCAL, u"", 2);
+    ASSERT_TRUE(all.has_value());
+    ASSERT_EQ(all->size(), 2u * kEach);
+    for (const auto& p : *all) {
+        auto printer = OpenAll(p.printerName);
+        ASSERT_TRUE(printer);
+        DWORD index = 0;
+        ASSERT_EQ(GetPrinterDataW(printer.get(), u"Index", nullptr, &index, sizeof(index), nullptr),
+                  ERROR_SUCCESS);
+        EXPECT_EQ(p.location, ovtest::U16(std::to_string(index) + ";"));
+    }
+}
+
+OVTEST_CHILD(spool_race_same_name) {
+    auto printer = AddPrinterW(u"", Record(u"Contested"));
+    if (printer) {
+        return 0;
+    }
+    return GetLastError() == ERROR_PRINTER_ALREADY_EXISTS ? 1 : 10;
+}
+
+TEST_F(SpoolerPrinters, OnlyOneOfTwoProcessesAddsTheSameName) {
+    std::vector<ovtest::Process> children;
+    for (int i = 0; i < 4; ++i) {
+        children.push_back(ovtest::Process::StartChild("spool_race_same_name"));
+    }
+    int added = 0;
+    for (auto& child : children) {
+        const int rc = child.Wait();
+        ASSERT_TRUE(rc == 0 || rc == 1) << child.output();
+        added += rc == 0 ? 1 : 0;
+    }
+    EXPECT_EQ(added, 1);
+    EXPECT_EQ(PrinterCount(), 1u);
+}
+
+}  // namespace

@@ -1,0 +1,323 @@
+// Printer security: the descriptor a printer gets, levels 3 and 2 with a
+// descriptor, the owner, and the access check when a printer is opened.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <initializer_list>
+#include <tuple>
+#include <vector>
+
+#include "spooler_fixture.h"
+
+namespace {
+
+using namespace platform;
+using spooltest::Access;
+using spooltest::OpenAll;
+using spooltest::Poison;
+using Bytes = std::vector<std::byte>;
+
+// ---- descriptors built and read by hand, in Windows' layout ----------------------
+
+Bytes Sid(std::uint8_t authority, std::initializer_list<std::uint32_t> subs) {
+    Bytes sid(8 + 4 * subs.size());
+    sid[0] = std::byte{1};
+    sid[1] = static_cast<std::byte>(subs.size());
+    sid[7] = static_cast<std::byte>(authority);
+    std::size_t at = 8;
+    for (auto s : subs) {
+        std::memcpy(sid.data() + at, &s, 4);
+        at += 4;
+    }
+    return sid;
+}
+
+const Bytes kSystem = Sid(5, {18});
+const Bytes kAdmins = Sid(5, {32, 544});
+const Bytes kEveryone = Sid(1, {0});
+const Bytes kUser = Sid(5, {21, 1, 2, 3, 1001});
+
+struct Ace {
+    std::uint8_t type;
+    std::uint8_t flags;
+    std::uint32_t mask;
+    Bytes sid;
+};
+
+template <typename T>
+void Put(Bytes& b, std::size_t at, T v) {
+    std::memcpy(b.data() + at, &v, sizeof(T));
+}
+template <typename T>
+T Get(const Bytes& b, std::size_t at) {
+    T v{};
+    std::memcpy(&v, b.data() + at, sizeof(T));
+    return v;
+}
+
+void Append(Bytes& to, const Bytes& part) {
+    const std::size_t at = to.size();
+    to.resize(at + part.size());
+    if (!part.empty()) {
+        std::memcpy(to.data() + at, part.data(), part.size());
+    }
+}
+
+// Self-relative: header, then owner (when given), then the DACL (when present).
+Bytes Descriptor(const Bytes* owner, const std::vector<Ace>* dacl) {
+    Bytes sd(20);
+    sd[0] = std::byte{1};
+    std::uint16_t control = 0x8000;
+    if (owner != nullptr) {
+        Put<std::uint32_t>(sd, 4, static_cast<std::uint32_t>(sd.size()));
+        Append(sd, *owner);
+    }
+    if (dacl != nullptr) {
+        control |= 0x0004;
+        Put<std::uint32_t>(sd, 16, static_cast<std::uint32_t>(sd.size()));
+        Bytes acl(8);
+        for (const auto& ace : *dacl) {
+            Bytes a(8 + ace.sid.size());
+            a[0] = std::byte{ace.type};
+            a[1] = std::byte{ace.flags};
+            Put<std::uint16_t>(a, 2, static_cast<std::uint16_t>(a.size()));
+            Put<std::uint32_t>(a, 4, ace.mask);
+            std::memcpy(a.data() + 8, ace.sid.data(), ace.sid.size());
+            Append(acl, a);
+        }
+        acl[0] = std::byte{2};
+        Put<std::uint16_t>(acl, 2, static_cast<std::uint16_t>(acl.size()));
+        Put<std::uint16_t>(acl, 4, static_cast<std::uint16_t>(dacl->size()));
+        Append(sd, acl);
+    }
+    Put<std::uint16_t>(sd, 2, control);
+    return sd;
+}
+
+Bytes OwnerOf(const Bytes& sd) {
+    const auto at = Get<std::uint32_t>(sd, 4);
+    if (at == 0) {
+        return {};
+    }
+    const std::size_t length = 8 + 4 * static_cast<std::size_t>(sd[at + 1]);
+    return Bytes(sd.begin() + at, sd.begin() + at + length);
+}
+
+std::vector<Ace> DaclOf(const Bytes& sd) {
+    std::vector<Ace> aces;
+    const auto at = Get<std::uint32_t>(sd, 16);
+    if ((Get<std::uint16_t>(sd, 2) & 0x0004) == 0 || at == 0) {
+        return aces;
+    }
+    const auto count = Get<std::uint16_t>(sd, at + 4);
+    std::size_t ace = at + 8;
+    for (std::uint16_t i = 0; i < count; ++i) {
+        const auto size = Get<std::uint16_t>(sd, ace + 2);
+        aces.push_back({static_cast<std::uint8_t>(sd[ace]), static_cast<std::uint8_t>(sd[ace + 1]),
+                        Get<std::uint32_t>(sd, ace + 4),
+                        Bytes(sd.begin() + ace + 8, sd.begin() + ace + size)});
+        ace += size;
+    }
+    return aces;
+}
+
+class SpoolerSecurity : public spooltest::SpoolerTest {
+  protected:
+    Bytes SecurityOf(const std::u16string& name) {
+        auto printer = OpenAll(name);
+        PrinterInfo3 info;
+        EXPECT_TRUE(printer && GetPrinterW(printer.get(), &info));
+        return info.securityDescriptor;
+    }
+    void SetSecurity(const std::u16string& name, const Bytes& sd) {
+        auto printer = OpenAll(name);
+        ASSERT_TRUE(printer);
+        ASSERT_TRUE(SetPrinterW(printer.get(), PrinterInfo3{sd}, 0)) << GetLastError();
+    }
+};
+
+TEST_F(SpoolerSecurity, NewPrinterIsOwnedByItsCreatorAndLetsEveryonePrint) {
+    AddPrinter(u"Office");
+    const Bytes sd = SecurityOf(u"Office");
+    ASSERT_GE(sd.size(), 20u);
+    EXPECT_EQ(sd[0], std::byte{1});
+    EXPECT_EQ(Get<std::uint16_t>(sd, 2) & 0x8004, 0x8004);  // self-relative, DACL present
+    EXPECT_EQ(OwnerOf(sd), kSystem);                        // this process runs as the local system
+    bool everyonePrints = false;
+    bool adminsManage = false;
+    for (const auto& ace : DaclOf(sd)) {
+        everyonePrints |= ace.type == 0 && ace.sid == kEveryone && ace.flags == 0 &&
+                          (ace.mask & PRINTER_ACCESS_USE) != 0 &&
+                          (ace.mask & PRINTER_ACCESS_ADMINISTER) == 0;
+        adminsManage |=
+            ace.type == 0 && ace.sid == kAdmins && ace.flags == 0 && ace.mask == PRINTER_ALL_ACCESS;
+    }
+    EXPECT_TRUE(everyonePrints);
+    EXPECT_TRUE(adminsManage);
+}
+
+TEST_F(SpoolerSecurity, GivenDescriptorIsStoredAsGiven) {
+    const std::vector<Ace> dacl = {{0, 0, PRINTER_ALL_ACCESS, kSystem},
+                                   {0, 0, 0x00020008, kUser},
+                                   {0, 9, 0x000F0030, kAdmins}};
+    auto info = spooltest::Record(u"Restricted");
+    info.securityDescriptor = Descriptor(&kAdmins, &dacl);
+    ASSERT_TRUE(AddPrinterW(u"", info));
+    const Bytes sd = SecurityOf(u"Restricted");
+    EXPECT_EQ(OwnerOf(sd), kAdmins);
+    const auto read = DaclOf(sd);
+    ASSERT_EQ(read.size(), 3u);
+    EXPECT_EQ(read[1].sid, kUser);
+    EXPECT_EQ(read[1].mask, 0x00020008u);
+    EXPECT_EQ(read[2].flags, 9);
+}
+
+TEST_F(SpoolerSecurity, MalformedDescriptorsAreRefused) {
+    Bytes truncated = Descriptor(&kSystem, nullptr);
+    truncated.resize(truncated.size() - 1);
+    Bytes absolute = Descriptor(&kSystem, nullptr);
+    absolute[3] = std::byte{0};  // not self-relative
+    for (const Bytes& sd : {truncated, absolute, Bytes(8, std::byte{1})}) {
+        auto info = spooltest::Record(u"Broken");
+        info.securityDescriptor = sd;
+        Poison();
+        EXPECT_FALSE(AddPrinterW(u"", info));
+        EXPECT_EQ(GetLastError(), ERROR_INVALID_SECURITY_DESCR);
+    }
+    AddPrinter(u"Office");
+    auto printer = OpenAll(u"Office");
+    Poison();
+    EXPECT_FALSE(SetPrinterW(printer.get(), PrinterInfo3{truncated}, 0));
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_SECURITY_DESCR);
+    Poison();
+    EXPECT_FALSE(SetPrinterW(printer.get(), PrinterInfo3{}, 0));
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+}
+
+TEST_F(SpoolerSecurity, DescriptorWithoutOwnerKeepsThePrintersOwner) {
+    AddPrinter(u"Office");
+    const std::vector<Ace> dacl = {{0, 0, PRINTER_ALL_ACCESS, kAdmins}, {0, 0, 0x20008, kUser}};
+    // As an ACL editor writes it back: a DACL only, through the level-2 record.
+    auto printer = OpenAll(u"Office");
+    PrinterInfo2 info;
+    ASSERT_TRUE(GetPrinterW(printer.get(), &info));
+    info.securityDescriptor = Descriptor(nullptr, &dacl);
+    ASSERT_TRUE(SetPrinterW(printer.get(), info, 0));
+    const Bytes sd = SecurityOf(u"Office");
+    EXPECT_EQ(OwnerOf(sd), kSystem);
+    ASSERT_EQ(DaclOf(sd).size(), 2u);
+    EXPECT_EQ(DaclOf(sd)[1].sid, kUser);
+}
+
+TEST_F(SpoolerSecurity, OwnerChangeKeepsTheDacl) {
+    AddPrinter(u"_#Template");
+    const auto before = DaclOf(SecurityOf(u"_#Template"));
+    auto printer = OpenAll(u"_#Template");
+    Poison();
+    EXPECT_EQ(SetPrinterOwner(printer.get(), kAdmins), ERROR_SUCCESS);
+    EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
+    const Bytes sd = SecurityOf(u"_#Template");
+    EXPECT_EQ(OwnerOf(sd), kAdmins);
+    EXPECT_EQ(DaclOf(sd).size(), before.size());
+
+    Poison();
+    EXPECT_EQ(SetPrinterOwner(printer.get(), Bytes(5, std::byte{1})), ERROR_INVALID_SID);
+    auto user = OpenPrinterW(u"_#Template");
+    Poison();
+    EXPECT_EQ(SetPrinterOwner(user.get(), kSystem), ERROR_ACCESS_DENIED);
+    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+}
+
+TEST_F(SpoolerSecurity, OpenIsCheckedAgainstTheDacl) {
+    AddPrinter(u"Print Only");
+    // Only Everyone may print; the caller (system) is not the owner.
+    const std::vector<Ace> dacl = {{0, 0, PRINTER_READ, kEveryone}};
+    SetSecurity(u"Print Only", Descriptor(&kUser, &dacl));
+
+    Poison();
+    EXPECT_FALSE(OpenAll(u"Print Only"));
+    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+    const auto administer = Access(PRINTER_ACCESS_ADMINISTER);
+    Poison();
+    EXPECT_FALSE(OpenPrinterW(u"Print Only", &administer));
+    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+
+    // Printing, generic read and the default access are granted.
+    for (DWORD desired : {DWORD{0}, PRINTER_ACCESS_USE, DWORD{0x80000000}}) {
+        const auto defaults = Access(desired);
+        Poison();
+        auto printer = OpenPrinterW(u"Print Only", &defaults);
+        EXPECT_TRUE(printer) << desired;
+        EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
+        if (printer) {
+            DocInfo1 doc;
+            doc.documentName = u"allowed";
+            const DWORD job = StartDocPrinterW(printer.get(), doc);
+            EXPECT_NE(job, 0u);
+            EndDocPrinter(printer.get());
+        }
+    }
+}
+
+TEST_F(SpoolerSecurity, DenyAceBeforeAllowWins) {
+    AddPrinter(u"Denied");
+    const std::vector<Ace> dacl = {{1, 0, PRINTER_ACCESS_USE, kEveryone},
+                                   {0, 0, PRINTER_ALL_ACCESS, kSystem}};
+    SetSecurity(u"Denied", Descriptor(&kUser, &dacl));
+    Poison();
+    EXPECT_FALSE(OpenPrinterW(u"Denied"));
+    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+    // Administering alone is not denied.
+    const auto administer = Access(PRINTER_ACCESS_ADMINISTER);
+    EXPECT_TRUE(OpenPrinterW(u"Denied", &administer));
+}
+
+TEST_F(SpoolerSecurity, InheritOnlyAcesDoNotApplyToThePrinter) {
+    AddPrinter(u"Jobs Only");
+    const std::vector<Ace> dacl = {{0, 9, PRINTER_ALL_ACCESS, kSystem},
+                                   {0, 0, PRINTER_READ, kUser}};
+    SetSecurity(u"Jobs Only", Descriptor(&kUser, &dacl));
+    Poison();
+    EXPECT_FALSE(OpenPrinterW(u"Jobs Only"));
+    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+}
+
+TEST_F(SpoolerSecurity, OwnerMayStillReadAndRewriteAnEmptyDacl) {
+    AddPrinter(u"Locked");
+    const std::vector<Ace> none;
+    SetSecurity(u"Locked", Descriptor(&kSystem, &none));
+    Poison();
+    EXPECT_FALSE(OpenPrinterW(u"Locked"));
+    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+    const auto control = Access(0x00060000);  // READ_CONTROL | WRITE_DAC
+    auto owner = OpenPrinterW(u"Locked", &control);
+    ASSERT_TRUE(owner);
+    PrinterInfo3 info;
+    ASSERT_TRUE(GetPrinterW(owner.get(), &info));
+    EXPECT_TRUE(DaclOf(info.securityDescriptor).empty());
+    const std::vector<Ace> open = {{0, 0, PRINTER_ALL_ACCESS, kSystem}};
+    ASSERT_TRUE(SetPrinterW(owner.get(), PrinterInfo3{Descriptor(nullptr, &open)}, 0));
+    EXPECT_TRUE(OpenAll(u"Locked"));
+}
+
+TEST_F(SpoolerSecurity, NullDaclGrantsEverything) {
+    AddPrinter(u"Open");
+    Bytes sd = Descriptor(&kUser, nullptr);
+    Put<std::uint16_t>(sd, 2, 0x8004);  // DACL present, but null
+    SetSecurity(u"Open", sd);
+    EXPECT_TRUE(OpenAll(u"Open"));
+}
+
+TEST_F(SpoolerSecurity, HandleWithoutReadControlSeesNoDescriptor) {
+    AddPrinter(u"Office");
+    auto user = OpenPrinterW(u"Office");
+    PrinterInfo2 info;
+    ASSERT_TRUE(GetPrinterW(user.get(), &info));
+    EXPECT_TRUE(info.securityDescriptor.empty());
+    PrinterInfo3 level3;
+    Poison();
+    EXPECT_FALSE(GetPrinterW(user.get(), &level3));
+    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+}
+
+}  // namespace

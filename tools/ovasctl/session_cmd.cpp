@@ -1,0 +1,284 @@
+// ovasctl session: log users on and off the embedded terminal server.
+#include <cstdio>
+#include <iostream>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "command.h"
+#include "platform/wts.h"
+
+namespace ovasctl {
+
+namespace {
+
+using platform::DWORD;
+namespace terminal = platform::terminal;
+
+std::string JsonText(std::string_view text) {
+    std::string out = "\"";
+    for (char c : text) {
+        switch (c) {
+            case '"':
+                out += "\\\"";
+                break;
+            case '\\':
+                out += "\\\\";
+                break;
+            case '\n':
+                out += "\\n";
+                break;
+            case '\t':
+                out += "\\t";
+                break;
+            default:
+                if (static_cast<unsigned char>(c) < 0x20) {
+                    char buf[8];
+                    std::snprintf(buf, sizeof buf, "\\u%04x", c);
+                    out += buf;
+                } else {
+                    out.push_back(c);
+                }
+        }
+    }
+    return out + "\"";
+}
+
+std::string JsonList(const std::vector<std::u16string>& list) {
+    std::string out = "[";
+    for (std::size_t i = 0; i < list.size(); ++i) {
+        out += (i ? "," : "") + JsonText(Utf8(list[i]));
+    }
+    return out + "]";
+}
+
+std::vector<std::u16string> SplitList(const std::string& text) {
+    std::vector<std::u16string> out;
+    std::size_t start = 0;
+    while (start <= text.size() && !text.empty()) {
+        std::size_t end = text.find(';', start);
+        if (end == std::string::npos) {
+            end = text.size();
+        }
+        if (end > start) {
+            out.push_back(Utf16(text.substr(start, end - start)));
+        }
+        start = end + 1;
+    }
+    return out;
+}
+
+// "name=..,class=..,driver=..,id=..[,trays=a;*b][,papers=..][,resolutions=..][,duplex=N]"
+bool ParsePrinter(const std::string& spec, terminal::ClientPrinter* p, std::string* error) {
+    std::size_t start = 0;
+    while (start < spec.size()) {
+        std::size_t end = spec.find(',', start);
+        if (end == std::string::npos) {
+            end = spec.size();
+        }
+        const std::string field = spec.substr(start, end - start);
+        start = end + 1;
+        const auto eq = field.find('=');
+        if (eq == std::string::npos) {
+            *error = "printer field without '=': " + field;
+            return false;
+        }
+        const std::string key = field.substr(0, eq);
+        const std::string value = field.substr(eq + 1);
+        try {
+            if (key == "name") {
+                p->name = Utf16(value);
+            } else if (key == "class") {
+                p->printerClass = Utf16(value);
+            } else if (key == "driver") {
+                p->driver = Utf16(value);
+            } else if (key == "id") {
+                p->printerId = static_cast<DWORD>(std::stoul(value));
+            } else if (key == "trays") {
+                p->trays = SplitList(value);
+            } else if (key == "papers") {
+                p->papers = SplitList(value);
+            } else if (key == "resolutions") {
+                p->resolutions = SplitList(value);
+            } else if (key == "duplex") {
+                p->duplex = static_cast<DWORD>(std::stoul(value));
+            } else {
+                *error = "unknown printer field: " + key;
+                return false;
+            }
+        } catch (const std::exception&) {
+            *error = "not a number: " + field;
+            return false;
+        }
+    }
+    if (p->name.empty()) {
+        *error = "a printer needs name=";
+        return false;
+    }
+    return true;
+}
+
+int Fail(const std::string& what, DWORD error) {
+    std::cerr << "ovasctl: " << what << " failed: error " << error;
+    switch (error) {
+        case 87:
+            std::cerr << " (invalid parameter)";
+            break;
+        case 183:
+            std::cerr << " (another user is logged on in that session)";
+            break;
+        case platform::ERROR_CTX_WINSTATION_NOT_FOUND:
+            std::cerr << " (no such session)";
+            break;
+        default:
+            break;
+    }
+    std::cerr << "\n";
+    return 1;
+}
+
+void PrintTable(const std::vector<terminal::Session>& sessions) {
+    std::printf("%-7s %-14s %-13s %-24s %-16s %-15s %s\n", "ID", "STATION", "STATE", "USER",
+                "CLIENT", "ADDRESS", "PRINTERS");
+    for (const auto& s : sessions) {
+        std::string user = Utf8(s.userName);
+        if (!s.domainName.empty() && !user.empty()) {
+            user = Utf8(s.domainName) + "\\" + user;
+        }
+        std::printf("%-7u %-14s %-13s %-24s %-16s %-15s %zu\n", s.id,
+                    Utf8(s.winStationName).c_str(), Utf8(terminal::StateName(s.state)).c_str(),
+                    user.c_str(), Utf8(s.clientName).c_str(), Utf8(s.clientAddress).c_str(),
+                    s.printers.size());
+        for (const auto& p : s.printers) {
+            std::printf("        printer %u: %s (class %s, driver %s)\n", p.printerId,
+                        Utf8(p.name).c_str(), Utf8(p.printerClass).c_str(), Utf8(p.driver).c_str());
+        }
+    }
+}
+
+void PrintJson(const std::vector<terminal::Session>& sessions) {
+    std::ostringstream out;
+    out << "[";
+    for (std::size_t i = 0; i < sessions.size(); ++i) {
+        const auto& s = sessions[i];
+        out << (i ? "," : "") << "{\"id\":" << s.id
+            << ",\"station\":" << JsonText(Utf8(s.winStationName))
+            << ",\"state\":" << JsonText(Utf8(terminal::StateName(s.state)))
+            << ",\"stateCode\":" << static_cast<DWORD>(s.state)
+            << ",\"user\":" << JsonText(Utf8(s.userName))
+            << ",\"domain\":" << JsonText(Utf8(s.domainName))
+            << ",\"client\":" << JsonText(Utf8(s.clientName))
+            << ",\"address\":" << JsonText(Utf8(s.clientAddress)) << ",\"printers\":[";
+        for (std::size_t k = 0; k < s.printers.size(); ++k) {
+            const auto& p = s.printers[k];
+            out << (k ? "," : "") << "{\"name\":" << JsonText(Utf8(p.name))
+                << ",\"class\":" << JsonText(Utf8(p.printerClass))
+                << ",\"driver\":" << JsonText(Utf8(p.driver)) << ",\"id\":" << p.printerId
+                << ",\"trays\":" << JsonList(p.trays) << ",\"papers\":" << JsonList(p.papers)
+                << ",\"resolutions\":" << JsonList(p.resolutions) << ",\"duplex\":" << p.duplex
+                << "}";
+        }
+        out << "]}";
+    }
+    out << "]\n";
+    std::cout << out.str();
+}
+
+struct LogonOptions {
+    DWORD id = 0;
+    std::string user;
+    std::string client;
+    std::string address;
+    std::string station;
+    std::vector<std::string> printers;
+};
+
+void InstallSessionCommands(CLI::App& app) {
+    auto* session = app.add_subcommand("session", "terminal sessions of the machine");
+    session->require_subcommand(1);
+
+    auto logon = std::make_shared<LogonOptions>();
+    auto* cmdLogon = session->add_subcommand("logon", "log a user on (or reconnect)");
+    cmdLogon->add_option("--id", logon->id, "session id")->required();
+    cmdLogon->add_option("--user", logon->user, "DOMAIN\\name")->required();
+    cmdLogon->add_option("--client", logon->client, "client machine name");
+    cmdLogon->add_option("--address", logon->address, "client address A.B.C.D");
+    cmdLogon->add_option("--station", logon->station, "window station name");
+    cmdLogon->add_option("--printer", logon->printers,
+                         "name=..,class=..,driver=..,id=..[,trays=a;*b][,papers=..]"
+                         "[,resolutions=..][,duplex=N]");
+    cmdLogon->callback([logon] {
+        terminal::Session s;
+        s.id = logon->id;
+        const auto slash = logon->user.find('\\');
+        if (slash == std::string::npos) {
+            s.userName = Utf16(logon->user);
+        } else {
+            s.domainName = Utf16(logon->user.substr(0, slash));
+            s.userName = Utf16(logon->user.substr(slash + 1));
+        }
+        s.clientName = Utf16(logon->client);
+        s.clientAddress = Utf16(logon->address);
+        s.winStationName = Utf16(logon->station);
+        for (const auto& spec : logon->printers) {
+            terminal::ClientPrinter p;
+            std::string error;
+            if (!ParsePrinter(spec, &p, &error)) {
+                std::cerr << "ovasctl: " << error << "\n";
+                ExitCode() = 2;
+                return;
+            }
+            s.printers.push_back(std::move(p));
+        }
+        if (DWORD rc = terminal::Logon(s); rc != 0) {
+            ExitCode() = Fail("logon", rc);
+            return;
+        }
+        std::printf("session %u: %s logged on\n", s.id, logon->user.c_str());
+    });
+
+    auto disconnectId = std::make_shared<DWORD>(0);
+    auto* cmdDisconnect = session->add_subcommand("disconnect", "disconnect a session");
+    cmdDisconnect->add_option("--id", *disconnectId, "session id")->required();
+    cmdDisconnect->callback([disconnectId] {
+        if (DWORD rc = terminal::Disconnect(*disconnectId); rc != 0) {
+            ExitCode() = Fail("disconnect", rc);
+            return;
+        }
+        std::printf("session %u: disconnected\n", *disconnectId);
+    });
+
+    auto logoffId = std::make_shared<DWORD>(0);
+    auto* cmdLogoff = session->add_subcommand("logoff", "log the session's user off");
+    cmdLogoff->add_option("--id", *logoffId, "session id")->required();
+    cmdLogoff->callback([logoffId] {
+        if (DWORD rc = terminal::Logoff(*logoffId); rc != 0) {
+            ExitCode() = Fail("logoff", rc);
+            return;
+        }
+        std::printf("session %u: logged off\n", *logoffId);
+    });
+
+    auto json = std::make_shared<bool>(false);
+    auto* cmdList = session->add_subcommand("list", "list the sessions");
+    cmdList->add_flag("--json", *json, "JSON output");
+    cmdList->callback([json] {
+        std::vector<terminal::Session> sessions;
+        if (DWORD rc = terminal::ListSessions(&sessions); rc != 0) {
+            ExitCode() = Fail("list", rc);
+            return;
+        }
+        if (*json) {
+            PrintJson(sessions);
+        } else {
+            PrintTable(sessions);
+        }
+    });
+}
+
+const AddCommands reg{&InstallSessionCommands};
+
+}  // namespace
+
+}  // namespace ovasctl

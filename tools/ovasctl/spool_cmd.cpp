@@ -1,0 +1,710 @@
+// ovasctl spool: printers with their comment, location, jobs and ACL;
+// template printers, drivers, monitor ports and jobs of the embedded machine.
+#include <cctype>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "command.h"
+#include "platform/error.h"
+#include "platform/machine.h"
+#include "platform/registry.h"
+#include "platform/spooler.h"
+
+namespace ovasctl {
+
+namespace {
+
+using namespace platform;
+namespace fs = std::filesystem;
+
+// ---- security --------------------------------------------------------------------
+
+struct AclEntryText {
+    std::string account;  // DOMAIN\name, or the SID when it has no name
+    std::string type;     // "allow" or "deny"
+    std::string rights;   // the printer rights in words
+    std::uint32_t mask = 0;
+    std::uint32_t flags = 0;
+};
+
+template <typename T>
+T ReadAt(const std::vector<std::byte>& b, std::size_t at) {
+    T v{};
+    if (at + sizeof(T) <= b.size()) {
+        std::memcpy(&v, b.data() + at, sizeof(T));
+    }
+    return v;
+}
+
+// "S-1-5-21-..." of the SID at `at`.
+std::string SidText(const std::vector<std::byte>& b, std::size_t at) {
+    std::uint64_t authority = 0;
+    for (std::size_t i = 0; i < 6; ++i) {
+        authority = (authority << 8) | ReadAt<std::uint8_t>(b, at + 2 + i);
+    }
+    std::string text =
+        "S-" + std::to_string(ReadAt<std::uint8_t>(b, at)) + "-" + std::to_string(authority);
+    const std::size_t count = ReadAt<std::uint8_t>(b, at + 1);
+    for (std::size_t i = 0; i < count; ++i) {
+        text += "-" + std::to_string(ReadAt<std::uint32_t>(b, at + 8 + 4 * i));
+    }
+    return text;
+}
+
+std::string AccountName(const std::string& sid) {
+    static const std::pair<const char*, const char*> known[] = {
+        {"S-1-5-18", "NT AUTHORITY\\SYSTEM"},
+        {"S-1-5-32-544", "BUILTIN\\Administrators"},
+        {"S-1-5-32-545", "BUILTIN\\Users"},
+        {"S-1-1-0", "Everyone"},
+        {"S-1-3-0", "CREATOR OWNER"},
+        {"S-1-5-11", "NT AUTHORITY\\Authenticated Users"},
+        {"S-1-5-32-547", "BUILTIN\\Power Users"},
+        {"S-1-5-4", "NT AUTHORITY\\INTERACTIVE"},
+    };
+    for (const auto& [s, name] : known) {
+        if (sid == s) {
+            return name;
+        }
+    }
+    return sid;
+}
+
+std::string RightsText(std::uint32_t mask, std::uint8_t flags) {
+    std::string text;
+    auto add = [&](const char* word) { text += (text.empty() ? "" : "+") + std::string(word); };
+    if ((flags & 0x08) != 0) {
+        add((mask & 0x000F0030) == 0x000F0030 ? "manage-documents" : "documents");
+        return text;
+    }
+    if ((mask & PRINTER_ALL_ACCESS) == PRINTER_ALL_ACCESS || (mask & 0x10000000) != 0) {
+        return "full";
+    }
+    if ((mask & PRINTER_ACCESS_ADMINISTER) != 0) {
+        add("manage-printer");
+    }
+    if ((mask & PRINTER_ACCESS_USE) != 0) {
+        add("print");
+    }
+    if ((mask & 0x00020000) != 0 && text.empty()) {
+        add("read");
+    }
+    return text.empty() ? "none" : text;
+}
+
+// The DACL of a self-relative descriptor, one line per ACE.
+std::vector<AclEntryText> DescribeAcl(const std::vector<std::byte>& sd) {
+    std::vector<AclEntryText> out;
+    if (sd.size() < 20 || (ReadAt<std::uint16_t>(sd, 2) & 0x0004) == 0) {
+        return out;
+    }
+    const std::size_t acl = ReadAt<std::uint32_t>(sd, 16);
+    if (acl == 0 || acl + 8 > sd.size()) {
+        return out;
+    }
+    const std::size_t count = ReadAt<std::uint16_t>(sd, acl + 4);
+    std::size_t at = acl + 8;
+    for (std::size_t i = 0; i < count && at + 8 <= sd.size(); ++i) {
+        const auto size = ReadAt<std::uint16_t>(sd, at + 2);
+        if (size < 8) {
+            break;
+        }
+        AclEntryText entry;
+        const auto type = ReadAt<std::uint8_t>(sd, at);
+        entry.type = type == 0 ? "allow" : type == 1 ? "deny" : "type" + std::to_string(type);
+        entry.flags = ReadAt<std::uint8_t>(sd, at + 1);
+        entry.mask = ReadAt<std::uint32_t>(sd, at + 4);
+        entry.account = AccountName(SidText(sd, at + 8));
+        entry.rights = RightsText(entry.mask, static_cast<std::uint8_t>(entry.flags));
+        out.push_back(std::move(entry));
+        at += size;
+    }
+    return out;
+}
+
+// Makes this process act as `account` for the spooler's access check.
+bool RunAsAccount(const std::string& account, std::string* why) {
+    *why = "cannot act as \"" + account + "\": this machine has no account table yet";
+    return false;
+}
+
+// ---- output helpers ------------------------------------------------------------
+
+std::string JsonString(std::string_view text) {
+    std::string out = "\"";
+    for (char c : text) {
+        switch (c) {
+            case '"':
+                out += "\\\"";
+                break;
+            case '\\':
+                out += "\\\\";
+                break;
+            case '\n':
+                out += "\\n";
+                break;
+            case '\t':
+                out += "\\t";
+                break;
+            default:
+                if (static_cast<unsigned char>(c) < 0x20) {
+                    char buf[8];
+                    std::snprintf(buf, sizeof(buf), "\\u%04x", c);
+                    out += buf;
+                } else {
+                    out += c;
+                }
+        }
+    }
+    return out + "\"";
+}
+
+int Fail(const std::string& what, DWORD error) {
+    std::cerr << "ovasctl spool: " << what << " failed (error " << error << ")\n";
+    ExitCode() = 1;
+    return 1;
+}
+
+// A simple aligned table.
+void PrintTable(const std::vector<std::string>& header,
+                const std::vector<std::vector<std::string>>& rows) {
+    std::vector<std::size_t> width(header.size());
+    for (std::size_t c = 0; c < header.size(); ++c) {
+        width[c] = header[c].size();
+        for (const auto& row : rows) {
+            width[c] = std::max(width[c], row[c].size());
+        }
+    }
+    auto line = [&](const std::vector<std::string>& cells) {
+        std::string out;
+        for (std::size_t c = 0; c < cells.size(); ++c) {
+            out += cells[c];
+            if (c + 1 < cells.size()) {
+                out += std::string(width[c] - cells[c].size() + 2, ' ');
+            }
+        }
+        std::cout << out << '\n';
+    };
+    line(header);
+    for (const auto& row : rows) {
+        line(row);
+    }
+}
+
+std::string AclSummary(const std::vector<AclEntryText>& acl) {
+    std::string out;
+    for (const auto& e : acl) {
+        if (!out.empty()) {
+            out += "; ";
+        }
+        out += e.account + ":" + e.rights;
+    }
+    return out;
+}
+
+std::string AclJson(const std::vector<AclEntryText>& acl) {
+    std::string out = "[";
+    for (std::size_t i = 0; i < acl.size(); ++i) {
+        out += (i ? "," : "") + std::string("{\"account\":") + JsonString(acl[i].account) +
+               ",\"type\":" + JsonString(acl[i].type) + ",\"rights\":" + JsonString(acl[i].rights) +
+               ",\"mask\":" + std::to_string(acl[i].mask) +
+               ",\"flags\":" + std::to_string(acl[i].flags) + "}";
+    }
+    return out + "]";
+}
+
+std::string PrinterJson(const PrinterInfo2& p) {
+    std::ostringstream out;
+    out << "{\"name\":" << JsonString(Utf8(p.printerName))
+        << ",\"share\":" << JsonString(Utf8(p.shareName))
+        << ",\"driver\":" << JsonString(Utf8(p.driverName))
+        << ",\"port\":" << JsonString(Utf8(p.portName))
+        << ",\"comment\":" << JsonString(Utf8(p.comment))
+        << ",\"location\":" << JsonString(Utf8(p.location))
+        << ",\"printProcessor\":" << JsonString(Utf8(p.printProcessor))
+        << ",\"datatype\":" << JsonString(Utf8(p.datatype)) << ",\"attributes\":" << p.attributes
+        << ",\"status\":" << p.status << ",\"jobs\":" << p.cJobs
+        << ",\"acl\":" << AclJson(DescribeAcl(p.securityDescriptor)) << "}";
+    return out.str();
+}
+
+// ---- commands --------------------------------------------------------------------
+
+int ListPrinters(bool json) {
+    auto printers = EnumPrintersW(PRINTER_ENUM_LOCAL, u"", 2);
+    if (!printers) {
+        return Fail("EnumPrinters", GetLastError());
+    }
+    if (json) {
+        std::cout << "[";
+        for (std::size_t i = 0; i < printers->size(); ++i) {
+            std::cout << (i ? "," : "") << PrinterJson((*printers)[i]);
+        }
+        std::cout << "]\n";
+        return 0;
+    }
+    std::vector<std::vector<std::string>> rows;
+    for (const auto& p : *printers) {
+        rows.push_back({Utf8(p.printerName), Utf8(p.driverName), Utf8(p.portName), Utf8(p.comment),
+                        Utf8(p.location), std::to_string(p.cJobs),
+                        AclSummary(DescribeAcl(p.securityDescriptor))});
+    }
+    PrintTable({"NAME", "DRIVER", "PORT", "COMMENT", "LOCATION", "JOBS", "ACL"}, rows);
+    return 0;
+}
+
+std::string DataText(const RegistryValue& v) {
+    if (v.type == REG_DWORD && v.data.size() == 4) {
+        std::uint32_t d = 0;
+        std::memcpy(&d, v.data.data(), 4);
+        return "dword:" + std::to_string(d);
+    }
+    if (v.type == REG_SZ || v.type == REG_MULTI_SZ || v.type == REG_EXPAND_SZ) {
+        std::u16string text(v.data.size() / 2, u'\0');
+        std::memcpy(text.data(), v.data.data(), text.size() * 2);
+        while (!text.empty() && text.back() == u'\0') {
+            text.pop_back();
+        }
+        for (auto& c : text) {
+            if (c == u'\0') {
+                c = u'|';
+            }
+        }
+        return Utf8(text);
+    }
+    return std::to_string(v.data.size()) + " bytes (type " + std::to_string(v.type) + ")";
+}
+
+int ShowPrinter(const std::string& name, bool json) {
+    const auto defaults = PrinterDefaults{u"", std::nullopt, PRINTER_ALL_ACCESS};
+    auto printer = OpenPrinterW(Utf16(name), &defaults);
+    if (!printer) {
+        return Fail("OpenPrinter \"" + name + "\"", GetLastError());
+    }
+    PrinterInfo2 info;
+    if (!GetPrinterW(printer.get(), &info)) {
+        return Fail("GetPrinter", GetLastError());
+    }
+    std::vector<RegistryValue> data;
+    UniqueKey key;
+    if (RegOpenKeyExW(HKEY_LOCAL_MACHINE,
+                      u"SYSTEM\\CurrentControlSet\\Control\\Print\\Printers\\" + info.printerName +
+                          u"\\PrinterDriverData",
+                      0, KEY_READ, &key) == ERROR_SUCCESS) {
+        RegEnumValues(key.get(), &data);
+    }
+    auto jobs = EnumJobsW(printer.get(), 0, 0xFFFFFFFF, 1).value_or(std::vector<JobInfo1>{});
+    if (json) {
+        std::string out = PrinterJson(info);
+        out.pop_back();
+        out += ",\"devMode\":";
+        if (info.devMode) {
+            const auto& dm = *info.devMode;
+            out += "{\"deviceName\":" + JsonString(Utf8(dm.dmDeviceName)) +
+                   ",\"fields\":" + std::to_string(dm.dmFields) +
+                   ",\"paperSize\":" + std::to_string(dm.dmPaperSize) +
+                   ",\"defaultSource\":" + std::to_string(dm.dmDefaultSource) +
+                   ",\"duplex\":" + std::to_string(dm.dmDuplex) +
+                   ",\"printQuality\":" + std::to_string(dm.dmPrintQuality) +
+                   ",\"yResolution\":" + std::to_string(dm.dmYResolution) +
+                   ",\"formName\":" + JsonString(Utf8(dm.dmFormName)) +
+                   ",\"driverExtra\":" + std::to_string(dm.driverExtra.size()) + "}";
+        } else {
+            out += "null";
+        }
+        out += ",\"printerData\":{";
+        for (std::size_t i = 0; i < data.size(); ++i) {
+            out += (i ? "," : "") + JsonString(Utf8(data[i].name)) + ":" +
+                   JsonString(DataText(data[i]));
+        }
+        out += "},\"queue\":[";
+        for (std::size_t i = 0; i < jobs.size(); ++i) {
+            out += (i ? "," : "") + std::string("{\"id\":") + std::to_string(jobs[i].jobId) +
+                   ",\"user\":" + JsonString(Utf8(jobs[i].userName)) +
+                   ",\"document\":" + JsonString(Utf8(jobs[i].document)) + "}";
+        }
+        std::cout << out << "]}\n";
+        return 0;
+    }
+    std::cout << "Name:            " << Utf8(info.printerName) << '\n'
+              << "Share name:      " << Utf8(info.shareName) << '\n'
+              << "Driver:          " << Utf8(info.driverName) << '\n'
+              << "Port:            " << Utf8(info.portName) << '\n'
+              << "Comment:         " << Utf8(info.comment) << '\n'
+              << "Location:        " << Utf8(info.location) << '\n'
+              << "Print processor: " << Utf8(info.printProcessor) << '\n'
+              << "Data type:       " << Utf8(info.datatype) << '\n'
+              << "Attributes:      0x" << std::hex << info.attributes << std::dec << '\n'
+              << "Status:          0x" << std::hex << info.status << std::dec << '\n'
+              << "Jobs:            " << info.cJobs << '\n';
+    if (info.devMode) {
+        const auto& dm = *info.devMode;
+        std::cout << "Device mode:     " << Utf8(dm.dmDeviceName) << ", fields 0x" << std::hex
+                  << dm.dmFields << std::dec << ", paper " << dm.dmPaperSize << ", source "
+                  << dm.dmDefaultSource << ", duplex " << dm.dmDuplex << ", quality "
+                  << dm.dmPrintQuality << "x" << dm.dmYResolution << ", form \""
+                  << Utf8(dm.dmFormName) << "\", " << dm.driverExtra.size() << " private bytes\n";
+    }
+    std::cout << "ACL:\n";
+    for (const auto& e : DescribeAcl(info.securityDescriptor)) {
+        std::cout << "  " << e.type << ' ' << e.account << ": " << e.rights << '\n';
+    }
+    std::cout << "Printer data:\n";
+    for (const auto& v : data) {
+        std::cout << "  " << Utf8(v.name) << " = " << DataText(v) << '\n';
+    }
+    std::cout << "Queue:\n";
+    for (const auto& j : jobs) {
+        std::cout << "  " << j.jobId << "  " << Utf8(j.userName) << "  " << Utf8(j.document)
+                  << '\n';
+    }
+    return 0;
+}
+
+int AddTemplate(const std::string& name, const std::string& driver, const std::string& port,
+                const std::string& comment) {
+    std::u16string printerName = Utf16(name);
+    if (!printerName.starts_with(u"_#")) {
+        printerName.insert(0, u"_#");
+    }
+    PrinterInfo2 info;
+    info.printerName = printerName;
+    info.driverName = Utf16(driver);
+    info.portName = Utf16(port);
+    info.comment = Utf16(comment);
+    info.printProcessor = u"winprint";
+    info.attributes = PRINTER_ATTRIBUTE_LOCAL;
+    auto printer = AddPrinterW(u"", info);
+    if (!printer) {
+        return Fail("AddPrinter \"" + Utf8(printerName) + "\"", GetLastError());
+    }
+    std::cout << "Added template printer \"" << Utf8(printerName) << "\"\n";
+    return 0;
+}
+
+// Puts a named file into the driver directory: a host file is copied there,
+// a name already there is used as it is, any other name gets an empty file.
+bool StageDriverFile(const std::string& file, const fs::path& directory, std::u16string* name) {
+    std::error_code ec;
+    const fs::path host(file);
+    const std::string base = host.filename().string();
+    if (base.empty()) {
+        return false;
+    }
+    if (fs::is_regular_file(host, ec) && host.has_parent_path()) {
+        fs::copy_file(host, directory / base, fs::copy_options::overwrite_existing, ec);
+        if (ec) {
+            return false;
+        }
+    } else if (!fs::exists(directory / base, ec)) {
+        std::ofstream(directory / base) << "";
+    }
+    *name = Utf16(base);
+    return true;
+}
+
+int AddDriver(const std::string& name, const std::vector<std::string>& files) {
+    auto directory = GetPrinterDriverDirectoryW(u"", kEnvironmentX64, 1);
+    if (!directory) {
+        return Fail("GetPrinterDriverDirectory", GetLastError());
+    }
+    const fs::path hostDirectory =
+        fs::path(machine::Root()) / "drive_c/Windows/System32/spool/drivers/x64";
+    std::vector<std::string> named = files;
+    if (named.empty()) {
+        std::string stem;
+        for (char c : name) {
+            stem += std::isalnum(static_cast<unsigned char>(c)) ? c : '_';
+        }
+        named.push_back(stem + ".DLL");
+    }
+    std::vector<std::u16string> staged;
+    for (const auto& file : named) {
+        std::u16string base;
+        if (!StageDriverFile(file, hostDirectory, &base)) {
+            return Fail("copying \"" + file + "\" into the driver directory", ERROR_CANTWRITE);
+        }
+        staged.push_back(base);
+    }
+    DriverInfo6 info;
+    info.name = Utf16(name);
+    info.environment = kEnvironmentX64;
+    info.driverPath = staged[0];
+    info.dataFile = staged.size() > 1 ? staged[1] : u"";
+    info.configFile = staged.size() > 2 ? staged[2] : u"";
+    info.dependentFiles.assign(staged.begin() + std::min<std::size_t>(3, staged.size()),
+                               staged.end());
+    info.defaultDataType = u"RAW";
+    if (!AddPrinterDriverW(u"", 6, info)) {
+        return Fail("AddPrinterDriver \"" + name + "\"", GetLastError());
+    }
+    std::cout << "Added driver \"" << name << "\"\n";
+    return 0;
+}
+
+int ListDrivers(bool json) {
+    auto drivers = EnumPrinterDriversW(u"", kEnvironmentX64, 6);
+    if (!drivers) {
+        return Fail("EnumPrinterDrivers", GetLastError());
+    }
+    if (json) {
+        std::cout << "[";
+        for (std::size_t i = 0; i < drivers->size(); ++i) {
+            const auto& d = (*drivers)[i];
+            std::cout << (i ? "," : "") << "{\"name\":" << JsonString(Utf8(d.name))
+                      << ",\"driverPath\":" << JsonString(Utf8(d.driverPath))
+                      << ",\"dataFile\":" << JsonString(Utf8(d.dataFile)) << "}";
+        }
+        std::cout << "]\n";
+        return 0;
+    }
+    std::vector<std::vector<std::string>> rows;
+    for (const auto& d : *drivers) {
+        rows.push_back({Utf8(d.name), Utf8(d.driverPath), Utf8(d.dataFile)});
+    }
+    PrintTable({"NAME", "DRIVER FILE", "DATA FILE"}, rows);
+    return 0;
+}
+
+DWORD SendPortCommand(HANDLE xcv, std::u16string_view command, const std::u16string& input) {
+    DWORD status = ERROR_INVALID_FUNCTION;
+    DWORD needed = 0;
+    if (!XcvDataW(xcv, command, input.data(),
+                  static_cast<DWORD>((input.size() + 1) * sizeof(char16_t)), nullptr, 0, &needed,
+                  &status)) {
+        return GetLastError();
+    }
+    return status;
+}
+
+int AddPort(const std::string& monitor, const std::string& port, const std::string& text) {
+    const std::u16string monitorName = Utf16(monitor);
+    if (!AddMonitorW(u"", monitorName, monitorName + u".dll") &&
+        GetLastError() != ERROR_ALREADY_EXISTS) {
+        return Fail("AddMonitor \"" + monitor + "\"", GetLastError());
+    }
+    const auto defaults = PrinterDefaults{u"", std::nullopt, SERVER_ACCESS_ADMINISTER};
+    auto xcv = OpenPrinterW(u",XcvMonitor " + monitorName, &defaults);
+    if (!xcv) {
+        return Fail("opening monitor \"" + monitor + "\"", GetLastError());
+    }
+    const std::u16string portName = Utf16(port);
+    DWORD status = SendPortCommand(xcv.get(), u"AddPort", portName);
+    if (status != ERROR_SUCCESS && status != ERROR_ALREADY_EXISTS) {
+        return Fail("AddPort \"" + port + "\"", status);
+    }
+    std::u16string info = Utf16(text);
+    // "\n" typed on a command line stands for a line feed.
+    for (std::size_t at = info.find(u"\\n"); at != std::u16string::npos; at = info.find(u"\\n")) {
+        info.replace(at, 2, u"\n");
+    }
+    std::u16string input = portName;
+    input.push_back(u'\0');
+    input += info;
+    status = SendPortCommand(xcv.get(), u"SetPortInfo", input);
+    if (status != ERROR_SUCCESS) {
+        return Fail("setting the text of port \"" + port + "\" (it may belong to another monitor)",
+                    status);
+    }
+    std::cout << "Port \"" << port << "\" of \"" << monitor << "\" answers:\n"
+              << Utf8(info) << '\n';
+    return 0;
+}
+
+int ListPorts(bool json) {
+    auto ports = EnumPortsW(u"", 2);
+    if (!ports) {
+        return Fail("EnumPorts", GetLastError());
+    }
+    std::vector<std::vector<std::string>> rows;
+    std::string out = "[";
+    for (const auto& p : *ports) {
+        std::string text;
+        const auto defaults = PrinterDefaults{u"", std::nullopt, SERVER_ACCESS_ADMINISTER};
+        if (auto xcv = OpenPrinterW(u",XcvMonitor " + p.monitorName, &defaults)) {
+            std::u16string buffer(1024, u'\0');
+            DWORD needed = 0;
+            DWORD status = 0;
+            const std::u16string in = p.portName;
+            if (XcvDataW(xcv.get(), u"GetPort", in.c_str(), static_cast<DWORD>((in.size() + 1) * 2),
+                         buffer.data(), static_cast<DWORD>(buffer.size() * 2), &needed, &status) &&
+                status == ERROR_SUCCESS) {
+                text = Utf8(buffer.c_str());
+            }
+        }
+        std::string flat = text;
+        for (auto& c : flat) {
+            c = c == '\n' ? ' ' : c;
+        }
+        rows.push_back({Utf8(p.monitorName), Utf8(p.portName), flat});
+        out += (out.size() > 1 ? "," : "") + std::string("{\"monitor\":") +
+               JsonString(Utf8(p.monitorName)) + ",\"port\":" + JsonString(Utf8(p.portName)) +
+               ",\"info\":" + JsonString(text) + "}";
+    }
+    if (json) {
+        std::cout << out << "]\n";
+    } else {
+        PrintTable({"MONITOR", "PORT", "GETPORT"}, rows);
+    }
+    return 0;
+}
+
+int AddJob(const std::string& printerName, const std::string& user, const std::string& document) {
+    std::string why;
+    if (!user.empty() && !RunAsAccount(user, &why)) {
+        std::cerr << "ovasctl spool: " << why << '\n';
+        ExitCode() = 1;
+        return 1;
+    }
+    auto printer = OpenPrinterW(Utf16(printerName));
+    if (!printer) {
+        const DWORD error = GetLastError();
+        if (error == ERROR_ACCESS_DENIED) {
+            std::cerr << "ovasctl spool: access denied: " << (user.empty() ? "this user" : user)
+                      << " may not print to \"" << printerName << "\"\n";
+            ExitCode() = 1;
+            return 1;
+        }
+        return Fail("OpenPrinter \"" + printerName + "\"", error);
+    }
+    DocInfo1 doc;
+    doc.documentName = Utf16(document);
+    const DWORD id = StartDocPrinterW(printer.get(), doc);
+    if (id == 0) {
+        return Fail("StartDocPrinter", GetLastError());
+    }
+    EndDocPrinter(printer.get());
+    std::cout << "Queued job " << id << " on \"" << printerName << "\"\n";
+    return 0;
+}
+
+int FinishJob(const std::string& printerName, DWORD id) {
+    const auto defaults = PrinterDefaults{u"", std::nullopt, PRINTER_ALL_ACCESS};
+    auto printer = OpenPrinterW(Utf16(printerName), &defaults);
+    if (!printer) {
+        return Fail("OpenPrinter \"" + printerName + "\"", GetLastError());
+    }
+    if (id == 0) {
+        auto jobs = EnumJobsW(printer.get(), 0, 1, 1);
+        if (!jobs || jobs->empty()) {
+            std::cerr << "ovasctl spool: no job queued on \"" << printerName << "\"\n";
+            ExitCode() = 1;
+            return 1;
+        }
+        id = jobs->front().jobId;
+    }
+    if (!SetJobW(printer.get(), id, JOB_CONTROL_DELETE)) {
+        return Fail("finishing job " + std::to_string(id), GetLastError());
+    }
+    std::cout << "Finished job " << id << " on \"" << printerName << "\"\n";
+    return 0;
+}
+
+int DeleteOnePrinter(const std::string& name) {
+    const auto defaults = PrinterDefaults{u"", std::nullopt, PRINTER_ALL_ACCESS};
+    auto printer = OpenPrinterW(Utf16(name), &defaults);
+    if (!printer || !DeletePrinter(printer.get())) {
+        return Fail("deleting \"" + name + "\"", GetLastError());
+    }
+    std::cout << "Deleted \"" << name << "\"\n";
+    return 0;
+}
+
+void InstallSpoolCommands(CLI::App& app) {
+    auto* spool = app.add_subcommand("spool", "printers, templates, drivers, ports and jobs");
+    spool->require_subcommand(1);
+    auto json = std::make_shared<bool>(false);
+    spool->add_flag("--json", *json, "machine-readable output");
+
+    auto* printers = spool->add_subcommand("printers", "list printers with location, jobs and ACL");
+    printers->add_flag("--json", *json, "machine-readable output");
+    printers->callback([json] { ListPrinters(*json); });
+
+    auto showName = std::make_shared<std::string>();
+    auto* show = spool->add_subcommand("show", "everything about one printer");
+    show->add_option("NAME", *showName, "printer or share name")->required();
+    show->add_flag("--json", *json, "machine-readable output");
+    show->callback([json, showName] { ShowPrinter(*showName, *json); });
+
+    auto delName = std::make_shared<std::string>();
+    auto* del = spool->add_subcommand("delete", "delete a printer");
+    del->add_option("NAME", *delName, "printer name")->required();
+    del->callback([delName] { DeleteOnePrinter(*delName); });
+
+    auto* templ = spool->add_subcommand("template", "template printers (\"_#\" names)");
+    templ->require_subcommand(1);
+    struct TemplateArgs {
+        std::string name, driver, port, comment;
+    };
+    auto targs = std::make_shared<TemplateArgs>();
+    auto* tadd = templ->add_subcommand("add", "add a template printer");
+    tadd->add_option("NAME", targs->name, "template name (\"_#\" is added when missing)")
+        ->required();
+    tadd->add_option("--driver", targs->driver, "driver name")->required();
+    tadd->add_option("--port", targs->port, "port name")->required();
+    tadd->add_option("--comment", targs->comment, "comment");
+    tadd->callback(
+        [targs] { AddTemplate(targs->name, targs->driver, targs->port, targs->comment); });
+
+    auto* driver = spool->add_subcommand("driver", "printer drivers");
+    driver->require_subcommand(1);
+    struct DriverArgs {
+        std::string name;
+        std::vector<std::string> files;
+    };
+    auto dargs = std::make_shared<DriverArgs>();
+    auto* dadd = driver->add_subcommand(
+        "add", "install a driver (files: driver, data, config, then dependent files)");
+    dadd->add_option("NAME", dargs->name, "driver name")->required();
+    dadd->add_option("--file", dargs->files,
+                     "a file (host path, or a name in the driver directory)");
+    dadd->callback([dargs] { AddDriver(dargs->name, dargs->files); });
+    auto* dlist = driver->add_subcommand("list", "installed drivers");
+    dlist->add_flag("--json", *json, "machine-readable output");
+    dlist->callback([json] { ListDrivers(*json); });
+
+    auto* port = spool->add_subcommand("port", "port monitors and their ports");
+    port->require_subcommand(1);
+    struct PortArgs {
+        std::string monitor, port, info;
+    };
+    auto pargs = std::make_shared<PortArgs>();
+    auto* padd = port->add_subcommand("add", "add a port (and its monitor) with its GetPort text");
+    padd->add_option("MONITOR", pargs->monitor, "monitor name")->required();
+    padd->add_option("PORT", pargs->port, "port name")->required();
+    padd->add_option("--info", pargs->info, "GetPort text; \\n separates lines");
+    padd->callback([pargs] { AddPort(pargs->monitor, pargs->port, pargs->info); });
+    auto* plist = port->add_subcommand("list", "ports with their GetPort text");
+    plist->add_flag("--json", *json, "machine-readable output");
+    plist->callback([json] { ListPorts(*json); });
+
+    auto* job = spool->add_subcommand("job", "queued jobs");
+    job->require_subcommand(1);
+    struct JobArgs {
+        std::string printer, user, document = "document";
+        DWORD id = 0;
+    };
+    auto jargs = std::make_shared<JobArgs>();
+    auto* jadd = job->add_subcommand("add", "queue a job as a user (checked against the ACL)");
+    jadd->add_option("PRINTER", jargs->printer, "printer name")->required();
+    jadd->add_option("--as", jargs->user, "DOMAIN\\user submitting the job");
+    jadd->add_option("--document", jargs->document, "document name");
+    jadd->callback([jargs] { AddJob(jargs->printer, jargs->user, jargs->document); });
+    auto* jfinish = job->add_subcommand("finish", "end a job (the oldest when no ID is given)");
+    jfinish->add_option("PRINTER", jargs->printer, "printer name")->required();
+    jfinish->add_option("ID", jargs->id, "job id");
+    jfinish->callback([jargs] { FinishJob(jargs->printer, jargs->id); });
+}
+
+const AddCommands reg{&InstallSpoolCommands};
+
+}  // namespace
+
+}  // namespace ovasctl
