@@ -89,7 +89,7 @@ void DestroyPrinterList() {
 }
 
 bool LoadTranslationTableAtStart() {
-    return true;
+    return LoadTranslationList() != 0;
 }
 
 void Dispatch(SHM* area) {
