@@ -15,6 +15,7 @@
 #include "platform/error.h"
 #include "platform/machine.h"
 #include "platform/registry.h"
+#include "platform/security.h"
 #include "platform/spooler.h"
 
 namespace ovasctl {
@@ -58,7 +59,13 @@ std::string SidText(const std::vector<std::byte>& b, std::size_t at) {
     return text;
 }
 
-std::string AccountName(const std::string& sid) {
+std::string AccountName(const std::vector<std::byte>& b, std::size_t at) {
+    const std::string sid = SidText(b, at);
+    Account account;
+    const Sid binary = Sid::FromBytes(b.data() + at, b.size() - std::min(at, b.size()));
+    if (!binary.empty() && FindAccountBySid(binary, &account)) {
+        return Utf8(account.FullName());
+    }
     static const std::pair<const char*, const char*> known[] = {
         {"S-1-5-18", "NT AUTHORITY\\SYSTEM"},
         {"S-1-5-32-544", "BUILTIN\\Administrators"},
@@ -121,7 +128,7 @@ std::vector<AclEntryText> DescribeAcl(const std::vector<std::byte>& sd) {
         entry.type = type == 0 ? "allow" : type == 1 ? "deny" : "type" + std::to_string(type);
         entry.flags = ReadAt<std::uint8_t>(sd, at + 1);
         entry.mask = ReadAt<std::uint32_t>(sd, at + 4);
-        entry.account = AccountName(SidText(sd, at + 8));
+        entry.account = AccountName(sd, at + 8);
         entry.rights = RightsText(entry.mask, static_cast<std::uint8_t>(entry.flags));
         out.push_back(std::move(entry));
         at += size;
@@ -131,8 +138,15 @@ std::vector<AclEntryText> DescribeAcl(const std::vector<std::byte>& sd) {
 
 // Makes this process act as `account` for the spooler's access check.
 bool RunAsAccount(const std::string& account, std::string* why) {
-    *why = "cannot act as \"" + account + "\": this machine has no account table yet";
-    return false;
+    Account found;
+    if (!FindAccountByName(Utf16(account), &found)) {
+        *why = GetLastError() == ERROR_CALL_NOT_IMPLEMENTED
+                   ? "cannot act as \"" + account + "\": this machine has no account table yet"
+                   : "unknown account \"" + account + "\"";
+        return false;
+    }
+    SetProcessAccount(found.FullName());
+    return true;
 }
 
 // ---- output helpers ------------------------------------------------------------

@@ -20,4 +20,8 @@ std::vector<std::byte> SidBytes(std::uint8_t authority,
 // The token's user SID first, then the SIDs of its groups.
 std::vector<std::vector<std::byte>> CallerSids();
 
+// Whether the caller is the local system account or in Administrators: what
+// adding printers, drivers, monitors, ports and print processors needs.
+bool CallerIsAdministrator();
+
 }  // namespace platform::spool

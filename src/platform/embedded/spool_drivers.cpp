@@ -4,6 +4,7 @@
 #include <filesystem>
 
 #include "platform/machine.h"
+#include "spool_caller.h"
 #include "spool_store.h"
 
 namespace platform {
@@ -300,6 +301,9 @@ bool AddPrinterDriverW(std::u16string_view serverName, DWORD level, const Driver
         return Fail(ERROR_INVALID_PARAMETER);
     }
     Lock lock;
+    if (!CallerIsAdministrator()) {
+        return Fail(ERROR_ACCESS_DENIED);
+    }
     // Every file must be found before anything is copied or registered.
     std::vector<std::u16string> named = {info.driverPath, info.dataFile, info.configFile,
                                          info.helpFile};
@@ -393,6 +397,9 @@ bool DeletePrinterDriverExW(std::u16string_view serverName, std::u16string_view 
         return Fail(ERROR_INVALID_PARAMETER);
     }
     Lock lock;
+    if (!CallerIsAdministrator()) {
+        return Fail(ERROR_ACCESS_DENIED);
+    }
     std::u16string canonical;
     ValueMap values;
     if (!LoadDriver(driverName, &canonical, &values) ||

@@ -2,6 +2,7 @@
 // (XcvData), and print processors.
 #include <cstring>
 
+#include "spool_caller.h"
 #include "spool_store.h"
 
 namespace platform {
@@ -145,6 +146,9 @@ bool AddMonitorW(std::u16string_view serverName, std::u16string_view name,
         return Fail(ERROR_INVALID_PARAMETER);
     }
     Lock lock;
+    if (!CallerIsAdministrator()) {
+        return Fail(ERROR_ACCESS_DENIED);
+    }
     UniqueKey key;
     if (OpenKey(MonitorKey(name), KEY_READ, &key) == ERROR_SUCCESS) {
         return Fail(ERROR_ALREADY_EXISTS);
@@ -223,8 +227,12 @@ bool XcvDataW(HANDLE xcv, std::u16string_view dataName, const void* input, DWORD
     std::size_t used = 0;
     const std::u16string port = ReadText(input, inputSize, &used);
     Lock lock;
+    const bool changes =
+        dataName == u"AddPort" || dataName == u"DeletePort" || dataName == u"SetPortInfo";
     if (dataName == u"GetPort") {
         *status = GetPort(h->name, port, output, outputSize, needed);
+    } else if (changes && !CallerIsAdministrator()) {
+        *status = ERROR_ACCESS_DENIED;
     } else if (dataName == u"AddPort") {
         *status = AddPort(h->name, port, u"");
     } else if (dataName == u"DeletePort") {
@@ -253,6 +261,9 @@ bool AddPrintProcessorW(std::u16string_view serverName, std::u16string_view envi
         return Fail(ERROR_INVALID_PARAMETER);
     }
     Lock lock;
+    if (!CallerIsAdministrator()) {
+        return Fail(ERROR_ACCESS_DENIED);
+    }
     UniqueKey key;
     LSTATUS rc = CreateKey(Join(kProcessorsKey, name), &key);
     if (rc == ERROR_SUCCESS) {

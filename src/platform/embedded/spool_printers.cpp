@@ -2,6 +2,7 @@
 // printer data and the owner of a printer's security.
 #include <cstring>
 
+#include "spool_caller.h"
 #include "spool_store.h"
 
 namespace platform {
@@ -629,6 +630,10 @@ UniquePrinter AddPrinterW(std::u16string_view serverName, const PrinterInfo2& in
     Lock lock;
     if (!lock.held()) {
         SetLastError(ERROR_CANTWRITE);
+        return {};
+    }
+    if (!CallerIsAdministrator()) {
+        SetLastError(ERROR_ACCESS_DENIED);
         return {};
     }
     if (const DWORD rc = ValidateRecord(info, {}); rc != ERROR_SUCCESS) {

@@ -44,6 +44,10 @@
 // SYSTEM and Administrators full control, CREATOR OWNER document management
 // and Everyone printing.
 //
+// Adding printers, drivers, monitors, ports (XcvData) and print processors,
+// and deleting drivers, needs an administrator (SYSTEM or a member of
+// Administrators); others get ERROR_ACCESS_DENIED.
+//
 // Several processes may change the spooler at once: every call that reads or
 // changes more than one value holds a machine-wide lock for its duration (an
 // advisory lock on the file spool.lock in the machine root). A process that
@@ -320,9 +324,8 @@ using UniquePrinter = UniqueHandle<PrinterHandleTraits>;
 // ---- printers ----------------------------------------------------------------
 
 // Local printers at level 2 (flags must include PRINTER_ENUM_LOCAL; `name`
-// empty or this machine). An empty result is a success. The caller needs no
-// particular right, but a printer whose DACL denies the caller every right is
-// left out, as Windows does.
+// empty, meaning this machine). An empty result is a success. Every printer
+// is listed, with its job count and descriptor, whatever its DACL.
 std::optional<std::vector<PrinterInfo2>> EnumPrintersW(DWORD flags, std::u16string_view name,
                                                        DWORD level);
 

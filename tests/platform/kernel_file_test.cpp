@@ -1,0 +1,245 @@
+// Files: Windows paths inside the machine root, creation dispositions, reads,
+// writes, seeks, copies, directories and attributes.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include "ovtest.h"
+#include "platform/kernel.h"
+
+namespace {
+
+using namespace platform;
+
+constexpr DWORD kPoison = 0xDEADBEEF;
+constexpr DWORD kErrorNegativeSeek = 131;
+constexpr DWORD kErrorDirectory = 267;
+
+class KernelFile : public ovtest::MachineTest {
+  protected:
+    static std::string Slurp(const std::string& host) {
+        std::ifstream in(host, std::ios::binary);
+        return std::string(std::istreambuf_iterator<char>(in), {});
+    }
+    static bool Write(HANDLE h, const std::string& text) {
+        DWORD written = 0;
+        return WriteFile(h, text.data(), static_cast<DWORD>(text.size()), &written) &&
+               written == text.size();
+    }
+};
+
+TEST_F(KernelFile, DrivePathsLiveUnderTheMachineRoot) {
+    EXPECT_EQ(HostPath(u"C:\\dir\\x.txt"), root() + "/drive_c/dir/x.txt");
+    EXPECT_EQ(HostPath(u"d:\\a"), root() + "/drive_d/a");
+    EXPECT_EQ(HostPath(u"\\\\?\\C:\\a\\b"), root() + "/drive_c/a/b");
+    EXPECT_EQ(HostPath(u"C:\\a\\..\\..\\..\\b"), root() + "/drive_c/b");  // never above the drive
+    EXPECT_EQ(HostPath(u"C:\\.\\a\\\\b\\"), root() + "/drive_c/a/b");
+    EXPECT_EQ(HostPath(u"/tmp/plain"), "/tmp/plain");
+}
+
+TEST_F(KernelFile, ExistingComponentsAreFoundIgnoringCase) {
+    ASSERT_TRUE(CreateDirectoryW(u"C:\\Drivers"));
+    UniqueFile f = CreateFileW(u"C:\\Drivers\\Model.PPD", GENERIC_WRITE, 0, CREATE_NEW, 0);
+    ASSERT_TRUE(f);
+    EXPECT_EQ(HostPath(u"c:\\DRIVERS\\model.ppd"), root() + "/drive_c/Drivers/Model.PPD");
+    EXPECT_EQ(GetFileAttributesW(u"C:\\drivers\\MODEL.ppd"), FILE_ATTRIBUTE_NORMAL);
+}
+
+TEST_F(KernelFile, InvalidNameCharactersAreRefused) {
+    for (const std::u16string bad :
+         {u"C:\\a?b", u"C:\\a*", u"C:\\x\\a:b", u"C:\\<x>", u"C:\\a|b"}) {
+        SetLastError(kPoison);
+        EXPECT_FALSE(CreateFileW(bad, GENERIC_WRITE, 0, CREATE_ALWAYS, 0));
+        EXPECT_EQ(GetLastError(), ERROR_INVALID_NAME) << ovtest::U8(bad);
+    }
+    SetLastError(kPoison);
+    EXPECT_FALSE(CreateFileW(u"", GENERIC_READ, 0, OPEN_EXISTING, 0));
+    EXPECT_EQ(GetLastError(), ERROR_PATH_NOT_FOUND);
+}
+
+TEST_F(KernelFile, CreationDispositionsFollowWindows) {
+    const std::u16string path = u"C:\\disp.txt";
+    SetLastError(kPoison);
+    EXPECT_FALSE(CreateFileW(path, GENERIC_READ, 0, OPEN_EXISTING, 0));
+    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
+    SetLastError(kPoison);
+    EXPECT_FALSE(CreateFileW(u"C:\\nodir\\disp.txt", GENERIC_READ, 0, OPEN_EXISTING, 0));
+    EXPECT_EQ(GetLastError(), ERROR_PATH_NOT_FOUND);
+    SetLastError(kPoison);
+    EXPECT_FALSE(CreateFileW(path, GENERIC_WRITE, 0, TRUNCATE_EXISTING, 0));
+    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
+
+    SetLastError(kPoison);
+    {
+        UniqueFile f = CreateFileW(path, GENERIC_WRITE, 0, CREATE_NEW, 0);
+        ASSERT_TRUE(f);
+        EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
+        ASSERT_TRUE(Write(f.get(), "first"));
+    }
+    SetLastError(kPoison);
+    EXPECT_FALSE(CreateFileW(path, GENERIC_WRITE, 0, CREATE_NEW, 0));
+    EXPECT_EQ(GetLastError(), ERROR_FILE_EXISTS);
+
+    SetLastError(kPoison);
+    EXPECT_TRUE(CreateFileW(path, GENERIC_READ, 0, OPEN_ALWAYS, 0));
+    EXPECT_EQ(GetLastError(), ERROR_ALREADY_EXISTS);
+    EXPECT_EQ(Slurp(HostPath(path)), "first");  // open-always keeps the contents
+
+    SetLastError(kPoison);
+    EXPECT_TRUE(CreateFileW(path, GENERIC_WRITE, 0, CREATE_ALWAYS, 0));
+    EXPECT_EQ(GetLastError(), ERROR_ALREADY_EXISTS);
+    EXPECT_EQ(Slurp(HostPath(path)), "");  // create-always truncates
+
+    SetLastError(kPoison);
+    EXPECT_TRUE(CreateFileW(u"C:\\new.txt", GENERIC_WRITE, 0, OPEN_ALWAYS, 0));
+    EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
+
+    SetLastError(kPoison);
+    EXPECT_FALSE(CreateFileW(path, GENERIC_READ, 0, TRUNCATE_EXISTING, 0));
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+    SetLastError(kPoison);
+    EXPECT_FALSE(CreateFileW(path, GENERIC_READ, 0, 0, 0));
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+    SetLastError(kPoison);
+    EXPECT_FALSE(CreateFileW(path, GENERIC_READ, 0, 6, 0));
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+}
+
+TEST_F(KernelFile, ReadWriteAndSeek) {
+    UniqueFile f = CreateFileW(u"C:\\rw.bin", GENERIC_READ | GENERIC_WRITE, 0, CREATE_ALWAYS, 0);
+    ASSERT_TRUE(f);
+    ASSERT_TRUE(Write(f.get(), "0123456789"));
+    SetLastError(kPoison);
+    EXPECT_EQ(SetFilePointer(f.get(), 2, nullptr, FILE_BEGIN), 2u);
+    EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
+    char buffer[16] = {};
+    DWORD read = 99;
+    ASSERT_TRUE(ReadFile(f.get(), buffer, 3, &read));
+    EXPECT_EQ(read, 3u);
+    EXPECT_EQ(std::string(buffer, 3), "234");
+    EXPECT_EQ(SetFilePointer(f.get(), -1, nullptr, FILE_CURRENT), 4u);
+    EXPECT_EQ(SetFilePointer(f.get(), -2, nullptr, FILE_END), 8u);
+    // Reading at the end succeeds with fewer bytes, then none.
+    ASSERT_TRUE(ReadFile(f.get(), buffer, sizeof buffer, &read));
+    EXPECT_EQ(read, 2u);
+    ASSERT_TRUE(ReadFile(f.get(), buffer, sizeof buffer, &read));
+    EXPECT_EQ(read, 0u);
+
+    SetLastError(kPoison);
+    EXPECT_EQ(SetFilePointer(f.get(), -11, nullptr, FILE_END), INVALID_SET_FILE_POINTER);
+    EXPECT_EQ(GetLastError(), kErrorNegativeSeek);
+    EXPECT_EQ(SetFilePointer(f.get(), 0, nullptr, FILE_CURRENT), 10u);  // position unchanged
+    SetLastError(kPoison);
+    EXPECT_EQ(SetFilePointer(f.get(), 0, nullptr, 7), INVALID_SET_FILE_POINTER);
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+
+    LONG high = 0;
+    EXPECT_EQ(SetFilePointer(f.get(), 5, &high, FILE_BEGIN), 5u);
+    EXPECT_EQ(high, 0);
+}
+
+TEST_F(KernelFile, AccessOfTheHandleIsEnforced) {
+    {
+        UniqueFile w = CreateFileW(u"C:\\acc.txt", GENERIC_WRITE, 0, CREATE_ALWAYS, 0);
+        ASSERT_TRUE(Write(w.get(), "data"));
+        char c = 0;
+        DWORD read = 0;
+        SetLastError(kPoison);
+        EXPECT_FALSE(ReadFile(w.get(), &c, 1, &read));
+        EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+    }
+    UniqueFile r = CreateFileW(u"C:\\acc.txt", GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING, 0);
+    ASSERT_TRUE(r);
+    DWORD written = 7;
+    SetLastError(kPoison);
+    EXPECT_FALSE(WriteFile(r.get(), "x", 1, &written));
+    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+    EXPECT_EQ(written, 0u);
+
+    UniqueFile append = CreateFileW(u"C:\\acc.txt", FILE_APPEND_DATA, 0, OPEN_EXISTING, 0);
+    ASSERT_TRUE(append);
+    EXPECT_EQ(SetFilePointer(append.get(), 0, nullptr, FILE_BEGIN), 0u);
+    ASSERT_TRUE(Write(append.get(), "+more"));
+    EXPECT_EQ(Slurp(HostPath(u"C:\\acc.txt")), "data+more");
+}
+
+TEST_F(KernelFile, BadHandlesFailWithInvalidHandle) {
+    UniqueEvent e = CreateEventW(nullptr, false, false, u"");
+    char c = 0;
+    DWORD n = 0;
+    for (HANDLE bad : {INVALID_HANDLE_VALUE, static_cast<HANDLE>(nullptr), e.get()}) {
+        SetLastError(kPoison);
+        EXPECT_FALSE(ReadFile(bad, &c, 1, &n));
+        EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+        SetLastError(kPoison);
+        EXPECT_FALSE(WriteFile(bad, &c, 1, &n));
+        EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+        SetLastError(kPoison);
+        EXPECT_EQ(SetFilePointer(bad, 0, nullptr, FILE_BEGIN), INVALID_SET_FILE_POINTER);
+        EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+    }
+}
+
+TEST_F(KernelFile, CopyAndDelete) {
+    {
+        UniqueFile f = CreateFileW(u"C:\\src.txt", GENERIC_WRITE, 0, CREATE_NEW, 0);
+        ASSERT_TRUE(Write(f.get(), std::string(100000, 'q') + "end"));
+    }
+    ASSERT_TRUE(CopyFileW(u"C:\\src.txt", u"C:\\dst.txt", true));
+    EXPECT_EQ(Slurp(HostPath(u"C:\\dst.txt")), std::string(100000, 'q') + "end");
+    SetLastError(kPoison);
+    EXPECT_FALSE(CopyFileW(u"C:\\src.txt", u"C:\\dst.txt", true));
+    EXPECT_EQ(GetLastError(), ERROR_FILE_EXISTS);
+    EXPECT_TRUE(CopyFileW(u"C:\\src.txt", u"C:\\dst.txt", false));
+    SetLastError(kPoison);
+    EXPECT_FALSE(CopyFileW(u"C:\\missing.txt", u"C:\\x.txt", false));
+    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(GetFileAttributesW(u"C:\\x.txt"), INVALID_FILE_ATTRIBUTES);
+
+    ASSERT_TRUE(DeleteFileW(u"C:\\dst.txt"));
+    SetLastError(kPoison);
+    EXPECT_FALSE(DeleteFileW(u"C:\\dst.txt"));
+    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
+    SetLastError(kPoison);
+    EXPECT_FALSE(DeleteFileW(u"C:\\nodir\\dst.txt"));
+    EXPECT_EQ(GetLastError(), ERROR_PATH_NOT_FOUND);
+}
+
+TEST_F(KernelFile, DirectoriesAndAttributes) {
+    SetLastError(kPoison);
+    EXPECT_EQ(GetFileAttributesW(u"C:\\d"), INVALID_FILE_ATTRIBUTES);
+    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
+    ASSERT_TRUE(CreateDirectoryW(u"C:\\d"));
+    EXPECT_EQ(GetFileAttributesW(u"C:\\d"), FILE_ATTRIBUTE_DIRECTORY);
+    SetLastError(kPoison);
+    EXPECT_FALSE(CreateDirectoryW(u"C:\\d"));
+    EXPECT_EQ(GetLastError(), ERROR_ALREADY_EXISTS);
+    SetLastError(kPoison);
+    EXPECT_FALSE(CreateDirectoryW(u"C:\\no\\such"));
+    EXPECT_EQ(GetLastError(), ERROR_PATH_NOT_FOUND);
+
+    SetLastError(kPoison);
+    EXPECT_FALSE(CreateFileW(u"C:\\d", GENERIC_READ, 0, OPEN_EXISTING, 0));
+    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+
+    UniqueFile inside = CreateFileW(u"C:\\d\\f", GENERIC_WRITE, 0, CREATE_NEW, 0);
+    inside.reset();
+    SetLastError(kPoison);
+    EXPECT_FALSE(RemoveDirectoryW(u"C:\\d"));
+    EXPECT_EQ(GetLastError(), ERROR_DIR_NOT_EMPTY);
+    SetLastError(kPoison);
+    EXPECT_FALSE(RemoveDirectoryW(u"C:\\d\\f"));
+    EXPECT_EQ(GetLastError(), kErrorDirectory);
+    SetLastError(kPoison);
+    EXPECT_FALSE(DeleteFileW(u"C:\\d"));
+    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+    ASSERT_TRUE(DeleteFileW(u"C:\\d\\f"));
+    ASSERT_TRUE(RemoveDirectoryW(u"C:\\d"));
+    SetLastError(kPoison);
+    EXPECT_FALSE(RemoveDirectoryW(u"C:\\d"));
+    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
+}
+
+}  // namespace
