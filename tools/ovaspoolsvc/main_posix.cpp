@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "ovsvc.h"
+#include "platform/registry.h"
 
 namespace {
 
@@ -25,9 +26,19 @@ void WaitForStopSignal(sigset_t signals) {
     }
 }
 
+// The product's installer creates the product key; a fresh embedded machine
+// has had no installer, so the host does it. Without the key the service
+// would refuse to start (it cannot load its translation table).
+void EnsureProductKey() {
+    platform::UniqueKey key;
+    platform::RegCreateKeyExW(platform::HKEY_LOCAL_MACHINE, u"Software\\Orvelle\\Ovaspool", 0,
+                              platform::KEY_ALL_ACCESS, &key, nullptr);
+}
+
 }  // namespace
 
 int main() {
+    EnsureProductKey();
     sigset_t signals;
     sigemptyset(&signals);
     sigaddset(&signals, SIGTERM);

@@ -2,7 +2,6 @@
 
 #include "common/module_state.h"
 #include "res/resources.h"
-#include "rules/translation_table.h"
 #include "trace/trace.h"
 
 namespace ovsvc {
@@ -140,7 +139,7 @@ void ModuleDetach() {
         TraceCheck("!fIsService || pthePrinterList != NULL", __FILE__, __LINE__);
     }
     DestroyPrinterList();
-    UnloadTranslationList();
+    // The translation table belongs to its own subsystem, which frees it.
 }
 
 }  // namespace ovsvc
