@@ -250,9 +250,7 @@ UniqueEvent CreateEventW(const SecurityAttributes* /*attributes*/, bool manualRe
                       ERROR_SUCCESS);
     }
     ObjectName parsed;
-    if (DWORD error =
-            ParseObjectName(name, GetCurrentSessionId(), GlobalNamespaceAvailable(), &parsed);
-        error != ERROR_SUCCESS) {
+    if (DWORD error = ParseObjectNameHere(name, &parsed); error != ERROR_SUCCESS) {
         SetLastError(error);
         return UniqueEvent();
     }
@@ -277,9 +275,7 @@ UniqueEvent OpenEventW(DWORD desiredAccess, bool /*inheritHandle*/, std::u16stri
         return UniqueEvent();
     }
     ObjectName parsed;
-    if (DWORD error =
-            ParseObjectName(name, GetCurrentSessionId(), GlobalNamespaceAvailable(), &parsed);
-        error != ERROR_SUCCESS) {
+    if (DWORD error = ParseObjectNameHere(name, &parsed); error != ERROR_SUCCESS) {
         SetLastError(error);
         return UniqueEvent();
     }
