@@ -22,24 +22,33 @@ void CopyField(char16_t* field, std::size_t units, const char16_t* text) {
 }
 
 // Waiting clients see OVAck1 still set while the client whose turn it is has
-// not yet reset it. They yield first and then sleep a little longer each time,
-// so a stalled turn (a client that died holding it) costs no CPU while a
-// normal hand-over stays within a time slice.
+// not yet reset it. A normal hand-over takes microseconds, so they yield;
+// only a turn that stays stalled (its client died or hangs) makes them sleep,
+// longer each time, so it costs no CPU. A new turn starts the yielding over,
+// so a client is never asleep when a turn that moves normally reaches it.
 class TurnBackoff {
   public:
-    void Pause() {
-        ++rounds_;
-        if (rounds_ <= kYieldRounds) {
-            platform::SwitchToThread();
-        } else {
-            platform::Sleep(std::min<platform::DWORD>(rounds_ - kYieldRounds, kMaxSleepMs));
+    void Pause(std::int32_t act) {
+        const std::uint64_t now = platform::GetTickCount64();
+        if (act != act_) {
+            act_ = act;
+            since_ = now;
+            sleepMs_ = 0;
         }
+        if (now - since_ < kYieldMs) {
+            platform::SwitchToThread();
+            return;
+        }
+        sleepMs_ = std::min<platform::DWORD>(sleepMs_ + 1, kMaxSleepMs);
+        platform::Sleep(sleepMs_);
     }
 
   private:
-    static constexpr platform::DWORD kYieldRounds = 64;
+    static constexpr std::uint64_t kYieldMs = 2;
     static constexpr platform::DWORD kMaxSleepMs = 10;
-    platform::DWORD rounds_ = 0;
+    std::int32_t act_ = -1;
+    std::uint64_t since_ = 0;
+    platform::DWORD sleepMs_ = 0;
 };
 
 bool SetNamedEvent(const std::u16string& name) {
@@ -81,7 +90,7 @@ std::int32_t WaitForTurn(SHM* area, std::int32_t myNr, platform::DWORD timeout) 
         if (act == myNr) {
             return 0;
         }
-        backoff.Pause();  // another client's turn is still being taken
+        backoff.Pause(act);  // another client's turn is still being taken
     }
 }
 
