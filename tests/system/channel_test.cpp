@@ -10,6 +10,7 @@
 #include "channel_support.h"
 #include "ovsvc.h"
 #include "ovtest.h"
+#include "platform/machine.h"
 #include "platform/registry.h"
 
 using namespace channeltest;
@@ -347,4 +348,24 @@ TEST_F(ChannelTest, ManyClientProcessesEachGetTheirOwnReplies) {
     AreaView area;
     ASSERT_TRUE(area);
     EXPECT_EQ(area.get()->Act, kClients * kRequests);
+}
+
+TEST_F(ChannelTest, WithoutTheGlobalNamespaceEveryProcessUsesLocalNames) {
+    platform::machine::SetSetting("global_namespace", "0");
+    ovtest::Process service = ovtest::Process::Start(ovtest::BinDir() + "/ovaspoolsvc", {});
+    ASSERT_TRUE(WaitUntil(
+        [] {
+            platform::UniqueEvent ack1 =
+                platform::OpenEventW(platform::SYNCHRONIZE, false, u"OVC-Ack1");
+            return static_cast<bool>(ack1);
+        },
+        10s));
+    EXPECT_EQ(RunClient("repair"), -10);
+    EXPECT_FALSE(platform::OpenFileMappingW(platform::FILE_MAP_READ, false, u"Global\\OVC-SHM"));
+    platform::UniqueMapping local =
+        platform::OpenFileMappingW(platform::FILE_MAP_READ, false, u"OVC-SHM");
+    EXPECT_TRUE(local);
+    EXPECT_NE(Trace().find("Global\\\\ is not possible!"), std::string::npos);
+    service.Kill(SIGTERM);
+    EXPECT_EQ(service.Wait(10s), 0);
 }
