@@ -2,7 +2,7 @@
 // with tracing on (registry read, file open, append and close per line),
 // and the parts of it measured alone.
 //
-// Runs on a fresh machine root under /tmp, removed at the end.
+// Runs on a fresh machine root under /tmp, removed at exit.
 #include <benchmark/benchmark.h>
 
 #include <cstdlib>
@@ -11,6 +11,7 @@
 
 #include "common/format.h"
 #include "config/product_key.h"
+#include "platform/kernel.h"
 #include "platform/machine.h"
 #include "platform/registry.h"
 #include "trace/trace.h"
@@ -21,7 +22,25 @@ using namespace ovsvc;
 
 std::string g_root;
 
+// A fresh machine root for this run, made on first use and removed at exit.
+void UseFreshMachine() {
+    if (!g_root.empty()) {
+        return;
+    }
+    char pattern[] = "/tmp/ovsvc-bench-trace-XXXXXX";
+    if (mkdtemp(pattern) == nullptr) {
+        std::abort();
+    }
+    g_root = pattern;
+    platform::machine::UseRoot(g_root);
+    std::atexit([] {
+        std::error_code ec;
+        std::filesystem::remove_all(g_root, ec);
+    });
+}
+
 void SetLevel(const std::uint32_t* level) {
+    UseFreshMachine();
     platform::UniqueKey key;
     platform::RegCreateKeyExW(platform::HKEY_LOCAL_MACHINE, kProductKey, 0,
                               platform::KEY_ALL_ACCESS, &key, nullptr);
@@ -74,6 +93,26 @@ void TraceFilteredOut(benchmark::State& state) {
 }
 BENCHMARK(TraceFilteredOut);
 
+// One file append as the writer does it: open, seek to the end, write, close.
+void FileAppend(benchmark::State& state) {
+    UseFreshMachine();
+    const std::string path = g_root + "/bench-append.log";
+    const std::u16string wide(path.begin(), path.end());
+    const std::string line(90, 'x');
+    for (auto _ : state) {
+        platform::UniqueFile file =
+            platform::CreateFileW(wide, platform::FILE_APPEND_DATA | platform::SYNCHRONIZE,
+                                  platform::FILE_SHARE_READ | platform::FILE_SHARE_WRITE,
+                                  platform::OPEN_ALWAYS, platform::FILE_ATTRIBUTE_NORMAL);
+        platform::SetFilePointer(file.get(), 0, nullptr, platform::FILE_END);
+        platform::DWORD written = 0;
+        platform::WriteFile(file.get(), line.data(), static_cast<platform::DWORD>(line.size()),
+                            &written);
+    }
+    std::filesystem::remove(path);
+}
+BENCHMARK(FileAppend);
+
 // Building the message text alone.
 void FormatMessage(benchmark::State& state) {
     const std::u16string name = u"Printer on client";
@@ -86,17 +125,4 @@ BENCHMARK(FormatMessage);
 
 }  // namespace
 
-int main(int argc, char** argv) {
-    char pattern[] = "/tmp/ovsvc-bench-trace-XXXXXX";
-    if (mkdtemp(pattern) == nullptr) {
-        return 1;
-    }
-    g_root = pattern;
-    platform::machine::UseRoot(g_root);
-    benchmark::Initialize(&argc, argv);
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    std::error_code ec;
-    std::filesystem::remove_all(g_root, ec);
-    return 0;
-}
+BENCHMARK_MAIN();

@@ -1,12 +1,62 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds, and runs the demo on a fresh embedded machine.
+# The main job: builds (installing what is missing), then runs OVSvc on a fresh
+# embedded machine: the service started through service control, two users
+# logged on from their client machines, client calls answered by the service,
+# the machine's sessions and printers listed, and the service stopped.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/deps.sh
 cmake --preset default >/dev/null
-cmake --build --preset default -j "$(nproc)"
-root="${OVSVC_ROOT:-$(mktemp -d /tmp/ovsvc-demo-XXXXXX)}"
-export OVSVC_ROOT="$root"
-bin=build/default/bin
+cmake --build --preset default -j "$(nproc)" >/dev/null
+ctl="$PWD/build/default/bin/ovasctl"
+
+export OVSVC_ROOT="${OVSVC_ROOT:-$(mktemp -d /tmp/ovsvc-demo-XXXXXX)}"
 echo "== machine root: $OVSVC_ROOT"
-"$bin/ovasctl" demo
+key='HKLM\Software\Orvelle\Ovaspool'
+"$ctl" reg set "$key" DebugLevel dword:000000ff
+"$ctl" reg set "$key" DebugFile "$OVSVC_ROOT/trace.log"
+"$ctl" reg set "$key" TimeOutService dword:000003e8
+"$ctl" reg set "$key" NameTranslationEx --type multi_sz \
+  'IP,Client,Driver,Printer,Class,T1,T2,T4,T8,Template,Flag' \
+  '*,*,HP*,*,*,true,true,true,true,HP Universal,' \
+  '*,*,*,*,PS,true,true,true,true,Generic PostScript,'
+
+echo; echo "== template printers the translated names point at"
+"$ctl" spool template add 'HP Universal' --driver 'Generic / Text Only' --port LPT1:
+"$ctl" spool template add 'Generic PostScript' --driver 'Generic / Text Only' --port FILE:
+
+echo; echo "== a client call before the service runs (no service: -16)"
+"$ctl" call repair || true
+
+echo; echo "== service control"
+"$ctl" service start
+for _ in $(seq 200); do   # until the service answers requests
+  "$ctl" call repair 2>/dev/null | grep -q 'result -16' || break
+  sleep 0.05
+done
+"$ctl" service status
+
+echo; echo "== two users log on from their client machines"
+"$ctl" session logon --id 2 --user 'ORVELLE\alice' --client ALICE-PC --address 10.0.0.21 \
+  --printer 'name=HP LaserJet 4,class=PCL,driver=HP LaserJet 4,id=1'
+"$ctl" session logon --id 3 --user 'ORVELLE\bob' --client BOB-PC --address 10.0.0.22 \
+  --printer 'name=Office PS,class=PS,driver=Generic PS,id=7'
+"$ctl" session list
+
+echo; echo "== client calls answered by the service"
+"$ctl" call version
+"$ctl" call timeouts
+"$ctl" call translate --printer 'HP LaserJet 4' --class PCL --ip 10.0.0.21 --client ALICE-PC \
+  --driver 'HP LaserJet 4' --type 3
+"$ctl" call translate --printer 'Office PS' --class PS --ip 10.0.0.22 --client BOB-PC \
+  --driver 'Generic PS' --type 3
+"$ctl" call reload
+"$ctl" call repair || true
+
+echo; echo "== printers of the machine (printers for client printers come with the create request)"
+"$ctl" spool printers
+
+echo; echo "== stopping the service"
+"$ctl" service stop
+echo; echo "== the service's trace (its last lines; the whole file: $OVSVC_ROOT/trace.log)"
+grep -a '_SVC_' "$OVSVC_ROOT/trace.log" | tail -n 6

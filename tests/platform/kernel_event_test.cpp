@@ -263,6 +263,36 @@ TEST_F(KernelEvent, EventLivesUntilItsLastHandleCloses) {
     EXPECT_EQ(WaitForSingleObject(fresh.get(), 0), WAIT_TIMEOUT);
 }
 
+TEST_F(KernelEvent, FreedObjectsAreReusedWithoutLimit) {
+    const std::string base = ovtest::UniqueName("churn");
+    for (int i = 0; i < 6000; ++i) {
+        UniqueEvent e = CreateEventW(nullptr, false, false, U16(base + std::to_string(i % 7)));
+        UniqueMapping m =
+            CreateFileMappingW(nullptr, PAGE_READWRITE, 4096, U16(base + "m" + std::to_string(i)));
+        ASSERT_TRUE(e) << i;
+        ASSERT_TRUE(m) << i;
+    }
+}
+
+TEST_F(KernelEvent, FullObjectTableIsAClearErrorAndRecovers) {
+    const std::string base = ovtest::UniqueName("full");
+    std::vector<UniqueEvent> held;
+    DWORD error = ERROR_SUCCESS;
+    for (int i = 0; i < 10000; ++i) {
+        SetLastError(kPoison);
+        UniqueEvent e = CreateEventW(nullptr, false, false, U16(base + std::to_string(i)));
+        if (!e) {
+            error = GetLastError();
+            break;
+        }
+        held.push_back(std::move(e));
+    }
+    EXPECT_EQ(error, ERROR_NOT_ENOUGH_MEMORY);
+    EXPECT_GE(held.size(), 4000u);
+    held.pop_back();
+    EXPECT_TRUE(CreateEventW(nullptr, false, false, U16(base + "-after")));
+}
+
 // ---- access rights and bad handles -------------------------------------------
 
 TEST_F(KernelEvent, HandleAccessRightsAreEnforced) {

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cctype>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
@@ -16,6 +17,7 @@
 #include "ovtest.h"
 #include "platform/kernel.h"
 #include "platform/process.h"
+#include "platform/security.h"
 #include "platform/wts.h"
 
 namespace {
@@ -82,7 +84,7 @@ struct Captured {
 
 Captured RunCaptured(const std::u16string& commandLine,
                      const std::vector<std::u16string>* environment = nullptr,
-                     std::u16string_view directory = {}) {
+                     std::u16string_view directory = {}, HANDLE token = nullptr) {
     Captured result;
     UniquePipe readEnd;
     UniquePipe writeEnd;
@@ -94,8 +96,12 @@ Captured RunCaptured(const std::u16string& commandLine,
     si.hStdOutput = writeEnd.get();
     si.hStdError = writeEnd.get();
     PROCESS_INFORMATION pi;
-    if (!CreateProcessW({}, commandLine, nullptr, nullptr, true, CREATE_NO_WINDOW, environment,
-                        directory, si, &pi)) {
+    const bool started =
+        token != nullptr ? CreateProcessAsUserW(token, {}, commandLine, nullptr, nullptr, true,
+                                                CREATE_NO_WINDOW, environment, directory, si, &pi)
+                         : CreateProcessW({}, commandLine, nullptr, nullptr, true, CREATE_NO_WINDOW,
+                                          environment, directory, si, &pi);
+    if (!started) {
         ADD_FAILURE() << "CreateProcessW failed: " << GetLastError();
         return result;
     }
@@ -184,8 +190,14 @@ TEST_F(ProgramSearch, FilesThatCannotRunAreSkipped) {
 }
 
 TEST_F(ProgramSearch, TheModulesDirectoryComesBeforePath) {
-    Make("ovasctl");  // a decoy earlier on PATH than nothing, later than the module
-    EXPECT_EQ(U8(SearchProgram(u"OVASCTL.exe")), ovtest::BinDir() + "/ovasctl");
+    // The test program sits beside the module; a program of that name first on PATH loses.
+    const std::string self = std::filesystem::path(SelfPath()).filename().string();
+    Make(self);
+    std::string upper = self;
+    for (char& c : upper) {
+        c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+    }
+    EXPECT_EQ(U8(SearchProgram(U16(upper + ".exe"))), ovtest::BinDir() + "/" + self);
 }
 
 TEST_F(ProgramSearch, PathsAreTakenAsGiven) {
@@ -362,6 +374,25 @@ TEST_F(ProcessStart, AChildRunsAsItsAccountInItsSession) {
     EXPECT_EQ(RunCaptured(SelfCommand("whoami"), &named).text, "bob in 3\n");
     const auto console = env({u"OVSVC_SESSION_ID=0"});
     EXPECT_EQ(RunCaptured(SelfCommand("whoami"), &console).text, "SYSTEM in 0\n");
+}
+
+TEST_F(ProcessStart, AProcessStartedWithATokenRunsAsItsUserInItsSession) {
+    Account alice;
+    if (!AddAccount(u"OVDOMAIN\\alice", SidTypeUser, {}, &alice)) {
+        if (GetLastError() == ERROR_CALL_NOT_IMPLEMENTED) {
+            GTEST_SKIP() << "the machine has no account table yet";
+        }
+        FAIL() << "AddAccount: " << GetLastError();
+    }
+    terminal::Session s;
+    s.id = 5;
+    s.domainName = u"OVDOMAIN";
+    s.userName = u"alice";
+    ASSERT_EQ(terminal::Logon(s), ERROR_SUCCESS);
+    UniqueToken token;
+    ASSERT_TRUE(CreateTokenForAccount(u"OVDOMAIN\\alice", 5, &token)) << GetLastError();
+    // The caller runs in session 0 as the system; the child does not.
+    EXPECT_EQ(RunCaptured(SelfCommand("whoami"), nullptr, {}, token.get()).text, "alice in 5\n");
 }
 
 TEST_F(ProcessStart, OnlyTokensNameAUserToStartAs) {

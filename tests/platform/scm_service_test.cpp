@@ -15,6 +15,7 @@
 #include "ovtest.h"
 #include "platform/machine.h"
 #include "platform/scm.h"
+#include "platform/security.h"
 #include "platform/wts.h"
 
 namespace {
@@ -350,21 +351,30 @@ TEST_F(ServiceControl, TheDatabaseLockIsOneForTheWholeMachine) {
 }
 
 TEST_F(ServiceControl, OnlyAdministratorsMayLockStartOrStop) {
-    auto user = ovtest::Process::StartChild("non_admin", {}, {"OVSVC_USER=CORP\\bob"});
+    // An ordinary user and a member of BUILTIN\Administrators, where the machine
+    // keeps accounts; otherwise accounts are told apart by name.
+    std::string admin = "OVSVC_USER=SRV\\Administrator";
+    const std::u16string adminGroups[] = {u"BUILTIN\\Administrators"};
+    if (AddAccount(u"OVDOMAIN\\bob", SidTypeUser, {}, nullptr)) {
+        ASSERT_TRUE(AddAccount(u"OVDOMAIN\\operator", SidTypeUser, adminGroups, nullptr));
+        admin = "OVSVC_USER=OVDOMAIN\\operator";
+    } else {
+        ASSERT_EQ(GetLastError(), ERROR_CALL_NOT_IMPLEMENTED);
+    }
+    auto user = ovtest::Process::StartChild("non_admin", {}, {"OVSVC_USER=OVDOMAIN\\bob"});
     EXPECT_EQ(user.Wait(), 0) << user.output();
     // The user of a logged-on session, without an explicit account, is no administrator either.
     terminal::Session s;
     s.id = 4;
-    s.domainName = u"CORP";
-    s.userName = u"carol";
+    s.domainName = u"OVDOMAIN";
+    s.userName = u"bob";
     ASSERT_EQ(terminal::Logon(s), ERROR_SUCCESS);
     auto inSession = ovtest::Process::StartChild("non_admin", {}, {"OVSVC_SESSION_ID=4"});
     EXPECT_EQ(inSession.Wait(), 0) << inSession.output();
     // The local system account and administrators may.
-    for (const char* account :
-         {"OVSVC_USER=NT AUTHORITY\\SYSTEM", "OVSVC_USER=SRV\\Administrator"}) {
-        auto admin = ovtest::Process::StartChild("hold_lock", {"quick"}, {account});
-        EXPECT_EQ(admin.Wait(), 0) << account;
+    for (const std::string& account : {std::string("OVSVC_USER=NT AUTHORITY\\SYSTEM"), admin}) {
+        auto holder = ovtest::Process::StartChild("hold_lock", {"quick"}, {account});
+        EXPECT_EQ(holder.Wait(), 0) << account;
     }
 }
 

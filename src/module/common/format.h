@@ -7,6 +7,10 @@
 // choose how many bits of an integer are shown. An argument of the wrong
 // kind is shown as well as it can be; a missing argument shows nothing. No
 // input can make formatting fail.
+//
+// Details: a string given for a number (or a number for a string) is shown
+// as text; %n writes nothing; an unknown or unfinished conversion is copied
+// as written; widths and precisions above 4096 count as 4096.
 #pragma once
 
 #include <cstdint>

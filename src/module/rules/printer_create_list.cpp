@@ -103,8 +103,10 @@ int CPrinterCreateList::FindCreateRules(const CPrinterCreateRule* request,
         if (!base->Matches(*request, m_dwColumnMask, &output)) {
             continue;
         }
-        const auto* rule = static_cast<const CPrinterCreateRule*>(base.get());
-        if (m_dwUserCheck != 0) {
+        // Rules not read by Parse (a plain translation rule put into the
+        // table) have no user pattern and take part as if it were "*".
+        const auto* rule = dynamic_cast<const CPrinterCreateRule*>(base.get());
+        if (m_dwUserCheck != 0 && rule != nullptr) {
             const std::vector<std::u16string>& groups = *request->m_pGroups;
             const auto hit = std::find_if(groups.begin(), groups.end(), [rule](const auto& group) {
                 return WildcardMatch(rule->m_strUser, group);
@@ -119,13 +121,13 @@ int CPrinterCreateList::FindCreateRules(const CPrinterCreateRule* request,
             }
             OVTRACE(INF | NORM, "compare: <%s> matches against <%s>", rule->m_strUser, *hit);
         }
-        if (rule->m_strTemplate == u"-") {
+        if (base->m_strTemplate == u"-") {
             count = found;
             return 1;
         }
-        destinations[found] = rule->m_strTemplate;
+        destinations[found] = base->m_strTemplate;
         if (found < ruleLines.size()) {
-            ruleLines[found] = rule->ToString();
+            ruleLines[found] = base->ToString();
         }
         ++found;
         if (found >= capacity) {

@@ -126,8 +126,9 @@ class EventObject final : public HandleObject {
     }
 
     DWORD Wait(DWORD milliseconds) override {
-        timespec deadline = Now();
-        if (milliseconds != INFINITE) {
+        timespec deadline{};
+        if (milliseconds != INFINITE && milliseconds != 0) {
+            deadline = Now();
             deadline.tv_sec += static_cast<time_t>(milliseconds / 1000);
             deadline.tv_nsec += static_cast<long>(milliseconds % 1000) * 1000000L;
             if (deadline.tv_nsec >= 1000000000L) {
@@ -250,9 +251,7 @@ UniqueEvent CreateEventW(const SecurityAttributes* /*attributes*/, bool manualRe
                       ERROR_SUCCESS);
     }
     ObjectName parsed;
-    if (DWORD error =
-            ParseObjectName(name, GetCurrentSessionId(), GlobalNamespaceAvailable(), &parsed);
-        error != ERROR_SUCCESS) {
+    if (DWORD error = ParseObjectNameHere(name, &parsed); error != ERROR_SUCCESS) {
         SetLastError(error);
         return UniqueEvent();
     }
@@ -277,9 +276,7 @@ UniqueEvent OpenEventW(DWORD desiredAccess, bool /*inheritHandle*/, std::u16stri
         return UniqueEvent();
     }
     ObjectName parsed;
-    if (DWORD error =
-            ParseObjectName(name, GetCurrentSessionId(), GlobalNamespaceAvailable(), &parsed);
-        error != ERROR_SUCCESS) {
+    if (DWORD error = ParseObjectNameHere(name, &parsed); error != ERROR_SUCCESS) {
         SetLastError(error);
         return UniqueEvent();
     }

@@ -18,11 +18,11 @@
 #include <string>
 #include <vector>
 
-#include "process_internal.h"
 #include "handle_table.h"
 #include "native_error.h"
 #include "platform/kernel.h"
 #include "platform/machine.h"
+#include "process_internal.h"
 #include "utf.h"
 
 namespace platform {

@@ -115,9 +115,7 @@ UniqueMapping CreateFileMappingW(const SecurityAttributes* /*attributes*/, DWORD
                              FILE_MAP_ALL_ACCESS, ERROR_SUCCESS);
     }
     ObjectName parsed;
-    if (DWORD error =
-            ParseObjectName(name, GetCurrentSessionId(), GlobalNamespaceAvailable(), &parsed);
-        error != ERROR_SUCCESS) {
+    if (DWORD error = ParseObjectNameHere(name, &parsed); error != ERROR_SUCCESS) {
         SetLastError(error);
         return UniqueMapping();
     }
@@ -147,9 +145,7 @@ UniqueMapping OpenFileMappingW(DWORD desiredAccess, bool /*inheritHandle*/,
         return UniqueMapping();
     }
     ObjectName parsed;
-    if (DWORD error =
-            ParseObjectName(name, GetCurrentSessionId(), GlobalNamespaceAvailable(), &parsed);
-        error != ERROR_SUCCESS) {
+    if (DWORD error = ParseObjectNameHere(name, &parsed); error != ERROR_SUCCESS) {
         SetLastError(error);
         return UniqueMapping();
     }

@@ -41,6 +41,14 @@ DWORD ParseObjectName(std::u16string_view raw, std::uint32_t session, bool globa
     return ERROR_SUCCESS;
 }
 
+DWORD ParseObjectNameHere(std::u16string_view raw, ObjectName* out) {
+    const DWORD error = ParseObjectName(raw, GetCurrentSessionId(), true, out);
+    if (error == ERROR_SUCCESS && out->scope == kGlobalScope && !GlobalNamespaceAvailable()) {
+        return ERROR_ACCESS_DENIED;
+    }
+    return error;
+}
+
 bool GlobalNamespaceAvailable() {
     const auto setting = machine::Setting("global_namespace");
     return !setting || *setting != "0";

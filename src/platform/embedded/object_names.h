@@ -28,6 +28,10 @@ struct ObjectName {
 DWORD ParseObjectName(std::u16string_view raw, std::uint32_t session, bool globalAvailable,
                       ObjectName* out);
 
+// ParseObjectName for the calling process: its session, and the machine's
+// switch for the global namespace (read only for "Global\" names).
+DWORD ParseObjectNameHere(std::u16string_view raw, ObjectName* out);
+
 // Whether the machine offers "Global\" names (machine.conf global_namespace).
 bool GlobalNamespaceAvailable();
 

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <pthread.h>
+#include <signal.h>
 #include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -63,14 +64,19 @@ std::string ReadBootId() {
     return id;
 }
 
-// Start time of a process in clock ticks since boot; 0 when it is gone or a zombie.
+// Start time of a process in clock ticks since boot; 0 when it is gone or a
+// zombie. When /proc does not show the process (a hidden /proc of another
+// user), a process that still accepts signals counts as alive with an
+// unknown start time, kUnknownStart.
+constexpr std::uint64_t kUnknownStart = ~std::uint64_t{0};
+
 std::uint64_t ProcessStartTime(int pid) {
     char path[64];
     std::snprintf(path, sizeof path, "/proc/%d/stat", pid);
     std::ifstream in(path);
     std::string line;
     if (!std::getline(in, line)) {
-        return 0;
+        return (::kill(pid, 0) == 0 || errno == EPERM) ? kUnknownStart : 0;
     }
     const auto close = line.rfind(')');
     if (close == std::string::npos) {
@@ -373,7 +379,7 @@ void SharedTable::ReclaimDeadHolders(std::uint32_t index, const Self& self,
             start = ProcessStartTime(r.pid);
             known->emplace(r.pid, start);
         }
-        if (start == 0 || start != r.startTime) {
+        if (start == 0 || (start != kUnknownStart && start != r.startTime)) {
             const std::uint32_t k = *link;
             *link = r.next;
             r.next = header().freeHolders;

@@ -98,31 +98,34 @@ std::string ServiceFile(const char* suffix) {
     return ServiceDir() + "/" + kServiceName + suffix;
 }
 
-// The start time of a process in clock ticks since boot; 0 when it does not
-// exist or has ended (a zombie).
-unsigned long long ProcessStartTime(pid_t pid) {
+struct ProcessState {
+    bool exists = false;
+    bool ended = false;                // a zombie, waiting to be collected
+    unsigned long long startTime = 0;  // clock ticks since boot
+};
+
+ProcessState ReadProcessState(pid_t pid) {
+    ProcessState st;
     std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
     std::string line;
     if (!std::getline(in, line)) {
-        return 0;
+        return st;
     }
     const auto paren = line.rfind(')');
-    if (paren == std::string::npos) {
-        return 0;
+    if (paren == std::string::npos || paren + 2 > line.size()) {
+        return st;
     }
     std::istringstream fields(line.substr(paren + 2));
     std::string state;
     fields >> state;
-    if (state == "Z" || state == "X") {
-        return 0;
-    }
     std::string skip;
     for (int i = 0; i < 18; ++i) {  // fields 4 .. 21
         fields >> skip;
     }
-    unsigned long long start = 0;
-    fields >> start;
-    return start;
+    fields >> st.startTime;
+    st.exists = true;
+    st.ended = state == "Z" || state == "X";
+    return st;
 }
 
 struct PidRecord {
@@ -146,12 +149,16 @@ void WriteFileAtomically(const std::string& path, const std::string& text) {
 }
 
 bool IsAlive(const PidRecord& record) {
-    int status = 0;
-    if (waitpid(record.pid, &status, WNOHANG) == record.pid) {
-        return false;  // our own child, ended and now collected
+    const ProcessState st = ReadProcessState(record.pid);
+    if (!st.exists || st.startTime != record.startTime) {
+        return false;  // gone, or the id now belongs to another process
     }
-    const auto start = ProcessStartTime(record.pid);
-    return start != 0 && start == record.startTime;
+    if (st.ended) {
+        int status = 0;
+        waitpid(record.pid, &status, WNOHANG);  // collected if this process started it
+        return false;
+    }
+    return true;
 }
 
 // What the service process reported through SetServiceStatus.
@@ -279,10 +286,7 @@ bool StartProcess(const std::vector<std::u16string>& arguments) {
     if (pid < 0) {
         return false;
     }
-    unsigned long long start = 0;
-    for (int i = 0; i < 100 && start == 0; ++i) {
-        start = ProcessStartTime(pid);
-    }
+    const unsigned long long start = ReadProcessState(pid).startTime;
     WriteFileAtomically(ServiceFile(".pid"),
                         std::to_string(pid) + " " + std::to_string(start) + "\n");
     return true;

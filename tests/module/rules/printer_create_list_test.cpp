@@ -155,5 +155,14 @@ TEST_F(CreateListTest, DisabledRuleIsSkipped) {
     EXPECT_EQ(Evaluate(&client), (std::vector<std::u16string>{u"Y"}));
 }
 
+TEST_F(CreateListTest, PlainTranslationRuleInTheListHasNoUserPattern) {
+    ASSERT_EQ(list_.Parse(Lines{u"IP,NAME,DEST,USER", u"*,*,Created,Nobody"}), 1);
+    auto plain = std::make_unique<CTranslationRule>();
+    plain->m_strTemplate = u"Plain";
+    list_.m_poTable.push_back(std::move(plain));
+    const CPrinterCreateRule client = Client(u"10.2.3.4", u"PC1");
+    EXPECT_EQ(Evaluate(&client), (std::vector<std::u16string>{u"Plain"}));
+}
+
 }  // namespace
 }  // namespace ovsvc

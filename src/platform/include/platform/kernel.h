@@ -7,11 +7,22 @@
 // as Windows' object names are. Creating an object that exists returns a
 // handle to it and sets ERROR_ALREADY_EXISTS; opening an absent one fails
 // with ERROR_FILE_NOT_FOUND. An object lives while any process holds a handle
-// (or, for a mapping, a view) on it.
+// (or, for a mapping, a view) on it, also when a holding process died
+// without closing.
+//
+// Name errors: longer than MAX_PATH characters without the prefix
+// ERROR_FILENAME_EXCED_RANGE; a backslash after the prefix (an object
+// directory that does not exist) ERROR_PATH_NOT_FOUND; a prefix alone
+// ERROR_INVALID_NAME; a "Global\" name while the machine's global namespace
+// is switched off ERROR_ACCESS_DENIED. Security attributes are accepted and
+// every account gets access; the access rights of each handle are enforced
+// (SetEvent/ResetEvent need EVENT_MODIFY_STATE, waits need SYNCHRONIZE,
+// write views need FILE_MAP_WRITE on a PAGE_READWRITE mapping).
 //
 // Paths given to the file functions are Windows paths. The embedded platform
 // maps a drive path ("C:\dir\file") into the machine root and takes absolute
-// POSIX paths as they are.
+// POSIX paths as they are. Existing path components are matched ignoring
+// case. Sharing modes are accepted but not enforced.
 #pragma once
 
 #include <atomic>

@@ -36,6 +36,7 @@ using BYTE = std::uint8_t;
 using ACCESS_MASK = DWORD;
 
 inline constexpr DWORD ERROR_CALL_NOT_IMPLEMENTED = 120;
+inline constexpr DWORD ERROR_INVALID_FLAGS = 1004;
 inline constexpr DWORD ERROR_NO_TOKEN = 1008;
 inline constexpr DWORD ERROR_INVALID_OWNER = 1307;
 inline constexpr DWORD ERROR_INVALID_PRIMARY_GROUP = 1308;
@@ -257,8 +258,9 @@ class Acl {
     std::vector<std::byte> bytes_;
 };
 
-// `size` bytes (at least 8, at most 65532, rounded down to a DWORD multiple
-// as Windows does); revision ACL_REVISION or ACL_REVISION_DS.
+// `size` bytes: less than 8 gives ERROR_INSUFFICIENT_BUFFER; the size is
+// rounded up to a DWORD multiple as Windows does, and more than 65532 gives
+// ERROR_INVALID_PARAMETER, as does a revision other than 2 to 4.
 bool InitializeAcl(Acl* acl, DWORD size, DWORD revision);
 bool IsValidAcl(const Acl& acl) noexcept;
 bool GetAclInformation(const Acl& acl, ACL_SIZE_INFORMATION* info);

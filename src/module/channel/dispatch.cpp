@@ -1,0 +1,115 @@
+#include "channel/dispatch.h"
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+
+#include "channel/service_loop.h"
+#include "common/module_state.h"
+#include "common/ovstring.h"
+#include "rules/translation_rule.h"
+#include "rules/translation_table.h"
+#include "trace/trace.h"
+
+namespace ovsvc {
+
+namespace {
+
+std::int32_t HandleEnumerate(SHM* /*area*/) {
+    OVTRACE(INF | MAIN, "calling MyEnumPrinter()...");
+    if (pthePrinterList == nullptr) {
+        TraceCheck("pthePrinterList != NULL", __FILE__, __LINE__);
+        return kResultNoCache;
+    }
+    return kResultNoCache;
+}
+
+std::int32_t HandleRepair(SHM* /*area*/) {
+    OVTRACE(INF | MAIN, "calling Repair()...");
+    if (pthePrinterList == nullptr) {
+        TraceCheck("pthePrinterList != NULL", __FILE__, __LINE__);
+        return kResultNoCache;
+    }
+    return kResultNoCache;
+}
+
+// Writes `text` at `byteOffset` of the area, cut to `units` - 1 characters and
+// zero-padded to the end of its slot.
+void PutString(SHM* area, std::size_t byteOffset, std::size_t units, std::u16string_view text) {
+    auto* slot = reinterpret_cast<unsigned char*>(area) + byteOffset;
+    std::memset(slot, 0, units * 2);
+    std::memcpy(slot, text.data(), std::min(text.size(), units - 1) * 2);
+}
+
+std::u16string_view FieldText(const char16_t* field, std::size_t units) {
+    return std::u16string_view(field, std::find(field, field + units, u'\0') - field);
+}
+
+std::int32_t HandleTranslate(SHM* area) {
+    OVTRACE(INF | MAIN, "calling Translate()...");
+    const CTranslationRule request = MakeTranslationRequest(
+        FieldText(area->PN, kNameUnits), FieldText(area->PC, kNameUnits),
+        FieldText(area->IP, kAddressUnits), FieldText(area->ADDR, kNameUnits),
+        ClientTypeBit(area->TYPE), FieldText(area->DRIVER, kNameUnits));
+    OVTRACE(INF | MAIN, "Look for <%s>", request.ToString());
+    std::array<std::u16string, 3> templates;
+    std::array<std::u16string, 3> ruleLines;
+    std::int32_t result = 0;
+    if (g_pTTable != nullptr) {
+        std::uint32_t count = 3;
+        result = g_pTTable->FindRule(request, templates, count, ruleLines, true);
+    }
+    if (result == 0) {
+        OVTRACE(INF | MAIN, "Findrule fails...");
+    }
+    // The first two names have slots of their own; the third may use the
+    // rest of the reply region.
+    const std::size_t slots[3] = {kNameUnits, kNameUnits,
+                                  (kReplyOffset + kReplyBytes - kTemplateOffsets[2]) / 2};
+    for (std::size_t i = 0; i < templates.size(); ++i) {
+        PutString(area, kTemplateOffsets[i], slots[i], templates[i]);
+    }
+    return result;
+}
+
+std::int32_t HandleReload() {
+    OVTRACE(INF | MAIN, "calling LoadTranslationList()...");
+    return LoadTranslationList();
+}
+
+}  // namespace
+
+// The printer cache is not part of this build yet: no cache is created, and
+// the requests that need one answer kResultNoCache.
+bool InitPrinterList() {
+    return pthePrinterList != nullptr;
+}
+void DestroyPrinterList() {
+    pthePrinterList = nullptr;
+}
+
+bool LoadTranslationTableAtStart() {
+    return LoadTranslationList() != 0;
+}
+
+void Dispatch(SHM* area) {
+    switch (area->Command) {
+        case CMDEnumPrinter:
+            area->Result = HandleEnumerate(area);
+            break;
+        case CMDRepair:
+            area->Result = HandleRepair(area);
+            break;
+        case CMDTranslate:
+            area->Result = HandleTranslate(area);
+            break;
+        case CMDLoadTranslationList:
+            area->Result = HandleReload();
+            break;
+        default:
+            area->Result = kResultUnknownCommand;
+            break;
+    }
+}
+
+}  // namespace ovsvc

@@ -1,0 +1,271 @@
+// The module's exported functions: the client operations build a request,
+// hand it to the channel and turn the reply into their results.
+#include <cstring>
+
+#include "channel/client_sync.h"
+#include "channel/properties_trim.h"
+#include "channel/service_loop.h"
+#include "channel/startup.h"
+#include "channel/timeouts.h"
+#include "common/module_state.h"
+#include "common/ovstring.h"
+#include "ovsvc.h"
+#include "platform/kernel.h"
+#include "trace/trace.h"
+
+namespace ovsvc {
+namespace {
+
+constexpr std::int32_t kInterfaceVersion = 8;
+constexpr OVHRESULT kS_OK = 0;
+constexpr OVHRESULT kS_FALSE = 1;
+constexpr OVHRESULT kE_NOTIMPL = static_cast<OVHRESULT>(0x80004001u);
+constexpr OVHRESULT kCLASS_E_CLASSNOTAVAILABLE = static_cast<OVHRESULT>(0x80040111u);
+
+// Copies the zero-terminated string at `unitOffset` of the reply into `out`
+// (at most `units` units including the terminator).
+void CopyReplyString(const ReplyBuffer& reply, std::size_t byteOffset, std::size_t units,
+                     char16_t* out) {
+    for (std::size_t i = 0; i < units; ++i) {
+        char16_t c = 0;
+        std::memcpy(&c, reply.bytes + byteOffset + i * 2, sizeof(c));
+        out[i] = c;
+        if (c == 0) {
+            return;
+        }
+    }
+    out[units - 1] = 0;
+}
+
+// Appends the zero-terminated string at `byteOffset` of the reply to `out`;
+// returns the position after its terminator.
+char16_t* AppendReplyString(const ReplyBuffer& reply, std::size_t byteOffset, char16_t* out) {
+    for (std::size_t off = byteOffset; off + 1 < kReplyBytes; off += 2) {
+        char16_t c = 0;
+        std::memcpy(&c, reply.bytes + off, sizeof(c));
+        *out++ = c;
+        if (c == 0) {
+            return out;
+        }
+    }
+    *out++ = 0;
+    return out;
+}
+
+std::int32_t SendSimpleCommand(std::uint32_t command) {
+    OVTRACE(INF | SYNC, "ClientSync() wird ausgeführt...");
+    ClientRequest request{};
+    request.Command = command;
+    const std::int32_t result = ClientSync(&request, nullptr);
+    if (result < 0) {
+        OVTRACE(ERR | SYNC, "1st ClientSync() returned error ...");
+    }
+    return result;
+}
+
+std::int32_t EnumPrinters(void* buffer, std::uint32_t bufferSize, std::uint32_t* neededSize) {
+    OVTRACE(INF | SYNC, "ClientSync() wird ausgeführt (CMDEnumPrinter)...");
+    ClientRequest request{};
+    request.Command = CMDEnumPrinter;
+    const std::int32_t needed = ClientSync(&request, nullptr);
+    if (needed < 0) {
+        OVTRACE(ERR | SYNC, "1st ClientSync() returned error ...");
+        return needed;
+    }
+    if (buffer == nullptr || static_cast<std::uint32_t>(needed) > bufferSize) {
+        if (neededSize != nullptr) {
+            *neededSize = static_cast<std::uint32_t>(needed);
+        }
+        OVTRACE(INF | SYNC, "replying needed buffer size...");
+        return kResultBufferTooSmall;
+    }
+    const std::u16string name = EnumMappingName(platform::GetCurrentThreadId());
+    platform::UniqueMapping mapping =
+        platform::CreateFileMappingW(nullptr, platform::PAGE_READWRITE, bufferSize, name);
+    if (!mapping) {
+        OVTRACE(ERR | SYNC, "Couldn't create FileMapping:(%s)", name);
+        return kResultUnknownCommand;
+    }
+    if (platform::GetLastError() == platform::ERROR_ALREADY_EXISTS) {
+        mapping.reset();
+        OVTRACE(ERR | SYNC, "FileMapping alreay exists: %s", name);
+        return kResultUnknownCommand;
+    }
+    OVTRACE(INF | SYNC, "ClientSync() wird ausgeführt (CMDEnumPrinter)...");
+    request.PN = name.c_str();
+    const std::int32_t result = ClientSync(&request, nullptr);
+    if (result < 0) {
+        OVTRACE(ERR | SYNC, "ClientSync with SHM failed.");
+        return kResultUnknownCommand;
+    }
+    if (result == 0) {
+        return 0;
+    }
+    platform::MappedView view =
+        platform::MapViewOfFile(mapping.get(), platform::FILE_MAP_ALL_ACCESS, 0, bufferSize);
+    if (!view) {
+        OVTRACE(ERR | SYNC, "MapViewOfFile of the enumeration failed, err=%d",
+                platform::GetLastError());
+        return kResultUnknownCommand;
+    }
+    std::memcpy(buffer, view.data(), bufferSize);
+    return result;
+}
+
+}  // namespace
+}  // namespace ovsvc
+
+using namespace ovsvc;
+
+extern "C" {
+
+OVSVC_API int32_t OVSVC_CALL OVADLLRunMain(void* statusHandle, OVSERVICE_STATUS* status) {
+    OVTRACE(INF | MAIN, "size of shared memory = %d", static_cast<int>(sizeof(SHM)));
+    return ServiceLoop(statusHandle, status);
+}
+
+OVSVC_API void OVSVC_CALL OVADLLServiceStoped(void) {
+    ServiceStop();
+}
+
+OVSVC_API int32_t OVSVC_CALL OVADLLAddPrinter(
+    OVCHAR* strPrinterName, OVCHAR* strPrinterClass, const OVCHAR* strClientIP,
+    uint32_t nClientType, const OVCHAR* strClientDriverName, uint32_t nPrinterId,
+    uint32_t nSessionID, const OVCHAR* strClientName, const OVCHAR* strUserName,
+    const OVCHAR* strComputerName, const void* PrinterProperties, uint32_t PropertiesLength,
+    uint32_t PropertiesParts, uint32_t nPrinterPropertiesOptions, uint32_t nFlags) {
+    OVTRACE(INF | SYNC, "ClientSync() wird ausgeführt...");
+    OVTRACE(INF | SYNC,
+            "AddPrinter: PN=%s,PC=%s,IP=%s,TYPE=%d,DRIVER=%s,PID=%d,SID=%d,ADDR=%s,UN=%s,CN=%s",
+            View(strPrinterName), View(strPrinterClass), View(strClientIP), nClientType,
+            View(strClientDriverName), nPrinterId, nSessionID, View(strClientName),
+            View(strUserName), View(strComputerName));
+    ClientRequest request{};
+    ReplyBuffer reply{};
+    request.Command = CMDAddPrinter;
+    request.PN = strPrinterName;
+    request.PC = strPrinterClass;
+    request.IP = strClientIP;
+    request.TYPE = nClientType;
+    request.DRIVER = strClientDriverName;
+    request.PID = nPrinterId;
+    request.SID = nSessionID;
+    request.ADDR = strClientName;
+    request.UN = strUserName;
+    request.CN = strComputerName;
+    request.PrinterProperties = PrinterProperties;
+    request.PropertiesLength = PropertiesLength;
+    request.PropertiesParts = PropertiesParts;
+    request.nPrinterPropertiesOptions = nPrinterPropertiesOptions;
+    request.nFlags = nFlags;
+    TrimProperties(&request);
+    const std::int32_t result = ClientSync(&request, &reply);
+    if (strPrinterName != nullptr) {
+        CopyReplyString(reply, kCreatedNameOffset - kReplyOffset, kCreatedNameUnits,
+                        strPrinterName);
+    }
+    if (strPrinterClass != nullptr) {
+        CopyReplyString(reply, kCreatedClassOffset - kReplyOffset, kCreatedNameUnits,
+                        strPrinterClass);
+    }
+    return result;
+}
+
+OVSVC_API int32_t OVSVC_CALL OVADLLDelPrinter(uint32_t nSessionID, uint32_t fAll) {
+    OVTRACE(INF | SYNC, "ClientSync() wird ausgeführt...");
+    ClientRequest request{};
+    request.Command = CMDDelPrinter;
+    request.SID = nSessionID;
+    request.PID = fAll;
+    return ClientSync(&request, nullptr);
+}
+
+OVSVC_API int32_t OVSVC_CALL OVADLLEnumPrinters(void* buffer, uint32_t bufferSize,
+                                                uint32_t* neededSize) {
+    return EnumPrinters(buffer, bufferSize, neededSize);
+}
+
+OVSVC_API int32_t OVSVC_CALL OVADLLRepair(void) {
+    return SendSimpleCommand(CMDRepair);
+}
+
+OVSVC_API int32_t OVSVC_CALL OVADLLLoadTranslationList(void) {
+    return SendSimpleCommand(CMDLoadTranslationList);
+}
+
+OVSVC_API int32_t OVSVC_CALL OVADLLTranslate(const OVCHAR* strClientIP, const OVCHAR* strClientName,
+                                             const OVCHAR* strClientDriverName,
+                                             const OVCHAR* strPrinterName,
+                                             const OVCHAR* strPrinterClass, uint32_t nClientType,
+                                             OVCHAR* templates) {
+    ClientRequest request{};
+    ReplyBuffer reply{};
+    OVTRACE(INF | SYNC, "ClientSync() wird ausgeführt (OVADLLTranslate)...");
+    request.Command = CMDTranslate;
+    request.IP = strClientIP;
+    request.ADDR = strClientName;
+    request.DRIVER = strClientDriverName;
+    request.PN = strPrinterName;
+    request.PC = strPrinterClass;
+    request.TYPE = nClientType;
+    const std::int32_t result = ClientSync(&request, &reply);
+    if (result < 0) {
+        OVTRACE(ERR | SYNC, "ClientSync() returned error (OVADLLTranslate).");
+        return result;
+    }
+    if (templates != nullptr) {
+        char16_t* out = templates;
+        for (std::size_t offset : kTemplateOffsets) {
+            out = AppendReplyString(reply, offset - kReplyOffset, out);
+        }
+        *out = 0;
+    }
+    return result;
+}
+
+OVSVC_API int32_t OVSVC_CALL OVADLLGetVersion(void) {
+    return kInterfaceVersion;
+}
+
+OVSVC_API uint32_t OVSVC_CALL OVADLLQueryTimeOutValue(uint32_t id) {
+    return QueryTimeOutValue(id);
+}
+
+OVSVC_API void OVSVC_CALL OVADLLDbgMessage(const OVCHAR* sourceFile, uint32_t line,
+                                           const OVCHAR* message, const OVCHAR* section,
+                                           uint32_t code) {
+    TraceDbgMessage(View(sourceFile), line, View(message), View(section), code);
+}
+
+// The logon manager's notifications arrive with the session subsystem.
+OVSVC_API void OVSVC_CALL TSEventLogon(OVWLX_NOTIFICATION_INFO*) {}
+OVSVC_API void OVSVC_CALL TSEventLogoff(OVWLX_NOTIFICATION_INFO*) {}
+OVSVC_API void OVSVC_CALL TSEventReconnect(OVWLX_NOTIFICATION_INFO*) {}
+OVSVC_API void OVSVC_CALL TSEventDisconnect(OVWLX_NOTIFICATION_INFO*) {}
+OVSVC_API void OVSVC_CALL TSEventStartup(OVWLX_NOTIFICATION_INFO*) {}
+OVSVC_API void OVSVC_CALL TSEventShutdown(OVWLX_NOTIFICATION_INFO*) {}
+
+// Without the management framework there is no provider to register.
+OVSVC_API OVHRESULT OVSVC_CALL OVASRegister(void) {
+    return kS_OK;
+}
+OVSVC_API OVHRESULT OVSVC_CALL OVASUnregister(void) {
+    return kS_OK;
+}
+OVSVC_API OVHRESULT OVSVC_CALL DllRegisterServer(void) {
+    return kE_NOTIMPL;
+}
+OVSVC_API OVHRESULT OVSVC_CALL DllUnregisterServer(void) {
+    return kE_NOTIMPL;
+}
+OVSVC_API OVHRESULT OVSVC_CALL DllGetClassObject(const void*, const void*, void** object) {
+    if (object != nullptr) {
+        *object = nullptr;
+    }
+    return kCLASS_E_CLASSNOTAVAILABLE;
+}
+OVSVC_API OVHRESULT OVSVC_CALL DllCanUnloadNow(void) {
+    return fFrameworkLogin ? kS_FALSE : kS_OK;
+}
+
+}  // extern "C"

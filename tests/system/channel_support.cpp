@@ -1,0 +1,88 @@
+#include "channel_support.h"
+
+#include <fstream>
+#include <sstream>
+
+#include "platform/registry.h"
+
+namespace channeltest {
+
+namespace {
+constexpr char16_t kProductKey[] = u"Software\\Orvelle\\Ovaspool";
+
+void SetValue(const std::u16string& name, platform::DWORD type, const void* data,
+              platform::DWORD size) {
+    platform::UniqueKey key;
+    ASSERT_EQ(platform::RegCreateKeyExW(platform::HKEY_LOCAL_MACHINE, kProductKey, 0,
+                                        platform::KEY_ALL_ACCESS, &key, nullptr),
+              platform::ERROR_SUCCESS);
+    ASSERT_EQ(platform::RegSetValueExW(key.get(), name, type, data, size), platform::ERROR_SUCCESS);
+}
+}  // namespace
+
+void SetProductDword(const std::u16string& name, std::uint32_t value) {
+    SetValue(name, platform::REG_DWORD, &value, sizeof(value));
+}
+
+void SetProductString(const std::u16string& name, const std::u16string& value) {
+    SetValue(name, platform::REG_SZ, value.c_str(),
+             static_cast<platform::DWORD>((value.size() + 1) * 2));
+}
+
+std::string EnableTrace(const std::string& root, std::uint32_t level) {
+    const std::string path = root + "/trace.log";
+    SetProductDword(u"DebugLevel", level);
+    SetProductString(u"DebugFile", ovtest::U16(path));
+    return path;
+}
+
+std::string ReadText(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+int CountOccurrences(const std::string& text, const std::string& needle) {
+    int count = 0;
+    for (std::size_t pos = text.find(needle); pos != std::string::npos;
+         pos = text.find(needle, pos + needle.size())) {
+        ++count;
+    }
+    return count;
+}
+
+bool WaitForServiceReady(std::chrono::milliseconds timeout) {
+    return WaitUntil(
+        [] {
+            // OVAck1 is the last of the service's events to be created.
+            platform::UniqueEvent ack1 =
+                platform::OpenEventW(platform::SYNCHRONIZE, false, u"Global\\OVC-Ack1");
+            return static_cast<bool>(ack1);
+        },
+        timeout);
+}
+
+ovtest::Process StartService() {
+    ovtest::Process service = ovtest::Process::Start(ovtest::BinDir() + "/ovaspoolsvc", {});
+    EXPECT_TRUE(WaitForServiceReady(std::chrono::seconds(10))) << service.output();
+    return service;
+}
+
+AreaView::AreaView() {
+    mapping_ = platform::OpenFileMappingW(platform::FILE_MAP_ALL_ACCESS, false, u"Global\\OVC-SHM");
+    if (mapping_) {
+        view_ = platform::MapViewOfFile(mapping_.get(), platform::FILE_MAP_ALL_ACCESS, 0,
+                                        sizeof(ovsvc::SHM));
+    }
+}
+
+std::int32_t ParseResult(const std::string& output) {
+    const auto pos = output.rfind("result=");
+    if (pos == std::string::npos) {
+        return INT32_MIN;
+    }
+    return static_cast<std::int32_t>(std::stol(output.substr(pos + 7)));
+}
+
+}  // namespace channeltest

@@ -1,0 +1,55 @@
+// Helpers for tests that run the service host and client processes.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+
+#include "channel/shm.h"
+#include "ovtest.h"
+#include "platform/kernel.h"
+
+namespace channeltest {
+
+// Sets a REG_DWORD / REG_SZ value of the product key.
+void SetProductDword(const std::u16string& name, std::uint32_t value);
+void SetProductString(const std::u16string& name, const std::u16string& value);
+
+// Turns tracing on into <root>/trace.log and returns that path.
+std::string EnableTrace(const std::string& root, std::uint32_t level = 0xFF);
+std::string ReadText(const std::string& path);
+int CountOccurrences(const std::string& text, const std::string& needle);
+
+// Starts ovaspoolsvc and waits until its events exist.
+ovtest::Process StartService();
+bool WaitForServiceReady(std::chrono::milliseconds timeout);
+
+// This process's view of the shared request area (opened, not created).
+class AreaView {
+  public:
+    AreaView();
+    ovsvc::SHM* get() const { return static_cast<ovsvc::SHM*>(view_.data()); }
+    explicit operator bool() const { return view_.data() != nullptr; }
+
+  private:
+    platform::UniqueMapping mapping_;
+    platform::MappedView view_;
+};
+
+// Polls `condition` every millisecond until it holds or the timeout passes.
+template <typename Condition>
+bool WaitUntil(Condition condition, std::chrono::milliseconds timeout) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            return false;
+        }
+        platform::Sleep(1);
+    }
+    return true;
+}
+
+// Parses "result=<n>" from a child's output; INT32_MIN when absent.
+std::int32_t ParseResult(const std::string& output);
+
+}  // namespace channeltest

@@ -1,0 +1,125 @@
+// ovasctl eventlog: the entries of the machine's event log.
+#include <cstdio>
+#include <fstream>
+#include <iostream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "command.h"
+#include "platform/machine.h"
+
+namespace ovasctl {
+
+namespace {
+
+struct Entry {
+    std::string time, source, type, text;  // text as stored: escapes kept
+};
+
+// Lines of another shape (a hand-edited file) are skipped.
+std::vector<Entry> ReadEntries() {
+    std::vector<Entry> entries;
+    std::ifstream in(platform::machine::EventLogPath());
+    for (std::string line; std::getline(in, line);) {
+        Entry e;
+        std::size_t a = line.find('\t');
+        std::size_t b = a == std::string::npos ? a : line.find('\t', a + 1);
+        std::size_t c = b == std::string::npos ? b : line.find('\t', b + 1);
+        if (c == std::string::npos) {
+            continue;
+        }
+        e.time = line.substr(0, a);
+        e.source = line.substr(a + 1, b - a - 1);
+        e.type = line.substr(b + 1, c - b - 1);
+        e.text = line.substr(c + 1);
+        entries.push_back(std::move(e));
+    }
+    return entries;
+}
+
+// The stored text's escapes (\\ \t \r \n) undone.
+std::string Unescape(const std::string& text) {
+    std::string out;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        if (text[i] != '\\' || i + 1 == text.size()) {
+            out.push_back(text[i]);
+            continue;
+        }
+        const char next = text[++i];
+        out.push_back(next == 't' ? '\t' : next == 'r' ? '\r' : next == 'n' ? '\n' : next);
+    }
+    return out;
+}
+
+std::string Json(const std::string& text) {
+    std::string out = "\"";
+    for (const char ch : text) {
+        const auto c = static_cast<unsigned char>(ch);
+        if (c == '"' || c == '\\') {
+            out.push_back('\\');
+            out.push_back(ch);
+        } else if (c < 0x20) {
+            char buffer[8];
+            std::snprintf(buffer, sizeof buffer, "\\u%04x", c);
+            out.append(buffer);
+        } else {
+            out.push_back(ch);
+        }
+    }
+    return out + "\"";
+}
+
+struct Options {
+    std::string source;
+    std::size_t last = 0;
+    bool json = false;
+};
+
+void Show(const Options& options) {
+    std::vector<Entry> entries;
+    for (auto& e : ReadEntries()) {
+        if (options.source.empty() || e.source == options.source) {
+            entries.push_back(std::move(e));
+        }
+    }
+    if (options.last != 0 && entries.size() > options.last) {
+        entries.erase(entries.begin(), entries.end() - static_cast<std::ptrdiff_t>(options.last));
+    }
+    if (options.json) {
+        std::cout << "[";
+        for (std::size_t i = 0; i < entries.size(); ++i) {
+            const Entry& e = entries[i];
+            std::cout << (i == 0 ? "" : ",") << "{\"time\":" << Json(e.time)
+                      << ",\"source\":" << Json(e.source) << ",\"type\":" << Json(e.type)
+                      << ",\"text\":" << Json(Unescape(e.text)) << "}";
+        }
+        std::cout << "]\n";
+        return;
+    }
+    std::size_t sourceWidth = 6;
+    for (const auto& e : entries) {
+        sourceWidth = std::max(sourceWidth, e.source.size());
+    }
+    std::printf("%-23s  %-*s  %-11s  %s\n", "TIME", static_cast<int>(sourceWidth), "SOURCE", "TYPE",
+                "TEXT");
+    for (const auto& e : entries) {
+        std::printf("%-23s  %-*s  %-11s  %s\n", e.time.c_str(), static_cast<int>(sourceWidth),
+                    e.source.c_str(), e.type.c_str(), e.text.c_str());
+    }
+}
+
+void InstallEventLogCommands(CLI::App& app) {
+    auto options = std::make_shared<Options>();
+    auto* eventlog = app.add_subcommand("eventlog", "show the machine's event-log entries");
+    eventlog->add_option("--source", options->source, "only entries of this source");
+    eventlog->add_option("--last", options->last, "only the last N entries");
+    eventlog->add_flag("--json", options->json, "JSON output");
+    eventlog->callback([options] { Show(*options); });
+}
+
+const AddCommands reg{&InstallEventLogCommands};
+
+}  // namespace
+
+}  // namespace ovasctl
