@@ -133,7 +133,11 @@ std::shared_ptr<const TokenIdentity> BuildIdentity(std::u16string_view accountNa
             return nullptr;
         }
     }
-    if (account.use == SidTypeDomain || account.use == SidTypeInvalid) {
+    // Only users and the system's own service accounts log on.
+    const bool logonAccount =
+        account.use == SidTypeUser || (account.use == SidTypeWellKnownGroup &&
+                                       accounts::Upper(account.domain) == u"NT AUTHORITY");
+    if (!logonAccount) {
         *error = ERROR_NONE_MAPPED;
         return nullptr;
     }

@@ -1,0 +1,156 @@
+// Merging explicit-access entries into an ACL: the modes, the resulting
+// order and size, and trustees given by name.
+#include <gtest/gtest.h>
+
+#include "ovtest.h"
+#include "security_test_support.h"
+
+using namespace platform;
+using sectest::AcesOf;
+using sectest::AclOf;
+using sectest::SidOf;
+
+namespace {
+
+const Sid kAdmins = SidOf(u"S-1-5-32-544");
+const Sid kSystem = SidOf(u"S-1-5-18");
+const Sid kAlice = SidOf(u"S-1-5-21-10-20-30-1001");
+const Sid kBob = SidOf(u"S-1-5-21-10-20-30-1002");
+
+EXPLICIT_ACCESS_W Entry(ACCESS_MODE mode, ACCESS_MASK mask, const Sid& sid, DWORD flags = 0) {
+    EXPLICIT_ACCESS_W e;
+    e.grfAccessMode = mode;
+    e.grfAccessPermissions = mask;
+    e.grfInheritance = flags;
+    e.Trustee.TrusteeForm = TRUSTEE_IS_SID;
+    e.Trustee.sid = sid;
+    return e;
+}
+
+struct Expected {
+    BYTE type;
+    BYTE flags;
+    ACCESS_MASK mask;
+    Sid sid;
+};
+
+void ExpectAces(const Acl& acl, const std::vector<Expected>& expected) {
+    const std::vector<Ace> aces = AcesOf(acl);
+    ASSERT_EQ(aces.size(), expected.size());
+    for (std::size_t i = 0; i < aces.size(); ++i) {
+        SCOPED_TRACE(i);
+        EXPECT_EQ(aces[i].Header.AceType, expected[i].type);
+        EXPECT_EQ(aces[i].Header.AceFlags, expected[i].flags);
+        EXPECT_EQ(aces[i].Mask, expected[i].mask);
+        EXPECT_EQ(aces[i].sid, expected[i].sid);
+    }
+    ACL_SIZE_INFORMATION info;
+    ASSERT_TRUE(GetAclInformation(acl, &info));
+    EXPECT_EQ(info.AclBytesFree, 0u) << "the result is sized to fit";
+}
+
+constexpr BYTE A = ACCESS_ALLOWED_ACE_TYPE;
+constexpr BYTE D = ACCESS_DENIED_ACE_TYPE;
+
+TEST(SecurityExplicitAccess, DeniedFirstThenAllowedThenInherited) {
+    const Acl old = AclOf({{A, 0, 1, kAdmins}, {A, INHERITED_ACE, 2, kSystem}, {A, 0, 4, kAlice}});
+    const EXPLICIT_ACCESS_W entries[] = {Entry(GRANT_ACCESS, 8, kBob),
+                                         Entry(DENY_ACCESS, 16, kBob)};
+    Acl result;
+    SetLastError(sectest::kPoison);
+    ASSERT_EQ(SetEntriesInAclW(entries, &old, &result), ERROR_SUCCESS);
+    EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
+    ExpectAces(result, {{D, 0, 16, kBob},
+                        {A, 0, 1, kAdmins},
+                        {A, 0, 4, kAlice},
+                        {A, 0, 8, kBob},
+                        {A, INHERITED_ACE, 2, kSystem}});
+}
+
+TEST(SecurityExplicitAccess, GrantAddsToTheMatchingAce) {
+    const Acl old = AclOf({{A, 0, 0x8, kAlice}, {A, 2, 0x20000, kAlice}});
+    const EXPLICIT_ACCESS_W grant[] = {Entry(GRANT_ACCESS, 0x20000, kAlice)};
+    Acl result;
+    ASSERT_EQ(SetEntriesInAclW(grant, &old, &result), ERROR_SUCCESS);
+    ExpectAces(result, {{A, 0, 0x20008, kAlice}, {A, 2, 0x20000, kAlice}});
+
+    // Other inheritance flags make a separate ACE.
+    const EXPLICIT_ACCESS_W inherit[] = {Entry(GRANT_ACCESS, 0x10, kAlice, 9)};
+    ASSERT_EQ(SetEntriesInAclW(inherit, &old, &result), ERROR_SUCCESS);
+    ExpectAces(result, {{A, 0, 0x8, kAlice}, {A, 2, 0x20000, kAlice}, {A, 9, 0x10, kAlice}});
+}
+
+TEST(SecurityExplicitAccess, SetReplacesTheTrusteesAces) {
+    const Acl old = AclOf({{D, 0, 0x4, kAlice}, {A, 0, 0x8, kAlice}, {A, 0, 0x1, kBob}});
+    const EXPLICIT_ACCESS_W set[] = {Entry(SET_ACCESS, 0xF000C, kAlice)};
+    Acl result;
+    ASSERT_EQ(SetEntriesInAclW(set, &old, &result), ERROR_SUCCESS);
+    ExpectAces(result, {{A, 0, 0x1, kBob}, {A, 0, 0xF000C, kAlice}});
+}
+
+TEST(SecurityExplicitAccess, RevokeDropsAllowedAcesOnly) {
+    const Acl old =
+        AclOf({{D, 0, 0x4, kAlice}, {A, 0, 0x8, kAlice}, {A, 9, 0x30, kAlice}, {A, 0, 0x1, kBob}});
+    const EXPLICIT_ACCESS_W revoke[] = {Entry(REVOKE_ACCESS, 0, kAlice)};
+    Acl result;
+    ASSERT_EQ(SetEntriesInAclW(revoke, &old, &result), ERROR_SUCCESS);
+    ExpectAces(result, {{D, 0, 0x4, kAlice}, {A, 0, 0x1, kBob}});
+}
+
+TEST(SecurityExplicitAccess, WithoutAnOldAcl) {
+    const EXPLICIT_ACCESS_W entries[] = {Entry(GRANT_ACCESS, 0xF000C, kAdmins),
+                                         Entry(GRANT_ACCESS, 0xF0030, kAdmins, 9),
+                                         Entry(DENY_ACCESS, 0x8, kBob)};
+    Acl result;
+    ASSERT_EQ(SetEntriesInAclW(entries, nullptr, &result), ERROR_SUCCESS);
+    ExpectAces(result, {{D, 0, 0x8, kBob}, {A, 0, 0xF000C, kAdmins}, {A, 9, 0xF0030, kAdmins}});
+
+    // Nothing at all to merge gives no ACL.
+    Acl none = result;
+    ASSERT_EQ(SetEntriesInAclW({}, nullptr, &none), ERROR_SUCCESS);
+    EXPECT_TRUE(none.empty());
+    // An empty old ACL gives an empty, valid one.
+    Acl empty;
+    ASSERT_TRUE(InitializeAcl(&empty, 64, ACL_REVISION));
+    ASSERT_EQ(SetEntriesInAclW({}, &empty, &none), ERROR_SUCCESS);
+    EXPECT_EQ(none.size(), 8u);
+}
+
+TEST(SecurityExplicitAccess, ErrorsLeaveTheOutputAlone) {
+    const Acl old = AclOf({{A, 0, 1, kAdmins}});
+    Acl result = old;
+    EXPLICIT_ACCESS_W badMode[] = {Entry(static_cast<ACCESS_MODE>(42), 1, kBob)};
+    SetLastError(sectest::kPoison);
+    EXPECT_EQ(SetEntriesInAclW(badMode, &old, &result), ERROR_INVALID_PARAMETER);
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+    EXPECT_EQ(result, old);
+    EXPLICIT_ACCESS_W badSid[] = {Entry(GRANT_ACCESS, 1, Sid{})};
+    EXPECT_EQ(SetEntriesInAclW(badSid, &old, &result), ERROR_INVALID_SID);
+    EXPLICIT_ACCESS_W badFlags[] = {Entry(GRANT_ACCESS, 1, kBob, 0x100)};
+    EXPECT_EQ(SetEntriesInAclW(badFlags, &old, &result), ERROR_INVALID_PARAMETER);
+    const Acl damaged;
+    const EXPLICIT_ACCESS_W fine[] = {Entry(GRANT_ACCESS, 1, kBob)};
+    EXPECT_EQ(SetEntriesInAclW(fine, &damaged, &result), ERROR_INVALID_ACL);
+    EXPECT_EQ(SetEntriesInAclW(fine, &old, nullptr), ERROR_INVALID_PARAMETER);
+    EXPECT_EQ(result, old);
+}
+
+class SecurityExplicitAccessByName : public ovtest::MachineTest {};
+
+TEST_F(SecurityExplicitAccessByName, TrusteesByAccountName) {
+    EXPLICIT_ACCESS_W byName;
+    byName.grfAccessMode = GRANT_ACCESS;
+    byName.grfAccessPermissions = 0xF000C;
+    byName.Trustee.TrusteeForm = TRUSTEE_IS_NAME;
+    byName.Trustee.name = u"BUILTIN\\Administrators";
+    Acl result;
+    ASSERT_EQ(SetEntriesInAclW({&byName, 1}, nullptr, &result), ERROR_SUCCESS);
+    ExpectAces(result, {{A, 0, 0xF000C, kAdmins}});
+
+    byName.Trustee.name = u"NOWHERE\\nobody";
+    const Acl before = result;
+    EXPECT_EQ(SetEntriesInAclW({&byName, 1}, nullptr, &result), ERROR_NONE_MAPPED);
+    EXPECT_EQ(result, before);
+}
+
+}  // namespace
