@@ -288,7 +288,7 @@ TEST_F(SecurityAccounts, EnumerationListsWellKnownThenConfigured) {
     };
     ASSERT_LT(pos(u"NT AUTHORITY\\SYSTEM"), static_cast<long>(names.size()));
     ASSERT_LT(pos(u"BUILTIN\\Administrators"), static_cast<long>(names.size()));
-    ASSERT_LT(pos(u"\\Everyone"), static_cast<long>(names.size()));
+    ASSERT_LT(pos(u"Everyone"), static_cast<long>(names.size()));
     ASSERT_LT(pos(u"CORP\\amy"), static_cast<long>(names.size()));
     EXPECT_LT(pos(u"CORP\\amy"), pos(u"CORP\\zed"));
     EXPECT_LT(pos(u"NT AUTHORITY\\SYSTEM"), pos(u"CORP\\amy"));

@@ -64,7 +64,7 @@ std::string AccountName(const std::vector<std::byte>& b, std::size_t at) {
     Account account;
     const Sid binary = Sid::FromBytes(b.data() + at, b.size() - std::min(at, b.size()));
     if (!binary.empty() && FindAccountBySid(binary, &account)) {
-        return Utf8(account.FullName());
+        return Utf8(account.domain.empty() ? account.name : account.FullName());
     }
     static const std::pair<const char*, const char*> known[] = {
         {"S-1-5-18", "NT AUTHORITY\\SYSTEM"},
@@ -621,6 +621,86 @@ int FinishJob(const std::string& printerName, DWORD id) {
     return 0;
 }
 
+// Replaces a printer's DACL: SYSTEM and Administrators keep full control, and
+// each "ACCOUNT=RIGHTS" entry (print, manage-documents, manage-printer, full)
+// is granted.
+int SetAcl(const std::string& name, const std::vector<std::string>& entries) {
+    struct Grant {
+        Sid sid;
+        ACCESS_MASK mask;
+        DWORD flags;
+    };
+    std::vector<Grant> grants;
+    auto grantFull = [&grants](const Sid& sid) {
+        grants.push_back({sid, PRINTER_ALL_ACCESS, 0});
+        grants.push_back({sid, 0x000F0030, OBJECT_INHERIT_ACE | INHERIT_ONLY_ACE});
+    };
+    Sid system;
+    Sid admins;
+    if (!CreateWellKnownSid(WinLocalSystemSid, &system) ||
+        !CreateWellKnownSid(WinBuiltinAdministratorsSid, &admins)) {
+        return Fail("building the well-known SIDs", GetLastError());
+    }
+    grantFull(system);
+    grantFull(admins);
+    for (const auto& entry : entries) {
+        const auto eq = entry.rfind('=');
+        const std::string account = entry.substr(0, eq);
+        const std::string rights = eq == std::string::npos ? "print" : entry.substr(eq + 1);
+        Account found;
+        if (!FindAccountByName(Utf16(account), &found)) {
+            return Fail("looking up \"" + account + "\"", GetLastError());
+        }
+        if (rights == "print") {
+            grants.push_back({found.sid, PRINTER_READ, 0});
+        } else if (rights == "manage-documents") {
+            grants.push_back({found.sid, 0x000F0030, OBJECT_INHERIT_ACE | INHERIT_ONLY_ACE});
+        } else if (rights == "manage-printer") {
+            grants.push_back({found.sid, PRINTER_ALL_ACCESS, 0});
+        } else if (rights == "full") {
+            grantFull(found.sid);
+        } else {
+            std::cerr << "ovasctl spool: unknown right \"" << rights
+                      << "\" (print, manage-documents, manage-printer, full)\n";
+            ExitCode() = 1;
+            return 1;
+        }
+    }
+    DWORD size = kAclHeaderSize;
+    for (const auto& g : grants) {
+        size += kAceFixedSize + static_cast<DWORD>(g.sid.size());
+    }
+    Acl dacl;
+    SecurityDescriptor sd;
+    if (!InitializeAcl(&dacl, size, ACL_REVISION)) {
+        return Fail("InitializeAcl", GetLastError());
+    }
+    for (const auto& g : grants) {
+        if (!AddAccessAllowedAceEx(&dacl, ACL_REVISION, g.flags, g.mask, g.sid)) {
+            return Fail("AddAccessAllowedAceEx", GetLastError());
+        }
+    }
+    if (!InitializeSecurityDescriptor(&sd, SECURITY_DESCRIPTOR_REVISION) ||
+        !SetSecurityDescriptorDacl(&sd, true, &dacl, false)) {
+        return Fail("building the descriptor", GetLastError());
+    }
+    const auto defaults = PrinterDefaults{u"", std::nullopt, PRINTER_ALL_ACCESS};
+    auto printer = OpenPrinterW(Utf16(name), &defaults);
+    if (!printer) {
+        return Fail("OpenPrinter \"" + name + "\"", GetLastError());
+    }
+    if (!SetPrinterW(printer.get(), PrinterInfo3{ToSelfRelative(sd)}, 0)) {
+        return Fail("SetPrinter (security)", GetLastError());
+    }
+    PrinterInfo3 now;
+    GetPrinterW(printer.get(), &now);
+    std::cout << "ACL of \"" << name << "\" is now:\n";
+    for (const auto& e : DescribeAcl(now.securityDescriptor)) {
+        std::cout << "  " << e.type << ' ' << e.account << ": " << e.rights << '\n';
+    }
+    return 0;
+}
+
 int DeleteOnePrinter(const std::string& name) {
     const auto defaults = PrinterDefaults{u"", std::nullopt, PRINTER_ALL_ACCESS};
     auto printer = OpenPrinterW(Utf16(name), &defaults);
@@ -651,6 +731,18 @@ void InstallSpoolCommands(CLI::App& app) {
     auto* del = spool->add_subcommand("delete", "delete a printer");
     del->add_option("NAME", *delName, "printer name")->required();
     del->callback([delName] { DeleteOnePrinter(*delName); });
+
+    struct AclArgs {
+        std::string name;
+        std::vector<std::string> allow;
+    };
+    auto aargs = std::make_shared<AclArgs>();
+    auto* acl = spool->add_subcommand(
+        "acl", "replace a printer's ACL: SYSTEM and Administrators full, plus the given grants");
+    acl->add_option("NAME", aargs->name, "printer name")->required();
+    acl->add_option("--allow", aargs->allow,
+                    "ACCOUNT=RIGHTS (print, manage-documents, manage-printer, full)");
+    acl->callback([aargs] { SetAcl(aargs->name, aargs->allow); });
 
     auto* templ = spool->add_subcommand("template", "template printers (\"_#\" names)");
     templ->require_subcommand(1);

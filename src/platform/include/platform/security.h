@@ -435,7 +435,11 @@ struct Account {
     // Groups the account is a direct member of, as "DOMAIN\name".
     std::vector<std::u16string> memberOf;
 
-    [[nodiscard]] std::u16string FullName() const { return domain + u'\\' + name; }
+    // "DOMAIN\\name"; just the name for well-known principals without a
+    // domain ("Everyone") and for domains themselves.
+    [[nodiscard]] std::u16string FullName() const {
+        return domain.empty() || use == SidTypeDomain ? name : domain + u'\\' + name;
+    }
 };
 
 // Look-ups returning the whole record (ERROR_NONE_MAPPED when unknown).
