@@ -351,16 +351,11 @@ TEST_F(ServiceControl, TheDatabaseLockIsOneForTheWholeMachine) {
 }
 
 TEST_F(ServiceControl, OnlyAdministratorsMayLockStartOrStop) {
-    // An ordinary user and a member of BUILTIN\Administrators, where the machine
-    // keeps accounts; otherwise accounts are told apart by name.
-    std::string admin = "OVSVC_USER=SRV\\Administrator";
+    // An ordinary user and a member of BUILTIN\Administrators.
     const std::u16string adminGroups[] = {u"BUILTIN\\Administrators"};
-    if (AddAccount(u"OVDOMAIN\\bob", SidTypeUser, {}, nullptr)) {
-        ASSERT_TRUE(AddAccount(u"OVDOMAIN\\operator", SidTypeUser, adminGroups, nullptr));
-        admin = "OVSVC_USER=OVDOMAIN\\operator";
-    } else {
-        ASSERT_EQ(GetLastError(), ERROR_CALL_NOT_IMPLEMENTED);
-    }
+    ASSERT_TRUE(AddAccount(u"OVDOMAIN\\bob", SidTypeUser, {}, nullptr));
+    ASSERT_TRUE(AddAccount(u"OVDOMAIN\\operator", SidTypeUser, adminGroups, nullptr));
+    const std::string admin = "OVSVC_USER=OVDOMAIN\\operator";
     auto user = ovtest::Process::StartChild("non_admin", {}, {"OVSVC_USER=OVDOMAIN\\bob"});
     EXPECT_EQ(user.Wait(), 0) << user.output();
     // The user of a logged-on session, without an explicit account, is no administrator either.

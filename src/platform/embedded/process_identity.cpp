@@ -1,5 +1,4 @@
-// Who a process runs as: the account of $OVSVC_USER, else the user logged on
-// in its session, else the local system account.
+// Who a process runs as, and whether it is an administrator.
 #include <cstdlib>
 #include <string>
 
@@ -15,22 +14,6 @@ namespace platform {
 
 namespace {
 
-constexpr char kSystemAccount[] = "NT AUTHORITY\\SYSTEM";
-
-// "DOMAIN\name" (or a bare name) of the calling process's account.
-std::string CallerAccount() {
-    if (const char* user = std::getenv("OVSVC_USER"); user != nullptr && *user != '\0') {
-        return user;
-    }
-    terminal::Session session;
-    if (terminal::GetSession(GetCurrentSessionId(), &session) == ERROR_SUCCESS &&
-        !session.userName.empty()) {
-        const std::string user = detail::Utf8(session.userName);
-        return session.domainName.empty() ? user : detail::Utf8(session.domainName) + "\\" + user;
-    }
-    return kSystemAccount;
-}
-
 std::string UserPart(const std::string& account) {
     const auto slash = account.rfind('\\');
     return slash == std::string::npos ? account : account.substr(slash + 1);
@@ -43,7 +26,7 @@ bool GetUserNameW(std::u16string* name) {
         SetLastError(ERROR_INVALID_PARAMETER);
         return false;
     }
-    *name = detail::Utf16(UserPart(CallerAccount()));
+    *name = detail::Utf16(UserPart(detail::Utf8(CurrentProcessAccount())));
     SetLastError(ERROR_SUCCESS);
     return true;
 }
@@ -80,19 +63,12 @@ bool CallerIsAdministrator() {
                 return true;
             }
         }
-        return false;
     }
-    if (GetLastError() != ERROR_CALL_NOT_IMPLEMENTED) {
-        return false;  // no token, no rights
-    }
-    // Without the account table's tokens, go by the account's name.
-    const std::string name = UserPart(CallerAccount());
-    return detail::EqualsIgnoreCase(name, "SYSTEM") ||
-           detail::EqualsIgnoreCase(name, "Administrator");
+    return false;  // an account the machine does not know has no rights
 }
 
 std::string ServiceAccountName() {
-    return kSystemAccount;
+    return "NT AUTHORITY\\SYSTEM";
 }
 
 }  // namespace embedded

@@ -92,9 +92,8 @@ bool CreateProcessAsUserW(HANDLE token, std::u16string_view applicationName,
 bool GetExitCodeProcess(HANDLE process, DWORD* exitCode);
 bool TerminateProcess(HANDLE process, UINT exitCode);
 DWORD GetProcessId(HANDLE process);
-// The name of the account the calling process runs as (GetUserNameW), without
-// its domain: the user of $OVSVC_USER, else the user logged on in the
-// process's session, else "SYSTEM".
+// The name of the account the calling process runs as (GetUserNameW): the
+// user part of CurrentProcessAccount() (security.h), e.g. "SYSTEM".
 bool GetUserNameW(std::u16string* name);
 
 // Where CreateProcess would find a program (a Windows path or a host path);
