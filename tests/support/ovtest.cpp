@@ -16,6 +16,7 @@
 #include <thread>
 
 #include "platform/machine.h"
+#include "platform/text.h"
 
 extern char** environ;
 
@@ -36,7 +37,9 @@ std::string SelfPath() {
 
 }  // namespace
 
-ChildRegistrar::ChildRegistrar(const char* name, ChildMain main) { Children()[name] = main; }
+ChildRegistrar::ChildRegistrar(const char* name, ChildMain main) {
+    Children()[name] = main;
+}
 
 int RunChildIfRequested(int argc, char** argv) {
     if (argc < 2 || std::strncmp(argv[1], "--child=", 8) != 0) {
@@ -183,7 +186,9 @@ std::string Process::output() const {
     return ss.str();
 }
 
-std::string BinDir() { return std::filesystem::path(SelfPath()).parent_path().string(); }
+std::string BinDir() {
+    return std::filesystem::path(SelfPath()).parent_path().string();
+}
 
 std::string MakeTempDir(const std::string& prefix) {
     std::string templ = std::filesystem::temp_directory_path().string() + "/" + prefix + "XXXXXX";
@@ -212,62 +217,11 @@ void MachineTest::TearDown() {
 }
 
 std::u16string U16(const std::string& text) {
-    std::u16string out;
-    for (std::size_t i = 0; i < text.size();) {
-        unsigned char c = static_cast<unsigned char>(text[i]);
-        char32_t cp = 0;
-        int extra = 0;
-        if (c < 0x80) {
-            cp = c;
-        } else if ((c >> 5) == 6) {
-            cp = c & 0x1F;
-            extra = 1;
-        } else if ((c >> 4) == 14) {
-            cp = c & 0x0F;
-            extra = 2;
-        } else {
-            cp = c & 0x07;
-            extra = 3;
-        }
-        ++i;
-        for (int k = 0; k < extra && i < text.size(); ++k, ++i) {
-            cp = (cp << 6) | (static_cast<unsigned char>(text[i]) & 0x3F);
-        }
-        if (cp >= 0x10000) {
-            cp -= 0x10000;
-            out.push_back(static_cast<char16_t>(0xD800 + (cp >> 10)));
-            out.push_back(static_cast<char16_t>(0xDC00 + (cp & 0x3FF)));
-        } else {
-            out.push_back(static_cast<char16_t>(cp));
-        }
-    }
-    return out;
+    return platform::ToUtf16(text);
 }
 
 std::string U8(const std::u16string& text) {
-    std::string out;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        char32_t cp = text[i];
-        if (cp >= 0xD800 && cp < 0xDC00 && i + 1 < text.size()) {
-            cp = 0x10000 + ((cp - 0xD800) << 10) + (text[++i] - 0xDC00);
-        }
-        if (cp < 0x80) {
-            out.push_back(static_cast<char>(cp));
-        } else if (cp < 0x800) {
-            out.push_back(static_cast<char>(0xC0 | (cp >> 6)));
-            out.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
-        } else if (cp < 0x10000) {
-            out.push_back(static_cast<char>(0xE0 | (cp >> 12)));
-            out.push_back(static_cast<char>(0x80 | ((cp >> 6) & 0x3F)));
-            out.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
-        } else {
-            out.push_back(static_cast<char>(0xF0 | (cp >> 18)));
-            out.push_back(static_cast<char>(0x80 | ((cp >> 12) & 0x3F)));
-            out.push_back(static_cast<char>(0x80 | ((cp >> 6) & 0x3F)));
-            out.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
-        }
-    }
-    return out;
+    return platform::ToUtf8(text);
 }
 
 }  // namespace ovtest

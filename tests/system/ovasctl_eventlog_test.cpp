@@ -42,7 +42,7 @@ TEST_F(EventLogCommand, TableAndJsonWithFilters) {
     EXPECT_EQ(json.find("SHM"), std::string::npos) << json;
 
     const std::string other = Run({"eventlog", "--json", "--source", "Other"});
-    EXPECT_NE(other.find("\"text\":\"two\\u000alines \\\"quoted\\\"\""), std::string::npos)
+    EXPECT_NE(other.find("\"text\":\"two\\nlines \\\"quoted\\\"\""), std::string::npos)
         << other;
 }
 

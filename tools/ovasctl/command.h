@@ -24,4 +24,7 @@ int& ExitCode();
 std::u16string Utf16(std::string_view text);
 std::string Utf8(std::u16string_view text);
 
+// A JSON string literal (quotes included) for UTF-8 text.
+std::string JsonString(std::string_view text);
+
 }  // namespace ovasctl

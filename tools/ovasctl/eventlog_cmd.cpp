@@ -52,24 +52,6 @@ std::string Unescape(const std::string& text) {
     return out;
 }
 
-std::string Json(const std::string& text) {
-    std::string out = "\"";
-    for (const char ch : text) {
-        const auto c = static_cast<unsigned char>(ch);
-        if (c == '"' || c == '\\') {
-            out.push_back('\\');
-            out.push_back(ch);
-        } else if (c < 0x20) {
-            char buffer[8];
-            std::snprintf(buffer, sizeof buffer, "\\u%04x", c);
-            out.append(buffer);
-        } else {
-            out.push_back(ch);
-        }
-    }
-    return out + "\"";
-}
-
 struct Options {
     std::string source;
     std::size_t last = 0;
@@ -90,9 +72,10 @@ void Show(const Options& options) {
         std::cout << "[";
         for (std::size_t i = 0; i < entries.size(); ++i) {
             const Entry& e = entries[i];
-            std::cout << (i == 0 ? "" : ",") << "{\"time\":" << Json(e.time)
-                      << ",\"source\":" << Json(e.source) << ",\"type\":" << Json(e.type)
-                      << ",\"text\":" << Json(Unescape(e.text)) << "}";
+            std::cout << (i == 0 ? "" : ",") << "{\"time\":" << JsonString(e.time)
+                      << ",\"source\":" << JsonString(e.source)
+                      << ",\"type\":" << JsonString(e.type)
+                      << ",\"text\":" << JsonString(Unescape(e.text)) << "}";
         }
         std::cout << "]\n";
         return;

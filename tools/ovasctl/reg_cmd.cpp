@@ -74,38 +74,6 @@ int FailCode(const std::string& command, const std::string& what, DWORD error) {
     return Fail(command, what + ": " + ErrorName(error) + " (error " + std::to_string(error) + ")");
 }
 
-std::string JsonString(std::string_view text) {
-    std::string out = "\"";
-    for (char c : text) {
-        switch (c) {
-            case '"':
-                out += "\\\"";
-                break;
-            case '\\':
-                out += "\\\\";
-                break;
-            case '\n':
-                out += "\\n";
-                break;
-            case '\r':
-                out += "\\r";
-                break;
-            case '\t':
-                out += "\\t";
-                break;
-            default:
-                if (static_cast<unsigned char>(c) < 0x20) {
-                    char buffer[8];
-                    std::snprintf(buffer, sizeof buffer, "\\u%04x", static_cast<unsigned>(c));
-                    out += buffer;
-                } else {
-                    out.push_back(c);
-                }
-        }
-    }
-    return out + "\"";
-}
-
 std::u16string Chars(const std::vector<std::byte>& data) {
     std::u16string text;
     for (std::size_t i = 0; i + 1 < data.size(); i += 2) {

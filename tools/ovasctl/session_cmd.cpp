@@ -16,39 +16,10 @@ namespace {
 using platform::DWORD;
 namespace terminal = platform::terminal;
 
-std::string JsonText(std::string_view text) {
-    std::string out = "\"";
-    for (char c : text) {
-        switch (c) {
-            case '"':
-                out += "\\\"";
-                break;
-            case '\\':
-                out += "\\\\";
-                break;
-            case '\n':
-                out += "\\n";
-                break;
-            case '\t':
-                out += "\\t";
-                break;
-            default:
-                if (static_cast<unsigned char>(c) < 0x20) {
-                    char buf[8];
-                    std::snprintf(buf, sizeof buf, "\\u%04x", c);
-                    out += buf;
-                } else {
-                    out.push_back(c);
-                }
-        }
-    }
-    return out + "\"";
-}
-
 std::string JsonList(const std::vector<std::u16string>& list) {
     std::string out = "[";
     for (std::size_t i = 0; i < list.size(); ++i) {
-        out += (i ? "," : "") + JsonText(Utf8(list[i]));
+        out += (i ? "," : "") + JsonString(Utf8(list[i]));
     }
     return out + "]";
 }
@@ -163,18 +134,18 @@ void PrintJson(const std::vector<terminal::Session>& sessions) {
     for (std::size_t i = 0; i < sessions.size(); ++i) {
         const auto& s = sessions[i];
         out << (i ? "," : "") << "{\"id\":" << s.id
-            << ",\"station\":" << JsonText(Utf8(s.winStationName))
-            << ",\"state\":" << JsonText(Utf8(terminal::StateName(s.state)))
+            << ",\"station\":" << JsonString(Utf8(s.winStationName))
+            << ",\"state\":" << JsonString(Utf8(terminal::StateName(s.state)))
             << ",\"stateCode\":" << static_cast<DWORD>(s.state)
-            << ",\"user\":" << JsonText(Utf8(s.userName))
-            << ",\"domain\":" << JsonText(Utf8(s.domainName))
-            << ",\"client\":" << JsonText(Utf8(s.clientName))
-            << ",\"address\":" << JsonText(Utf8(s.clientAddress)) << ",\"printers\":[";
+            << ",\"user\":" << JsonString(Utf8(s.userName))
+            << ",\"domain\":" << JsonString(Utf8(s.domainName))
+            << ",\"client\":" << JsonString(Utf8(s.clientName))
+            << ",\"address\":" << JsonString(Utf8(s.clientAddress)) << ",\"printers\":[";
         for (std::size_t k = 0; k < s.printers.size(); ++k) {
             const auto& p = s.printers[k];
-            out << (k ? "," : "") << "{\"name\":" << JsonText(Utf8(p.name))
-                << ",\"class\":" << JsonText(Utf8(p.printerClass))
-                << ",\"driver\":" << JsonText(Utf8(p.driver)) << ",\"id\":" << p.printerId
+            out << (k ? "," : "") << "{\"name\":" << JsonString(Utf8(p.name))
+                << ",\"class\":" << JsonString(Utf8(p.printerClass))
+                << ",\"driver\":" << JsonString(Utf8(p.driver)) << ",\"id\":" << p.printerId
                 << ",\"trays\":" << JsonList(p.trays) << ",\"papers\":" << JsonList(p.papers)
                 << ",\"resolutions\":" << JsonList(p.resolutions) << ",\"duplex\":" << p.duplex
                 << "}";

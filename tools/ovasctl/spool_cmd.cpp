@@ -151,35 +151,6 @@ bool RunAsAccount(const std::string& account, std::string* why) {
 
 // ---- output helpers ------------------------------------------------------------
 
-std::string JsonString(std::string_view text) {
-    std::string out = "\"";
-    for (char c : text) {
-        switch (c) {
-            case '"':
-                out += "\\\"";
-                break;
-            case '\\':
-                out += "\\\\";
-                break;
-            case '\n':
-                out += "\\n";
-                break;
-            case '\t':
-                out += "\\t";
-                break;
-            default:
-                if (static_cast<unsigned char>(c) < 0x20) {
-                    char buf[8];
-                    std::snprintf(buf, sizeof(buf), "\\u%04x", c);
-                    out += buf;
-                } else {
-                    out += c;
-                }
-        }
-    }
-    return out + "\"";
-}
-
 int Fail(const std::string& what, DWORD error) {
     std::cerr << "ovasctl spool: " << what << " failed (error " << error << ")\n";
     ExitCode() = 1;

@@ -1,8 +1,8 @@
-#include "utf.h"
+#include "platform/text.h"
 
 #include <cstdint>
 
-namespace platform::embedded {
+namespace platform {
 
 namespace {
 
@@ -87,4 +87,4 @@ std::u16string ToUtf16(std::string_view text) {
     return out;
 }
 
-}  // namespace platform::embedded
+}  // namespace platform

@@ -1,13 +1,11 @@
-// UTF-16 and UTF-8 conversions for host calls. Unpaired surrogates become
-// U+FFFD; invalid UTF-8 bytes become U+FFFD.
+// The conversions of platform/text.h under the names embedded code uses.
 #pragma once
 
-#include <string>
-#include <string_view>
+#include "platform/text.h"
 
 namespace platform::embedded {
 
-std::string ToUtf8(std::u16string_view text);
-std::u16string ToUtf16(std::string_view text);
+using platform::ToUtf16;
+using platform::ToUtf8;
 
 }  // namespace platform::embedded
