@@ -2,6 +2,7 @@
 
 #include "common/module_state.h"
 #include "res/resources.h"
+#include "session/wts_layer.h"
 #include "trace/trace.h"
 
 namespace ovsvc {
@@ -140,6 +141,9 @@ void ModuleDetach() {
     }
     DestroyPrinterList();
     // The translation table belongs to its own subsystem, which frees it.
+    if (WTSLayer().IsTerminalServicesLibraryLoaded()) {
+        WTSLayer().ExitInstance();
+    }
 }
 
 }  // namespace ovsvc
