@@ -1,8 +1,6 @@
 // What the spooler files of the Win32 backend share: buffers for winspool's
 // size protocol, text and multi-string conversions, device modes and
 // self-relative descriptors as winspool takes and gives them.
-//
-// Include after the platform headers and "win32_api.h".
 #pragma once
 
 #include <algorithm>
@@ -12,6 +10,10 @@
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "platform/spooler.h"
+// After the platform headers, whose names are macros in <windows.h>.
+#include "win32_api.h"
 
 namespace platform::win32::spool {
 
