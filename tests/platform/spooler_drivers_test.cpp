@@ -21,6 +21,8 @@ namespace fs = std::filesystem;
 // The driver directory's path as Windows spells it on a standard installation
 // (Windows paths ignore case, and Windows' own spelling varies).
 constexpr char16_t kDriverDirectory[] = u"C:\\Windows\\System32\\spool\\drivers\\x64";
+constexpr char kNoFileFlagsUnderWine[] =
+    "Wine's DeletePrinterDriverExW refuses DPD_DELETE_UNUSED_FILES (ERROR_INVALID_PARAMETER)";
 // An environment no spooler knows.
 constexpr char16_t kNoSuchEnvironment[] = u"Windows OV Test";
 
@@ -151,7 +153,6 @@ TEST_F(SpoolerDrivers, AddCopiesFilesFromTheDriverDirectoryIntoTheStore) {
     auto added = Find(driverName);
     ASSERT_TRUE(added.has_value());
     ExpectSamePath(added->dataFile, kDriverDirectory + (u"\\3\\" + dataFile));
-    EXPECT_EQ(added->mfgName, u"Orvelle");
 
     auto info = Record(Name(u"Relay"));
     info.driverName = driverName;
@@ -172,6 +173,23 @@ TEST_F(SpoolerDrivers, AddCopiesFilesFromTheDriverDirectoryIntoTheStore) {
         EXPECT_FALSE(GetPrinterDriverW(printer.get(), u"Windows 4.0", 2).has_value());
         EXPECT_EQ(GetLastError(), ERROR_INVALID_ENVIRONMENT);
     }
+}
+
+TEST_F(SpoolerDrivers, AddKeepsTheLevel6Fields) {
+    OVTEST_SKIP_UNDER_WINE("Wine's AddPrinterDriverW keeps the level-3 fields only");
+    const auto driverFile = File(u"MFG.DLL");
+    Stage(driverFile, "driver");
+    auto info = Driver(Name(u"Manufactured"), driverFile, u"");
+    info.driverVersion = 0x0006000100020003;
+    info.hardwareId = u"ovrelay_printer";
+    info.provider = u"Orvelle Ltd";
+    ASSERT_TRUE(AddDriver(info));
+    auto added = Find(info.name);
+    ASSERT_TRUE(added.has_value());
+    EXPECT_EQ(added->mfgName, u"Orvelle");
+    EXPECT_EQ(added->driverVersion, info.driverVersion);
+    EXPECT_EQ(added->hardwareId, info.hardwareId);
+    EXPECT_EQ(added->provider, info.provider);
 }
 
 TEST_F(SpoolerDrivers, AddTakesFullPathsAndCopiesAnotherDriversRecord) {
@@ -220,7 +238,7 @@ TEST_F(SpoolerDrivers, AddWithAMissingFileAddsNothing) {
 }
 
 TEST_F(SpoolerDrivers, DeleteIsRefusedWhileAPrinterUsesTheDriver) {
-    OVTEST_SKIP_UNDER_WINE("Wine's DeletePrinterDriverExW deletes nothing");
+    OVTEST_SKIP_UNDER_WINE(kNoFileFlagsUnderWine);
     const auto own = Name(u"Own");
     Stage(File(u"OWN.DLL"), "driver");
     ASSERT_TRUE(AddDriver(Driver(own, File(u"OWN.DLL"), u"")));
@@ -242,7 +260,7 @@ TEST_F(SpoolerDrivers, DeleteIsRefusedWhileAPrinterUsesTheDriver) {
 }
 
 TEST_F(SpoolerDrivers, DeleteUnusedFilesKeepsFilesOtherDriversName) {
-    OVTEST_SKIP_UNDER_WINE("Wine's DeletePrinterDriverExW deletes nothing");
+    OVTEST_SKIP_UNDER_WINE(kNoFileFlagsUnderWine);
     const auto sole = File(u"SOLE.DLL");
     Stage(sole, "driver");
     ASSERT_TRUE(AddDriver(Driver(Name(u"Sole"), sole, u"")));
@@ -256,7 +274,6 @@ TEST_F(SpoolerDrivers, DeleteUnusedFilesKeepsFilesOtherDriversName) {
 }
 
 TEST_F(SpoolerDrivers, DeleteWithoutFileFlagsLeavesTheFiles) {
-    OVTEST_SKIP_UNDER_WINE("Wine's DeletePrinterDriverExW deletes nothing");
     const auto keep = File(u"KEEP.DLL");
     Stage(keep, "driver");
     ASSERT_TRUE(AddDriver(Driver(Name(u"Keep"), keep, u"")));
@@ -275,7 +292,7 @@ TEST_F(SpoolerDrivers, DeleteUnknownDriverOrEnvironmentFails) {
         EXPECT_FALSE(DeletePrinterDriverExW(u"", u"Windows x86", u"Generic / Text Only", 0, 0));
         EXPECT_EQ(GetLastError(), ERROR_INVALID_ENVIRONMENT);
     }
-    OVTEST_SKIP_UNDER_WINE("Wine's DeletePrinterDriverExW answers ERROR_INVALID_PARAMETER");
+    OVTEST_SKIP_UNDER_WINE(kNoFileFlagsUnderWine);
     Poison();
     EXPECT_FALSE(
         DeletePrinterDriverExW(u"", u"Windows x64", Name(u"Nobody"), DPD_DELETE_UNUSED_FILES, 0));

@@ -482,7 +482,6 @@ TEST_F(SpoolerPrinters, Level0CommandsPauseResumeAndRefuseUnknownOnes) {
 // ---- delete -------------------------------------------------------------------------------
 
 TEST_F(SpoolerPrinters, DeletedPrinterIsGoneWithItsData) {
-    OVTEST_SKIP_UNDER_WINE("Wine answers ERROR_INVALID_HANDLE on the handle of a deleted printer");
     const auto name = Name(u"Office");
     AddPrinter(name);
     {
@@ -517,7 +516,11 @@ TEST_F(SpoolerPrinters, PrinterDataFollowsTheTwoCallProtocol) {
     const auto name = Name(u"Office");
     AddPrinter(name);
     auto printer = OpenAll(name);
-    const std::u16string trays = u"1,Upper\0007,Manual\000\000";
+    // A multi-string: two strings, each with its terminator, and the final one.
+    const std::u16string trays(
+        u"1,Upper\0"
+        u"7,Manual\0\0",
+        18);
     const auto bytes = static_cast<DWORD>(trays.size() * sizeof(char16_t));
     Poison();
     ASSERT_EQ(SetPrinterDataW(printer.get(), u"TrayData", REG_MULTI_SZ, trays.data(), bytes),

@@ -96,6 +96,9 @@ Bytes Descriptor(const Bytes* owner, const std::vector<Ace>* dacl) {
 }
 
 Bytes OwnerOf(const Bytes& sd) {
+    if (sd.size() < 20) {
+        return {};
+    }
     const auto at = Get<std::uint32_t>(sd, 4);
     if (at == 0) {
         return {};
@@ -106,6 +109,9 @@ Bytes OwnerOf(const Bytes& sd) {
 
 std::vector<Ace> DaclOf(const Bytes& sd) {
     std::vector<Ace> aces;
+    if (sd.size() < 20) {
+        return aces;
+    }
     const auto at = Get<std::uint32_t>(sd, 16);
     if ((Get<std::uint16_t>(sd, 2) & 0x0004) == 0 || at == 0) {
         return aces;
