@@ -76,6 +76,10 @@ bool IsWin32Platform();
 bool UnderWine();
 // This process's id.
 int CurrentProcessId();
+// Sets or removes one of this process's environment variables (seen by the
+// C runtime and by the platform alike).
+void SetEnv(const std::string& name, const std::string& value);
+void UnsetEnv(const std::string& name);
 
 // Skips a test that needs a behaviour Wine does not have, printing why; the
 // test still runs on Windows and on the embedded platform.

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -27,6 +28,14 @@ bool UnderWine() {
 
 int CurrentProcessId() {
     return static_cast<int>(getpid());
+}
+
+void SetEnv(const std::string& name, const std::string& value) {
+    ::setenv(name.c_str(), value.c_str(), 1);
+}
+
+void UnsetEnv(const std::string& name) {
+    ::unsetenv(name.c_str());
 }
 
 std::string SelfPath() {

@@ -5,6 +5,7 @@
 #include <windows.h>
 
 #include <atomic>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -129,6 +130,14 @@ bool UnderWine() {
 
 int CurrentProcessId() {
     return static_cast<int>(GetCurrentProcessId());
+}
+
+void SetEnv(const std::string& name, const std::string& value) {
+    _wputenv_s(Widen(name).c_str(), Widen(value).c_str());
+}
+
+void UnsetEnv(const std::string& name) {
+    _wputenv_s(Widen(name).c_str(), L"");  // an empty value removes the variable
 }
 
 std::string SelfPath() {
@@ -282,7 +291,7 @@ void Process::Resume() {
 }
 
 std::string Process::output() const {
-    std::ifstream in(Widen(outputPath_));
+    std::ifstream in(std::filesystem::path(Widen(outputPath_)));
     std::stringstream ss;
     ss << in.rdbuf();
     return ss.str();
