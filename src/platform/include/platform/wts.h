@@ -18,11 +18,10 @@
 //   wtsapi32_missing=A,B         those exports are absent (ERROR_PROC_NOT_FOUND)
 //
 // On Windows the sessions and libraries are the system's own: LoadLibraryW
-// loads the real library (a bare name from the system directory only), and
-// GetProcAddress, when the library has the export, answers the platform's
-// own function for the exports declared here (so the caller's cast to the
-// declaration holds) and Windows' function for any other. The session
-// functions bind WTSAPI32.DLL at run time themselves.
+// loads the real library, and GetProcAddress, when the library has the
+// export, answers the platform's own function for the exports declared here
+// (so the caller's cast to the declaration holds). The session functions
+// bind WTSAPI32.DLL at run time themselves.
 #pragma once
 
 #include <array>
