@@ -44,10 +44,20 @@ TEST(SecurityAcl, InitializeChecksSizeAndRevision) {
     EXPECT_TRUE(InitializeAcl(&acl, 0xFFFC, ACL_REVISION));
     EXPECT_EQ(acl.size(), 0xFFFCu);
     SetLastError(kPoison);
+    EXPECT_FALSE(InitializeAcl(&acl, 0x10000, ACL_REVISION)) << "larger than an ACL can say";
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+    EXPECT_EQ(acl.size(), 0xFFFCu) << "a refused ACL changes nothing";
+}
+
+TEST(SecurityAcl, SizesAreRoundedUpToWholeDwords) {
+    OVTEST_SKIP_UNDER_WINE("InitializeAcl keeps sizes that are not DWORD multiples");
+    Acl acl;
+    SetLastError(kPoison);
     EXPECT_FALSE(InitializeAcl(&acl, 0xFFFD, ACL_REVISION)) << "rounds past the largest ACL";
     EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
     ASSERT_TRUE(InitializeAcl(&acl, 10, ACL_REVISION));
-    EXPECT_EQ(acl.size(), 12u) << "sizes are rounded up to whole DWORDs";
+    EXPECT_EQ(acl.size(), 12u);
+    EXPECT_EQ(SizeOf(acl).AclBytesFree, 4u);
 }
 
 TEST(SecurityAcl, AceTakesEightBytesPlusItsSid) {
@@ -164,18 +174,25 @@ TEST(SecurityAcl, AddAceCopiesAndInserts) {
     EXPECT_EQ(SizeOf(more).AceCount, 4u);
 }
 
-TEST(SecurityAcl, ArgumentErrors) {
+TEST(SecurityAcl, AceFlagsAndRevisionAreChecked) {
+    OVTEST_SKIP_UNDER_WINE("AddAccess*Ace accepts unknown ACE flags and ACL revision 1");
     Acl acl;
     ASSERT_TRUE(InitializeAcl(&acl, 128, ACL_REVISION));
     SetLastError(kPoison);
     EXPECT_FALSE(AddAccessAllowedAceEx(&acl, ACL_REVISION, 0x40, 1, kAdmins));
     EXPECT_EQ(GetLastError(), ERROR_INVALID_FLAGS);
     SetLastError(kPoison);
-    EXPECT_FALSE(AddAccessAllowedAce(&acl, ACL_REVISION, 1, Sid{}));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_SID);
-    SetLastError(kPoison);
     EXPECT_FALSE(AddAccessAllowedAce(&acl, 1, 1, kAdmins));
     EXPECT_EQ(GetLastError(), ERROR_REVISION_MISMATCH);
+    EXPECT_EQ(SizeOf(acl).AceCount, 0u);
+}
+
+TEST(SecurityAcl, ArgumentErrors) {
+    Acl acl;
+    ASSERT_TRUE(InitializeAcl(&acl, 128, ACL_REVISION));
+    SetLastError(kPoison);
+    EXPECT_FALSE(AddAccessAllowedAce(&acl, ACL_REVISION, 1, Sid{}));
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_SID);
     Acl none;
     SetLastError(kPoison);
     EXPECT_FALSE(AddAccessDeniedAce(&none, ACL_REVISION, 1, kAdmins));

@@ -1,8 +1,8 @@
 // ACEs and ACLs in their binary layout, with Windows' size rules.
 #include <algorithm>
 
-#include "platform/security.h"
 #include "../common/security_bytes.h"
+#include "platform/security.h"
 
 namespace platform {
 

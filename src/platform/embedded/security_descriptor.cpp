@@ -2,8 +2,8 @@
 // self-relative byte layout stored with objects.
 #include <cstring>
 
-#include "platform/security.h"
 #include "../common/security_bytes.h"
+#include "platform/security.h"
 
 namespace platform {
 

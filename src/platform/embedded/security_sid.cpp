@@ -2,8 +2,8 @@
 #include <algorithm>
 #include <cstring>
 
-#include "platform/security.h"
 #include "../common/security_bytes.h"
+#include "platform/security.h"
 
 namespace platform {
 
@@ -119,8 +119,12 @@ bool ParseNumber(std::u16string_view text, std::uint64_t max, std::uint64_t* val
 bool AllocateAndInitializeSid(const SID_IDENTIFIER_AUTHORITY& authority, BYTE subAuthorityCount,
                               DWORD sub0, DWORD sub1, DWORD sub2, DWORD sub3, DWORD sub4,
                               DWORD sub5, DWORD sub6, DWORD sub7, Sid* sid) {
-    if (sid == nullptr || subAuthorityCount > 8) {
+    if (sid == nullptr) {
         SetLastError(ERROR_INVALID_PARAMETER);
+        return false;
+    }
+    if (subAuthorityCount > 8) {
+        SetLastError(ERROR_INVALID_SID);  // as Windows: at most eight fit its arguments
         return false;
     }
     const DWORD all[8] = {sub0, sub1, sub2, sub3, sub4, sub5, sub6, sub7};

@@ -7,8 +7,8 @@
 #include <string>
 
 #include "platform/security.h"
-#include "win32_api.h"
 #include "security_native.h"
+#include "win32_api.h"
 
 namespace platform {
 
@@ -99,9 +99,8 @@ bool LookupAccountNameW(std::u16string_view systemName, std::u16string_view acco
     ::DWORD sidBytes = sid != nullptr ? *sidSize : 0;
     ::DWORD domainChars = domain != nullptr ? *domainLength : 0;
     ::SID_NAME_USE found = ::SidTypeUnknown;
-    const BOOL ok =
-        ::LookupAccountNameW(SystemOrNull(system), win32::Wide(name), sid, &sidBytes,
-                             reinterpret_cast<wchar_t*>(domain), &domainChars, &found);
+    const BOOL ok = ::LookupAccountNameW(SystemOrNull(system), win32::Wide(name), sid, &sidBytes,
+                                         reinterpret_cast<wchar_t*>(domain), &domainChars, &found);
     *sidSize = static_cast<DWORD>(sidBytes);
     *domainLength = static_cast<DWORD>(domainChars);
     if (ok) {
@@ -125,9 +124,9 @@ bool LookupAccountSidW(std::u16string_view systemName, const Sid& sid, char16_t*
     ::DWORD nameChars = name != nullptr ? *nameLength : 0;
     ::DWORD domainChars = domain != nullptr ? *domainLength : 0;
     ::SID_NAME_USE found = ::SidTypeUnknown;
-    const BOOL ok = ::LookupAccountSidW(
-        SystemOrNull(system), win32::NativeSid(sid), reinterpret_cast<wchar_t*>(name), &nameChars,
-        reinterpret_cast<wchar_t*>(domain), &domainChars, &found);
+    const BOOL ok = ::LookupAccountSidW(SystemOrNull(system), win32::NativeSid(sid),
+                                        reinterpret_cast<wchar_t*>(name), &nameChars,
+                                        reinterpret_cast<wchar_t*>(domain), &domainChars, &found);
     *nameLength = static_cast<DWORD>(nameChars);
     *domainLength = static_cast<DWORD>(domainChars);
     if (ok) {
@@ -154,8 +153,8 @@ bool FindAccountByName(std::u16string_view accountName, Account* account) {
     }
     std::u16string domain(domainChars, u'\0');
     sidBytes = sizeof sid;
-    if (!::LookupAccountNameW(nullptr, win32::Wide(name), sid, &sidBytes,
-                              win32::WideBuffer(domain), &domainChars, &use)) {
+    if (!::LookupAccountNameW(nullptr, win32::Wide(name), sid, &sidBytes, win32::WideBuffer(domain),
+                              &domainChars, &use)) {
         return false;
     }
     // The names as Windows spells them, not as the caller did.

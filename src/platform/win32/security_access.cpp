@@ -3,8 +3,8 @@
 #include <memory>
 
 #include "platform/security.h"
-#include "win32_api.h"
 #include "security_native.h"
+#include "win32_api.h"
 
 namespace platform {
 
@@ -21,7 +21,8 @@ namespace {
 
 // Room for the privileges an access check may report.
 struct PrivilegeBuffer {
-    alignas(::PRIVILEGE_SET) BYTE bytes[sizeof(::PRIVILEGE_SET) + 8 * sizeof(::LUID_AND_ATTRIBUTES)];
+    alignas(
+        ::PRIVILEGE_SET) BYTE bytes[sizeof(::PRIVILEGE_SET) + 8 * sizeof(::LUID_AND_ATTRIBUTES)];
 };
 
 }  // namespace

@@ -4,10 +4,10 @@
 #include <algorithm>
 #include <cstring>
 
-#include "platform/security.h"
-#include "win32_api.h"
 #include "../common/security_bytes.h"
+#include "platform/security.h"
 #include "security_native.h"
+#include "win32_api.h"
 
 namespace platform {
 

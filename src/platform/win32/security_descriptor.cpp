@@ -4,8 +4,8 @@
 #include <cstring>
 
 #include "platform/security.h"
-#include "win32_api.h"
 #include "security_native.h"
+#include "win32_api.h"
 
 namespace platform {
 
@@ -118,14 +118,39 @@ bool IsValidSecurityDescriptor(const SecurityDescriptor& sd) noexcept {
     return false;
 }
 
+namespace {
+
+// The self-relative form Windows makes of `sd`, exactly as long as its parts
+// need. Windows sizes the buffer it asks for from the absolute descriptor,
+// whose header is larger than the self-relative one on 64-bit Windows (Wine
+// even pads the result by the difference), so the exact length is taken
+// from the self-relative result itself.
+bool SelfRelative(const SecurityDescriptor& sd, std::vector<std::byte>* out) {
+    win32::NativeDescriptor native;
+    if (!native.Build(sd)) {
+        return false;
+    }
+    ::DWORD length = 0;
+    if (::MakeSelfRelativeSD(native.get(), nullptr, &length) ||
+        ::GetLastError() != ERROR_INSUFFICIENT_BUFFER) {
+        return false;
+    }
+    std::vector<std::byte> bytes(length);
+    if (!::MakeSelfRelativeSD(native.get(), bytes.data(), &length)) {
+        return false;
+    }
+    bytes.resize(::GetSecurityDescriptorLength(bytes.data()));
+    *out = std::move(bytes);
+    return true;
+}
+
+}  // namespace
+
 DWORD GetSecurityDescriptorLength(const SecurityDescriptor& sd) noexcept {
     try {
         LastErrorKeeper keep;
-        win32::NativeDescriptor native;
-        if (!native.Build(sd)) {
-            return 0;
-        }
-        return static_cast<DWORD>(::GetSecurityDescriptorLength(native.get()));
+        std::vector<std::byte> bytes;
+        return SelfRelative(sd, &bytes) ? static_cast<DWORD>(bytes.size()) : 0;
     } catch (...) {
         return 0;
     }
@@ -139,30 +164,34 @@ bool MakeSelfRelativeSD(const SecurityDescriptor& sd, void* buffer, DWORD* size)
     if (!IsValidSecurityDescriptor(sd)) {
         return false;
     }
-    win32::NativeDescriptor native;
-    if (!native.Build(sd)) {
+    std::vector<std::byte> bytes;
+    {
+        LastErrorKeeper keep;
+        if (!SelfRelative(sd, &bytes)) {
+            bytes.clear();
+        }
+    }
+    if (bytes.empty()) {
+        ::SetLastError(ERROR_INVALID_SECURITY_DESCR);
         return false;
     }
-    ::DWORD length = buffer != nullptr ? *size : 0;
-    if (!::MakeSelfRelativeSD(native.get(), buffer, &length)) {
-        *size = static_cast<DWORD>(length);
+    const auto needed = static_cast<DWORD>(bytes.size());
+    if (buffer == nullptr || *size < needed) {
+        *size = needed;
+        ::SetLastError(ERROR_INSUFFICIENT_BUFFER);
         return false;
     }
-    // Windows leaves the size as given on success; the platform reports the
-    // bytes written, as it does on the embedded machine.
-    *size = static_cast<DWORD>(::GetSecurityDescriptorLength(native.get()));
+    std::memcpy(buffer, bytes.data(), bytes.size());
+    *size = needed;
     return true;
 }
 
 std::vector<std::byte> ToSelfRelative(const SecurityDescriptor& sd) {
     LastErrorKeeper keep;
-    DWORD size = 0;
-    MakeSelfRelativeSD(sd, nullptr, &size);
-    std::vector<std::byte> bytes(size);
-    if (size == 0 || !MakeSelfRelativeSD(sd, bytes.data(), &size)) {
+    std::vector<std::byte> bytes;
+    if (!SelfRelative(sd, &bytes)) {
         return {};
     }
-    bytes.resize(size);
     return bytes;
 }
 

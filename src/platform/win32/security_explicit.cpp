@@ -3,8 +3,8 @@
 #include <memory>
 
 #include "platform/security.h"
-#include "win32_api.h"
 #include "security_native.h"
+#include "win32_api.h"
 
 namespace platform {
 
@@ -51,9 +51,9 @@ DWORD Merge(std::span<const EXPLICIT_ACCESS_W> entries, const Acl* oldAcl, Acl* 
         }
     }
     PACL merged = nullptr;
-    const ::DWORD error = ::SetEntriesInAclW(static_cast<::ULONG>(native.size()),
-                                             native.empty() ? nullptr : native.data(), old,
-                                             &merged);
+    const ::DWORD error =
+        ::SetEntriesInAclW(static_cast<::ULONG>(native.size()),
+                           native.empty() ? nullptr : native.data(), old, &merged);
     const std::unique_ptr<void, LocalFreeDeleter> owned(merged);
     if (error != ERROR_SUCCESS) {
         return static_cast<DWORD>(error);

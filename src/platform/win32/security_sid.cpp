@@ -8,8 +8,8 @@
 #include <memory>
 
 #include "platform/security.h"
-#include "win32_api.h"
 #include "security_native.h"
+#include "win32_api.h"
 
 namespace platform {
 
@@ -112,7 +112,13 @@ bool ConvertStringSidToSidW(std::u16string_view text, Sid* sid) {
         return false;
     }
     const std::unique_ptr<void, LocalFreeDeleter> owned(converted);
-    *sid = SidFromNative(converted);
+    Sid parsed = SidFromNative(converted);
+    if (parsed.empty()) {
+        // More sub-authorities than a SID can hold.
+        ::SetLastError(ERROR_INVALID_SID);
+        return false;
+    }
+    *sid = std::move(parsed);
     return true;
 }
 

@@ -5,8 +5,8 @@
 #include <memory>
 
 #include "platform/security.h"
-#include "win32_api.h"
 #include "security_native.h"
+#include "win32_api.h"
 
 namespace platform {
 
@@ -32,7 +32,8 @@ static_assert(SameClass(TokenUser, ::TokenUser) && SameClass(TokenGroups, ::Toke
 // One class of token information, read with the two-call protocol into a
 // buffer aligned for the structures it holds. False with the last error as
 // the final call left it.
-bool Query(HANDLE token, TOKEN_INFORMATION_CLASS infoClass, std::unique_ptr<std::max_align_t[]>* out) {
+bool Query(HANDLE token, TOKEN_INFORMATION_CLASS infoClass,
+           std::unique_ptr<std::max_align_t[]>* out) {
     ::DWORD needed = 0;
     if (::GetTokenInformation(token, static_cast<::TOKEN_INFORMATION_CLASS>(infoClass), nullptr, 0,
                               &needed)) {
