@@ -160,6 +160,9 @@ DWORD GetSidSubAuthorityCount(const Sid& sid) noexcept {
         SetLastError(ERROR_INVALID_SID);
         return 0;
     }
+    // Windows reports success through the last error: the result alone
+    // cannot tell.
+    SetLastError(ERROR_SUCCESS);
     return std::to_integer<DWORD>(sid.data()[1]);
 }
 
@@ -168,6 +171,7 @@ DWORD GetSidSubAuthority(const Sid& sid, DWORD index) noexcept {
         SetLastError(ERROR_INVALID_PARAMETER);
         return 0;
     }
+    SetLastError(ERROR_SUCCESS);
     return ReadU32(sid.bytes(), 8 + 4 * std::size_t{index});
 }
 

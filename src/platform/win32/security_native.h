@@ -1,7 +1,5 @@
 // What the Win32 security files share: the platform's SID, ACL and
 // descriptor values as the pointers the Windows API takes.
-//
-// Include after "win32_api.h".
 #pragma once
 
 #include <cstddef>
@@ -9,6 +7,7 @@
 #include <vector>
 
 #include "platform/security.h"
+#include "win32_api.h"
 
 namespace platform::win32 {
 

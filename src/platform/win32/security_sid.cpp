@@ -98,7 +98,16 @@ bool CopySid(DWORD size, void* destination, const Sid& sid) {
     if (RefuseEmpty(sid)) {
         return false;
     }
-    return ::CopySid(destination != nullptr ? size : 0, destination, NativeSid(sid)) != FALSE;
+    const ::DWORD room = destination != nullptr ? size : 0;
+    if (!::CopySid(room, destination, NativeSid(sid))) {
+        // The platform promises the reason for a short buffer, which not
+        // every Windows implementation leaves.
+        if (room < ::GetLengthSid(NativeSid(sid))) {
+            ::SetLastError(ERROR_INSUFFICIENT_BUFFER);
+        }
+        return false;
+    }
+    return true;
 }
 
 bool ConvertStringSidToSidW(std::u16string_view text, Sid* sid) {
