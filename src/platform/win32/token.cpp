@@ -107,8 +107,11 @@ bool GetTokenInformation(HANDLE token, TOKEN_INFORMATION_CLASS infoClass, void* 
 
 bool SetTokenInformation(HANDLE token, TOKEN_INFORMATION_CLASS infoClass, const void* info,
                          DWORD infoLength) {
+    // Without information there is nothing to read: Windows then answers for
+    // the length.
     return ::SetTokenInformation(token, static_cast<::TOKEN_INFORMATION_CLASS>(infoClass),
-                                 const_cast<void*>(info), infoLength) != FALSE;
+                                 const_cast<void*>(info),
+                                 info != nullptr ? infoLength : 0) != FALSE;
 }
 
 // Windows' DuplicateToken, with the access the platform asks for: an

@@ -15,6 +15,8 @@
 // belong to the machine's own domain, named after the computer
 // (GetComputerNameW: the machine.conf key "computer_name", default
 // "OVSERVER"); configured domain accounts default to the domain "OVDOMAIN".
+// On Windows, look-ups and tokens are Windows' own, and the calls that
+// administer the embedded account table answer ERROR_NOT_SUPPORTED.
 #pragma once
 
 #include <array>
