@@ -57,10 +57,6 @@ inline platform::Acl AclOf(const std::vector<AceSpec>& aces) {
     return acl;
 }
 
-// Drops any account chosen for this process from outside (the embedded
-// machine's OVSVC_USER); a Windows process runs as whom Windows started.
-void ForgetAccountOverride();
-
 inline std::vector<platform::Ace> AcesOf(const platform::Acl& acl) {
     std::vector<platform::Ace> out;
     platform::ACL_SIZE_INFORMATION info;

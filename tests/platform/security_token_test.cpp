@@ -20,7 +20,7 @@ class SecurityToken : public ovtest::MachineTest {
   protected:
     void SetUp() override {
         ovtest::MachineTest::SetUp();
-        sectest::ForgetAccountOverride();
+        ovtest::UnsetEnv("OVSVC_USER");
         SetProcessAccount(u"");
     }
     void TearDown() override {
