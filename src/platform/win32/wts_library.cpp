@@ -1,5 +1,4 @@
-// The system libraries the module binds at run time, and the version checks
-// two of them export.
+// The system libraries the module binds at run time.
 //
 // A library is loaded for real; what GetProcAddress hands out for the
 // libraries the platform declares (wtsapi32, kernel32, ntdll) is the
@@ -123,30 +122,6 @@ bool FreeLibrary(HLIBRARY library) {
     }
     const std::unique_ptr<LibraryObject> owned(library);
     return ::FreeLibrary(owned->module) != FALSE;
-}
-
-std::uint64_t VerSetConditionMask(std::uint64_t conditionMask, DWORD typeMask,
-                                  std::uint8_t condition) noexcept {
-    return ::VerSetConditionMask(conditionMask, typeMask, condition);
-}
-
-bool VerifyVersionInfoA(const OSVERSIONINFOEXW* info, DWORD typeMask, std::uint64_t conditionMask) {
-    if (info == nullptr) {
-        ::SetLastError(ERROR_INVALID_PARAMETER);
-        return false;
-    }
-    ::OSVERSIONINFOEXA wanted{};
-    wanted.dwOSVersionInfoSize = sizeof(wanted);
-    wanted.dwMajorVersion = info->dwMajorVersion;
-    wanted.dwMinorVersion = info->dwMinorVersion;
-    wanted.dwBuildNumber = info->dwBuildNumber;
-    wanted.dwPlatformId = info->dwPlatformId;
-    wanted.wServicePackMajor = info->wServicePackMajor;
-    wanted.wServicePackMinor = info->wServicePackMinor;
-    wanted.wSuiteMask = info->wSuiteMask;
-    wanted.wProductType = info->wProductType;
-    // The service-pack text is not compared by any type-mask bit.
-    return ::VerifyVersionInfoA(&wanted, typeMask, conditionMask) != FALSE;
 }
 
 }  // namespace platform
