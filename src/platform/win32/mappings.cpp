@@ -12,8 +12,8 @@ namespace {
 constexpr std::uint64_t kAllocationGranularity = 65536;
 constexpr ::DWORD kErrorMappedAlignment = 1132;
 
-// The size a mapping was created with (NtQuerySection), when the handle may
-// query it.
+// The size a mapping was created with (NtQuerySection), when the handle has
+// the right to query it (FILE_MAP_ALL_ACCESS has).
 std::optional<std::uint64_t> SectionSize(HANDLE mapping) {
     struct SectionBasicInformation {
         void* base;
@@ -66,14 +66,8 @@ UniqueMapping OpenFileMappingW(DWORD desiredAccess, bool inheritHandle, std::u16
         return UniqueMapping();
     }
     const win32::ObjectName objectName(name);
-    const ::BOOL inherit = inheritHandle ? TRUE : FALSE;
-    // The right to query the mapping's size lets views of the whole mapping
-    // report their exact size; it grants nothing else.
     UniqueMapping mapping(
-        ::OpenFileMappingW(desiredAccess | SECTION_QUERY, inherit, objectName.get()));
-    if (!mapping && ::GetLastError() == ERROR_ACCESS_DENIED) {
-        mapping = UniqueMapping(::OpenFileMappingW(desiredAccess, inherit, objectName.get()));
-    }
+        ::OpenFileMappingW(desiredAccess, inheritHandle ? TRUE : FALSE, objectName.get()));
     if (mapping) {
         ::SetLastError(ERROR_SUCCESS);
     }

@@ -56,7 +56,7 @@ class InheritableCopy {
 std::u16string EnvironmentBlock(const std::vector<std::u16string>& environment) {
     std::u16string block;
     for (const auto& entry : environment) {
-        const std::u16string_view text(entry.data(), entry.find(u'\0'));
+        const std::u16string_view text = std::u16string_view(entry).substr(0, entry.find(u'\0'));
         if (!text.empty()) {
             block.append(text);
             block.push_back(u'\0');
@@ -108,7 +108,9 @@ bool Create(HANDLE token, std::u16string_view applicationName, std::u16string_vi
         HANDLE* wanted[3] = {&si.hStdInput, &si.hStdOutput, &si.hStdError};
         for (int i = 0; i < 3; ++i) {
             if (!inheritHandles) {
-                *wanted[i] = given[i];  // as Windows does: the values, not the handles
+                // Nothing reaches a child that inherits nothing (Wine would
+                // hand it the handles anyway).
+                *wanted[i] = nullptr;
                 continue;
             }
             const bool ok = win32::IsNoHandle(given[i]) ? standard[i].OpenNull(i == 0)

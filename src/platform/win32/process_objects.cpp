@@ -76,7 +76,16 @@ bool GetExitCodeProcess(HANDLE process, DWORD* exitCode) {
 }
 
 bool TerminateProcess(HANDLE process, UINT exitCode) {
-    return CheckProcessHandle(process) && ::TerminateProcess(process, exitCode) != FALSE;
+    if (!CheckProcessHandle(process)) {
+        return false;
+    }
+    // A process that has ended cannot be terminated again: Windows refuses
+    // with ERROR_ACCESS_DENIED (Wine would report success).
+    if (::WaitForSingleObject(process, 0) == WAIT_OBJECT_0) {
+        ::SetLastError(ERROR_ACCESS_DENIED);
+        return false;
+    }
+    return ::TerminateProcess(process, exitCode) != FALSE;
 }
 
 DWORD GetProcessId(HANDLE process) {
