@@ -79,11 +79,16 @@ const char* KnownLibrary(std::u16string_view fileName) {
 HLIBRARY LoadLibraryW(std::u16string_view fileName) {
     const std::u16string name(fileName);
     auto library = std::make_unique<LibraryObject>();
-    library->module = ::LoadLibraryW(win32::Wide(name));
+    library->known = KnownLibrary(fileName);
+    // The system's own libraries by a bare name come from the system
+    // directory only, never from a directory a user could write to.
+    const bool bareName = name.find_first_of(u"\\/:") == std::u16string::npos;
+    library->module =
+        ::LoadLibraryExW(win32::Wide(name), nullptr,
+                         library->known != nullptr && bareName ? LOAD_LIBRARY_SEARCH_SYSTEM32 : 0);
     if (library->module == nullptr) {
         return nullptr;  // ERROR_MOD_NOT_FOUND from Windows
     }
-    library->known = KnownLibrary(fileName);
     ::SetLastError(ERROR_SUCCESS);
     return library.release();
 }
