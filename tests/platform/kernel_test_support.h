@@ -1,12 +1,14 @@
 // What the kernel and process tests need from the host beyond the platform:
-// environment variables of this process (seen by the children it starts)
-// and byte-exact output from child processes.
+// environment variables set for a scope, and byte-exact output from child
+// processes.
 #pragma once
 
 #include <cstdio>
 #include <cstdlib>
 #include <optional>
 #include <string>
+
+#include "ovtest.h"
 
 #ifdef _WIN32
 #include <fcntl.h>
@@ -18,11 +20,6 @@ namespace kerneltest {
 #ifdef _WIN32
 inline constexpr char kPathListSeparator = ';';
 
-// An empty value removes the variable, as Windows has no empty ones.
-inline void PutEnvironment(const std::string& name, const std::optional<std::string>& value) {
-    _putenv_s(name.c_str(), value ? value->c_str() : "");
-}
-
 // Standard output and error without the C runtime's "\n" -> "\r\n".
 inline void BinaryOutput() {
     std::fflush(stdout);
@@ -33,16 +30,17 @@ inline void BinaryOutput() {
 #else
 inline constexpr char kPathListSeparator = ':';
 
-inline void PutEnvironment(const std::string& name, const std::optional<std::string>& value) {
-    if (value) {
-        setenv(name.c_str(), value->c_str(), 1);
-    } else {
-        unsetenv(name.c_str());
-    }
-}
-
 inline void BinaryOutput() {}
 #endif
+
+// Sets a variable, or removes it for no value.
+inline void PutEnvironment(const std::string& name, const std::optional<std::string>& value) {
+    if (value) {
+        ovtest::SetEnv(name, *value);
+    } else {
+        ovtest::UnsetEnv(name);
+    }
+}
 
 // Sets (or removes) a variable for the scope, then puts the old value back.
 class EnvironmentScope {
