@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <set>
 #include <thread>
 #include <vector>
@@ -53,6 +54,21 @@ TEST_F(KernelSystem, SessionQueryIsStableAndLeavesTheLastErrorAlone) {
     SetLastError(0xDEADBEEF);
     EXPECT_EQ(GetCurrentSessionId(), session);
     EXPECT_EQ(GetLastError(), 0xDEADBEEFu);  // a query that cannot fail does not set it
+}
+
+TEST_F(KernelSystem, SettingsLiveInTheMachineConfOfTheRoot) {
+    EXPECT_EQ(machine::Root(), root());
+    EXPECT_FALSE(machine::Setting("kernel_test_key"));
+    machine::SetSetting("kernel_test_key", "one");
+    machine::SetSetting("kernel_test_other", "x=y");
+    machine::SetSetting("kernel_test_key", "two");
+    EXPECT_EQ(machine::Setting("kernel_test_key"), "two");
+    EXPECT_EQ(machine::Setting("kernel_test_other"), "x=y");
+    EXPECT_FALSE(machine::Setting("kernel_test"));  // a key's prefix is another key
+    EXPECT_FALSE(machine::Setting("kernel_test_key=two"));
+    const std::filesystem::path conf = std::filesystem::path(ovtest::U16(root())) / "machine.conf";
+    EXPECT_TRUE(std::filesystem::is_regular_file(conf));
+    EXPECT_EQ(machine::EventLogPath().rfind(root(), 0), 0u) << machine::EventLogPath();
 }
 
 TEST_F(KernelSystem, TicksAdvanceAcrossASleep) {
