@@ -59,3 +59,6 @@ inline std::u16string FromWide(const wchar_t* text, std::size_t length) {
 }
 
 }  // namespace platform::win32
+
+// Security: the LSA policy calls (after <windows.h>, whose types they use).
+#include <ntsecapi.h>
