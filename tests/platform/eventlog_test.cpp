@@ -124,13 +124,29 @@ TEST_F(EventLog, BadHandlesAndArgumentsAreRefused) {
     SetLastError(kPoison);
     EXPECT_FALSE(ReportEventW(log, EVENTLOG_ERROR_TYPE, 0, 0, nullptr, {u"x"}, nullptr, 4));
     EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER) << "raw data size without data";
+    SetLastError(kPoison);
     EXPECT_TRUE(DeregisterEventSource(log));
+    EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
+}
 
+TEST_F(EventLog, RefusedEntriesWriteNothing) {
+    UniqueEventSource log(RegisterEventSourceW(u"", source16_));
+    ASSERT_TRUE(log);
+    EXPECT_FALSE(ReportEventW(log.get(), 0x0003, 0, 0, nullptr, {u"x"}, nullptr, 0));
+    EXPECT_FALSE(ReportEventW(log.get(), EVENTLOG_ERROR_TYPE, 0, 0, nullptr,
+                              {u"short", std::u16string(40000, u'x')}, nullptr, 0));
     if (!ovtest::IsWin32Platform()) {
-        EXPECT_TRUE(LogLines().empty());  // nothing half-written
+        EXPECT_TRUE(LogLines().empty());  // not even a part of a line
     }
-    OVTEST_SKIP_UNDER_WINE("it neither checks event-log handles nor stores entries");
-    EXPECT_TRUE(evtest::EntriesOf(source_).empty());  // nothing half-written
+    OVTEST_SKIP_UNDER_WINE(kNoStoredLog);
+    EXPECT_TRUE(evtest::EntriesOf(source_).empty());
+}
+
+TEST_F(EventLog, ADeregisteredSourceIsAnInvalidHandle) {
+    HANDLE log = RegisterEventSourceW(u"", source16_);
+    ASSERT_NE(log, nullptr);
+    ASSERT_TRUE(DeregisterEventSource(log));
+    OVTEST_SKIP_UNDER_WINE("its event-log handles are never checked");
     SetLastError(kPoison);
     EXPECT_FALSE(DeregisterEventSource(log));
     EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
@@ -139,13 +155,15 @@ TEST_F(EventLog, BadHandlesAndArgumentsAreRefused) {
     EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
 }
 
-TEST_F(EventLog, SourcesOnlyOnTheLocalMachine) {
+TEST_F(EventLog, ASourceNeedsAName) {
     UniqueEventSource local(RegisterEventSourceW(u".", source16_));
-    EXPECT_TRUE(local);
+    EXPECT_TRUE(local) << "\".\" is the local machine";
     SetLastError(kPoison);
     EXPECT_EQ(RegisterEventSourceW(u"", u""), nullptr);
     EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+}
 
+TEST_F(EventLog, SourcesOnlyOnTheLocalMachine) {
     OVTEST_SKIP_UNDER_WINE("it gives every server name a source");
     SetLastError(kPoison);
     EXPECT_EQ(RegisterEventSourceW(u"\\\\elsewhere", source16_), nullptr);

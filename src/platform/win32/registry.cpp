@@ -17,10 +17,9 @@
 #include "win32_api.h"
 
 namespace {
-// The real predefined keys. Spelled outside the platform's namespace, where
-// the macros' "HKEY" would name the platform's type.
+// The real HKEY_CLASSES_ROOT. Spelled outside the platform's namespace,
+// where the macro's "HKEY" would name the platform's type.
 const ::HKEY kNativeClassesRoot = HKEY_CLASSES_ROOT;
-const ::HKEY kNativeLocalMachine = HKEY_LOCAL_MACHINE;
 }  // namespace
 
 namespace platform {
@@ -197,13 +196,44 @@ LSTATUS FullKeyName(::HKEY key, std::u16string* name) {
     return ERROR_MORE_DATA;
 }
 
-bool StartsWithKeyPath(const std::u16string& path, const std::u16string& top) {
-    if (path.size() < top.size() ||
-        ::CompareStringOrdinal(Wide(path), static_cast<int>(top.size()), Wide(top),
-                               static_cast<int>(top.size()), TRUE) != CSTR_EQUAL) {
+bool StartsWithKeyPath(const std::u16string& path, std::u16string_view top) {
+    const std::u16string prefix(top);
+    if (path.size() < prefix.size() ||
+        ::CompareStringOrdinal(Wide(path), static_cast<int>(prefix.size()), Wide(prefix),
+                               static_cast<int>(prefix.size()), TRUE) != CSTR_EQUAL) {
         return false;
     }
-    return path.size() == top.size() || path[top.size()] == u'\\';
+    return path.size() == prefix.size() || path[prefix.size()] == u'\\';
+}
+
+// The key's path as a .reg file names it. Below HKEY_CLASSES_ROOT: the root's
+// name and the last parts of the key's full name, as many as `subKey` has;
+// for any other handle: its full name below \REGISTRY\MACHINE.
+LSTATUS FilePath(bool classes, std::u16string_view subKey, const std::u16string& fullName,
+                 std::u16string* path) {
+    constexpr std::u16string_view kMachine = u"\\REGISTRY\\MACHINE";
+    if (!classes) {
+        if (!StartsWithKeyPath(fullName, kMachine)) {
+            return ERROR_INVALID_PARAMETER;  // not below a root a file can name
+        }
+        *path = u"HKEY_LOCAL_MACHINE" + fullName.substr(kMachine.size());
+        return ERROR_SUCCESS;
+    }
+    std::size_t parts = 0;
+    for (std::size_t at = 0; at < subKey.size(); ++at) {
+        if (subKey[at] != u'\\' && (at == 0 || subKey[at - 1] == u'\\')) {
+            ++parts;
+        }
+    }
+    std::size_t start = fullName.size();
+    for (; parts > 0; --parts) {
+        start = fullName.rfind(u'\\', start - 1);
+        if (start == std::u16string::npos || start == 0) {
+            return ERROR_INVALID_PARAMETER;
+        }
+    }
+    *path = u"HKEY_CLASSES_ROOT" + fullName.substr(start);
+    return ERROR_SUCCESS;
 }
 
 LSTATUS ExportKey(::HKEY key, const std::u16string& path, std::u16string* text) {
@@ -368,12 +398,27 @@ LSTATUS RegDeleteTreeW(HKEY parent, std::u16string_view subKey) {
     });
 }
 
+// A failed query leaves the caller's type and size as they were (Windows
+// zeroes the size of a missing value); only ERROR_MORE_DATA reports the size
+// needed.
 LSTATUS RegQueryValueExW(HKEY key, std::u16string_view valueName, DWORD* type, void* data,
                          DWORD* dataSize) {
     return Guarded([&]() -> LSTATUS {
         const std::u16string name = CName(valueName);
-        return Done(::RegQueryValueExW(Native(key), Wide(name), nullptr, NativeDword(type),
-                                       static_cast<::LPBYTE>(data), NativeDword(dataSize)));
+        const DWORD typeBefore = type != nullptr ? *type : 0;
+        const DWORD sizeBefore = dataSize != nullptr ? *dataSize : 0;
+        const LSTATUS status =
+            ::RegQueryValueExW(Native(key), Wide(name), nullptr, NativeDword(type),
+                               static_cast<::LPBYTE>(data), NativeDword(dataSize));
+        if (status != ERROR_SUCCESS && status != ERROR_MORE_DATA) {
+            if (type != nullptr) {
+                *type = typeBefore;
+            }
+            if (dataSize != nullptr) {
+                *dataSize = sizeBefore;
+            }
+        }
+        return Done(status);
     });
 }
 
@@ -542,28 +587,12 @@ LSTATUS RegExportText(HKEY root, std::u16string_view subKey, std::u16string* tex
             return Done(status);
         }
         UniqueKey key(FromNative(opened));
-
-        // Where the named root lives, to write paths below it.
-        const bool classes = IsClassesRoot(root);
-        ::HKEY top = nullptr;
-        status = ::RegOpenKeyExW(classes ? kNativeClassesRoot : kNativeLocalMachine, nullptr, 0,
-                                 KEY_QUERY_VALUE, &top);
-        if (status != ERROR_SUCCESS) {
-            return Done(status);
-        }
-        UniqueKey topOwner(FromNative(top));
-        std::u16string topName;
         std::u16string keyName;
-        if ((status = FullKeyName(top, &topName)) != ERROR_SUCCESS ||
-            (status = FullKeyName(opened, &keyName)) != ERROR_SUCCESS) {
+        std::u16string fullPath;
+        if ((status = FullKeyName(opened, &keyName)) != ERROR_SUCCESS ||
+            (status = FilePath(IsClassesRoot(root), path, keyName, &fullPath)) != ERROR_SUCCESS) {
             return Done(status);
         }
-        if (!StartsWithKeyPath(keyName, topName)) {
-            return Done(ERROR_INVALID_PARAMETER);  // not below either root a file can name
-        }
-        const std::u16string fullPath =
-            std::u16string(classes ? u"HKEY_CLASSES_ROOT" : u"HKEY_LOCAL_MACHINE") +
-            keyName.substr(topName.size());
 
         std::u16string out = std::u16string(regtext::kHeader5) + u"\r\n\r\n";
         if ((status = ExportKey(opened, fullPath, &out)) != ERROR_SUCCESS) {

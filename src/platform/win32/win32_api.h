@@ -59,3 +59,7 @@ inline std::u16string FromWide(const wchar_t* text, std::size_t length) {
 }
 
 }  // namespace platform::win32
+
+// Registry, resources, event log: the platform's RegGetValue (a whole value
+// into a vector) is its own call, not the one <winreg.h> maps to RegGetValueW.
+#undef RegGetValue
