@@ -2,7 +2,8 @@
 // named texts come from the resource section of the loaded image, read with
 // FindResource / LoadResource and GetFileVersionInfo / VerQueryValue.
 //
-// Handles are the real module handles.
+// Handles are the real module handles (GetModuleHandleW and
+// GetModuleFileNameW are with the other module calls, in modules.cpp).
 #include "platform/resources.h"
 
 #include <algorithm>
@@ -201,29 +202,6 @@ HMODULE RegisterModuleResources(const ModuleResources* resources) {
 
 // Nothing to undo: the image's resources go with the image.
 void UnregisterModuleResources(const ModuleResources* /*resources*/) {}
-
-HMODULE GetModuleHandleW(std::u16string_view fileName) {
-    try {
-        const std::u16string name(fileName);
-        return FromNative(::GetModuleHandleW(Wide(name)));
-    } catch (const std::exception&) {
-        ::SetLastError(ERROR_OUTOFMEMORY);
-        return nullptr;
-    }
-}
-
-std::u16string GetModuleFileNameW(HMODULE module) {
-    try {
-        std::u16string path = FullPath(Native(module));
-        if (!path.empty()) {
-            ::SetLastError(ERROR_SUCCESS);
-        }
-        return path;
-    } catch (const std::exception&) {
-        ::SetLastError(ERROR_OUTOFMEMORY);
-        return {};
-    }
-}
 
 // Strings are kept in blocks of sixteen: block id / 16 + 1 holds, for each of
 // its ids in turn, a length and that many UTF-16 characters.
