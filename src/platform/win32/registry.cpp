@@ -65,8 +65,6 @@ template <class Body>
 LSTATUS Guarded(Body body) noexcept {
     try {
         return body();
-    } catch (const std::bad_alloc&) {
-        return Done(ERROR_OUTOFMEMORY);
     } catch (const std::exception&) {
         return Done(ERROR_OUTOFMEMORY);
     }
