@@ -117,12 +117,21 @@ TEST(VersionCheck, ConditionMaskPutsThreeBitsPerField) {
     EXPECT_EQ(VerSetConditionMask(0, VER_MAJORVERSION, VER_GREATER_EQUAL), 3u << 3);
     EXPECT_EQ(VerSetConditionMask(0, VER_SUITENAME, VER_AND), std::uint64_t{6} << 18);
     EXPECT_EQ(VerSetConditionMask(0, VER_PRODUCT_TYPE, VER_OR), std::uint64_t{7} << 21);
-    // Setting a field again replaces its condition; condition 0 changes nothing.
-    auto m = VerSetConditionMask(0, VER_SUITENAME, VER_OR);
-    EXPECT_EQ(VerSetConditionMask(m, VER_SUITENAME, VER_AND), std::uint64_t{6} << 18);
+    // Fields accumulate: each call adds one field's condition.
+    const auto both = VerSetConditionMask(VerSetConditionMask(0, VER_MAJORVERSION, VER_LESS),
+                                          VER_MINORVERSION, VER_EQUAL);
+    EXPECT_EQ(both, (4u << 3) | 1u);
+    // As on Windows, a condition is ORed in, never replaced; condition 0 (also
+    // after masking to three bits) and an empty type change nothing.
+    auto m = VerSetConditionMask(0, VER_SUITENAME, VER_AND);
+    EXPECT_EQ(VerSetConditionMask(m, VER_SUITENAME, VER_EQUAL), std::uint64_t{7} << 18);
     EXPECT_EQ(VerSetConditionMask(m, VER_SUITENAME, 0), m);
-    EXPECT_EQ(VerSetConditionMask(0, VER_MAJORVERSION | VER_MINORVERSION, VER_LESS),
-              (4u << 3) | 4u);
+    EXPECT_EQ(VerSetConditionMask(m, VER_SUITENAME, 8), m);
+    EXPECT_EQ(VerSetConditionMask(m, 0, VER_EQUAL), m);
+    // Several type bits set one field only: the highest-ranked one named.
+    EXPECT_EQ(VerSetConditionMask(0, VER_MAJORVERSION | VER_MINORVERSION, VER_LESS), 4u << 3);
+    EXPECT_EQ(VerSetConditionMask(0, VER_PRODUCT_TYPE | VER_MINORVERSION, VER_EQUAL),
+              std::uint64_t{1} << 21);
 }
 
 class VersionInfo : public ovtest::MachineTest {};

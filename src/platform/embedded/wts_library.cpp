@@ -141,13 +141,15 @@ bool FreeLibrary(HLIBRARY library) {
 
 std::uint64_t VerSetConditionMask(std::uint64_t conditionMask, DWORD typeMask,
                                   std::uint8_t condition) noexcept {
-    if (condition == 0) {
+    const std::uint64_t value = condition & 7u;
+    if (value == 0) {
         return conditionMask;
     }
-    for (DWORD bit = 0; bit < 8; ++bit) {
+    // As Windows does it: one field per call, the highest type bit named,
+    // and the condition added by OR (never replacing an earlier one).
+    for (DWORD bit = 8; bit-- > 0;) {
         if ((typeMask & (1u << bit)) != 0) {
-            conditionMask &= ~(std::uint64_t{7} << (bit * 3));
-            conditionMask |= std::uint64_t{condition & 7u} << (bit * 3);
+            return conditionMask | (value << (bit * 3));
         }
     }
     return conditionMask;

@@ -13,6 +13,10 @@
 // starting or stopping the service) are granted to administrators only: the
 // caller's token must be SYSTEM or a member of BUILTIN\Administrators; others
 // get ERROR_ACCESS_DENIED.
+//
+// On Windows these are the service control manager's own calls, for any
+// service, with Windows' rights and errors; the stop control still waits for
+// the service to read stopped, as below.
 #pragma once
 
 #include <string>
@@ -112,7 +116,9 @@ using LPHANDLER_FUNCTION = void (*)(DWORD control);
 
 // The handler is called on a thread of its own with SERVICE_CONTROL_STOP when
 // the process receives SIGTERM or SIGINT. Null with ERROR_SERVICE_DOES_NOT_EXIST
-// for another name.
+// for another name. On Windows it is called from the service's main function
+// (under StartServiceCtrlDispatcherW), and the handler receives every control
+// on the dispatcher's thread.
 SERVICE_STATUS_HANDLE RegisterServiceCtrlHandlerW(std::u16string_view serviceName,
                                                   LPHANDLER_FUNCTION handler);
 // What QueryServiceStatus reports while this process runs.

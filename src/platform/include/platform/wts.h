@@ -16,6 +16,12 @@
 // machine.conf switches for tests:
 //   wtsapi32=0                   the library is absent (ERROR_MOD_NOT_FOUND)
 //   wtsapi32_missing=A,B         those exports are absent (ERROR_PROC_NOT_FOUND)
+//
+// On Windows the sessions and libraries are the system's own: LoadLibraryW
+// loads the real library, and GetProcAddress, when the library has the
+// export, answers the platform's own function for the exports declared here
+// (so the caller's cast to the declaration holds). The session functions
+// bind WTSAPI32.DLL at run time themselves.
 #pragma once
 
 #include <array>
@@ -115,7 +121,7 @@ bool WTSEnumerateProcessesW(HANDLE server, DWORD reserved, DWORD version);
 bool WTSWaitSystemEvent(HANDLE server, DWORD eventMask, DWORD* eventFlags);
 
 // The session attached to the physical console: machine.conf
-// "console_session=N", 0 by default.
+// "console_session=N", 0 by default (Windows: the system's answer).
 DWORD WTSGetActiveConsoleSessionId() noexcept;
 
 // The session a process runs in (its $OVSVC_SESSION_ID); fails with
@@ -143,9 +149,14 @@ inline constexpr std::uint8_t VER_OR = 7;
 
 std::uint64_t VerSetConditionMask(std::uint64_t conditionMask, DWORD typeMask,
                                   std::uint8_t condition) noexcept;
-// True when the running system matches every field named in typeMask;
-// otherwise false with ERROR_OLD_WIN_VERSION. The suite mask is what
-// GetVersionExW reports.
+// VerSetConditionMask sets the condition of one field, the first of
+// product type, suite, service pack major and minor, platform, build, major
+// and minor version named in typeMask, by OR into the mask; condition 0
+// (after masking to three bits) or an empty typeMask leave the mask as it is.
+// VerifyVersionInfoA: true when the running system matches every field named
+// in typeMask; otherwise false with ERROR_OLD_WIN_VERSION. No info, or a
+// typeMask or conditionMask of 0: ERROR_INVALID_PARAMETER. The suite mask is
+// what GetVersionExW reports.
 bool VerifyVersionInfoA(const OSVERSIONINFOEXW* info, DWORD typeMask, std::uint64_t conditionMask);
 
 // ---- run-time binding ----------------------------------------------------------
@@ -167,7 +178,9 @@ bool FreeLibrary(HLIBRARY library);
 // ---- the embedded machine's session table (administration) -------------------
 //
 // What `ovasctl session` and the tests use to log users on and off. Not a
-// Windows interface: the Win32 platform has no such table.
+// Windows interface: on Windows, Logon, Disconnect, Logoff and SetState
+// answer ERROR_NOT_SUPPORTED, and GetSession and ListSessions read the
+// system's sessions (without client printers, which Windows does not list).
 namespace platform::terminal {
 
 // A printer of the client machine, as the client program learns it.
