@@ -533,7 +533,7 @@ TEST_F(KernelEvent, ObjectWhoseOnlyHolderWasKilledIsGoneForTheNextOpener) {
         UniqueEvent seen = OpenEventW(SYNCHRONIZE, false, U16(event));
         EXPECT_TRUE(seen);  // held by the child
     }
-    child.Kill(9);
+    child.Kill();
     EXPECT_EQ(child.Wait(std::chrono::seconds(20)), 128 + 9);
 
     SetLastError(kPoison);
@@ -558,7 +558,7 @@ TEST_F(KernelEvent, ObjectSurvivesAKilledHolderWhileAnotherProcessHoldsIt) {
     UniqueEvent mine = OpenEventW(EVENT_ALL_ACCESS, false, U16(event));
     ASSERT_TRUE(mine);
     ASSERT_TRUE(SetEvent(mine.get()));
-    child.Kill(9);
+    child.Kill();
     child.Wait(std::chrono::seconds(20));
     UniqueEvent again = OpenEventW(SYNCHRONIZE, false, U16(event));
     ASSERT_TRUE(again);

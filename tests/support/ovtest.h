@@ -21,10 +21,9 @@ struct ChildRegistrar {
 };
 
 // Defines a child entry point: OVTEST_CHILD(waiter) { ...; return 0; }
-#define OVTEST_CHILD(name)                                                        \
-    static int name##_child_main(const std::vector<std::string>& args);           \
-    static const ::ovtest::ChildRegistrar name##_child_registrar(#name,           \
-                                                                 name##_child_main); \
+#define OVTEST_CHILD(name)                                                                  \
+    static int name##_child_main(const std::vector<std::string>& args);                     \
+    static const ::ovtest::ChildRegistrar name##_child_registrar(#name, name##_child_main); \
     static int name##_child_main([[maybe_unused]] const std::vector<std::string>& args)
 
 // Runs a registered child when argv asks for one; returns -1 otherwise.
@@ -32,7 +31,7 @@ int RunChildIfRequested(int argc, char** argv);
 
 // A process started by a test. Killed (and reaped) when destroyed if still running.
 class Process {
-public:
+  public:
     Process() = default;
     Process(Process&& other) noexcept;
     Process& operator=(Process&& other) noexcept;
@@ -52,18 +51,57 @@ public:
     // expired (the process is then killed).
     int Wait(std::chrono::milliseconds timeout = std::chrono::seconds(60));
     bool Running();
-    void Kill(int signal = 9);
+    // Ends the process at once (SIGKILL; TerminateProcess on Windows).
+    void Kill();
+    // Asks the process to stop: SIGTERM, or on Windows the stop event a
+    // console-mode service host watches ("Local\ovaspoolsvc-stop-<pid>"),
+    // falling back to Kill() for a process that has none.
+    void Terminate();
+    // Holds and releases every thread of the process (SIGSTOP / SIGCONT).
+    void Suspend();
+    void Resume();
     int pid() const { return pid_; }
     // Everything the process wrote to standard output and standard error.
     std::string output() const;
 
-private:
+  private:
     int pid_ = -1;
     int status_ = -1;
+    void* handle_ = nullptr;  // the process handle on Windows
     std::string outputPath_;
 };
 
-// Directory of the running test program (programs and the module sit there).
+// The platform backend under test, and whether Windows is Wine.
+bool IsWin32Platform();
+bool UnderWine();
+// This process's id.
+int CurrentProcessId();
+// Sets or removes one of this process's environment variables (seen by the
+// C runtime and by the platform alike).
+void SetEnv(const std::string& name, const std::string& value);
+void UnsetEnv(const std::string& name);
+
+// Skips a test that needs a behaviour Wine does not have, printing why; the
+// test still runs on Windows and on the embedded platform.
+#define OVTEST_SKIP_UNDER_WINE(reason)                     \
+    do {                                                   \
+        if (::ovtest::UnderWine()) {                       \
+            GTEST_SKIP() << "Wine lacks this: " << reason; \
+        }                                                  \
+    } while (false)
+
+// Skips a test of the embedded machine's own features (its switches, its
+// account and session tables, its bookkeeping) on the Win32 backend.
+#define OVTEST_EMBEDDED_ONLY(reason)                                 \
+    do {                                                             \
+        if (::ovtest::IsWin32Platform()) {                           \
+            GTEST_SKIP() << "embedded platform feature: " << reason; \
+        }                                                            \
+    } while (false)
+
+// Path of the running test program, and its directory (programs and the
+// module sit there).
+std::string SelfPath();
 std::string BinDir();
 // A new empty directory under the system's temporary directory.
 std::string MakeTempDir(const std::string& prefix);
@@ -71,14 +109,17 @@ std::string MakeTempDir(const std::string& prefix);
 std::string UniqueName(const std::string& base);
 
 // Base fixture: every test runs on its own fresh machine root, removed
-// afterwards unless the test failed (its path is printed then).
+// afterwards unless the test failed (its path is printed then). On Windows
+// the root is only a directory: the registry, the spooler and the kernel
+// namespaces are the real machine's, so tests there use unique names and
+// clean up after themselves.
 class MachineTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override;
     void TearDown() override;
     const std::string& root() const { return root_; }
 
-private:
+  private:
     std::string root_;
 };
 

@@ -63,8 +63,14 @@ bool WaitForServiceReady(std::chrono::milliseconds timeout) {
         timeout);
 }
 
+ovtest::Process StartServiceHost() {
+    // In the foreground: on Windows the host would otherwise first try to
+    // reach the service control manager.
+    return ovtest::Process::Start(ovtest::BinDir() + "/ovaspoolsvc", {"--console"});
+}
+
 ovtest::Process StartService() {
-    ovtest::Process service = ovtest::Process::Start(ovtest::BinDir() + "/ovaspoolsvc", {});
+    ovtest::Process service = StartServiceHost();
     EXPECT_TRUE(WaitForServiceReady(std::chrono::seconds(10))) << service.output();
     return service;
 }

@@ -20,6 +20,8 @@ std::string EnableTrace(const std::string& root, std::uint32_t level = 0xFF);
 std::string ReadText(const std::string& path);
 int CountOccurrences(const std::string& text, const std::string& needle);
 
+// Starts ovaspoolsvc in the foreground, without waiting for it.
+ovtest::Process StartServiceHost();
 // Starts ovaspoolsvc and waits until its events exist.
 ovtest::Process StartService();
 bool WaitForServiceReady(std::chrono::milliseconds timeout);

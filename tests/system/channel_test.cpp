@@ -1,6 +1,5 @@
 // The request channel end to end: the real service host and real client
 // processes on one embedded machine.
-#include <signal.h>
 
 #include <chrono>
 #include <cstdio>
@@ -173,7 +172,7 @@ TEST_F(ChannelTest, RequestsWithoutTheirSubsystemAnswerAsSpecified) {
     EXPECT_NE(trace.find("_SVC_ pthePrinterList != NULL"), std::string::npos);
     EXPECT_NE(trace.find("InitPrinterList..."), std::string::npos);
     EXPECT_NE(trace.find("1st ClientSync() returned error ..."), std::string::npos);
-    service.Kill(SIGTERM);
+    service.Terminate();
     EXPECT_EQ(service.Wait(10s), 0);
 }
 
@@ -182,12 +181,12 @@ TEST_F(ChannelTest, TicketsAreServedInOrder) {
     ovtest::Process service = StartService();
     AreaView area;
     ASSERT_TRUE(area);
-    service.Kill(SIGSTOP);  // hold the service so both clients queue up
+    service.Suspend();  // hold the service so both clients queue up
     ovtest::Process first = ovtest::Process::StartChild("client_call", {"repair"});
     ASSERT_TRUE(WaitUntil([&] { return area.get()->Next == 0; }, 10s));
     ovtest::Process second = ovtest::Process::StartChild("client_call", {"repair"});
     ASSERT_TRUE(WaitUntil([&] { return area.get()->Next == 1; }, 10s));
-    service.Kill(SIGCONT);
+    service.Resume();
     ASSERT_EQ(first.Wait(30s), 0);
     ASSERT_EQ(second.Wait(30s), 0);
     EXPECT_EQ(ParseResult(first.output()), -10);
@@ -217,19 +216,19 @@ TEST_F(ChannelTest, ClientReturningAfterItsTicketPassedGetsMinus14) {
     ASSERT_TRUE(area);
     // The late client draws ticket 0 while the service is held, and is held
     // itself while the service grants and then skips its turn.
-    service.Kill(SIGSTOP);
+    service.Suspend();
     ovtest::Process late = ovtest::Process::StartChild("client_call", {"repair"});
     ASSERT_TRUE(WaitUntil([&] { return area.get()->Next == 0; }, 10s));
     platform::Sleep(200);
-    late.Kill(SIGSTOP);
-    service.Kill(SIGCONT);
+    late.Suspend();
+    service.Resume();
     ASSERT_TRUE(WaitUntil([&] { return area.get()->Act == 1; }, 10s));
     // Ticket 1 is granted and never taken: OVAck1 stays set for it while the
     // late client comes back.
     ovtest::Process ghost = ovtest::Process::StartChild("abandon_ticket");
     ASSERT_EQ(ghost.Wait(10s), 0);
     platform::Sleep(300);
-    late.Kill(SIGCONT);
+    late.Resume();
     ASSERT_EQ(late.Wait(30s), 0);
     EXPECT_EQ(ParseResult(late.output()), -14);
     EXPECT_NE(Trace().find("lMyNr already processed!"), std::string::npos);
@@ -237,7 +236,7 @@ TEST_F(ChannelTest, ClientReturningAfterItsTicketPassedGetsMinus14) {
 
 TEST_F(ChannelTest, SecondServiceInstanceStepsBack) {
     ovtest::Process service = StartService();
-    ovtest::Process second = ovtest::Process::Start(ovtest::BinDir() + "/ovaspoolsvc", {});
+    ovtest::Process second = channeltest::StartServiceHost();
     EXPECT_EQ(second.Wait(10s), 0);
     EXPECT_NE(Trace().find("Event 'OVReq1' already exists!"), std::string::npos);
     EXPECT_NE(ReadText(root() + "/eventlog.log").find("Can't create the event! Location: 7"),
@@ -262,11 +261,11 @@ TEST_F(ChannelTest, ServiceKilledDuringARequestLeavesClientsWithATimeout) {
     ovtest::Process service = StartService();
     AreaView area;
     ASSERT_TRUE(area);
-    service.Kill(SIGSTOP);
+    service.Suspend();
     ovtest::Process client = ovtest::Process::StartChild("client_call", {"repair"});
     ASSERT_TRUE(WaitUntil([&] { return area.get()->Next == 0; }, 10s));
     platform::Sleep(200);  // the client now waits for its turn
-    service.Kill(SIGKILL);
+    service.Kill();
     EXPECT_EQ(service.Wait(10s), 128 + SIGKILL);
     ASSERT_EQ(client.Wait(20s), 0) << "the client must not hang";
     EXPECT_EQ(ParseResult(client.output()), -14);
@@ -277,7 +276,7 @@ TEST_F(ChannelTest, StopEndsTheServiceAtOnceOrWithinOneTimeout) {
     SetProductDword(u"TimeOutService", 1000);
     {
         ovtest::Process service = StartService();
-        service.Kill(SIGTERM);  // the stop export raises the flag and wakes the loop
+        service.Terminate();  // the stop export raises the flag and wakes the loop
         EXPECT_EQ(service.Wait(5s), 0);
     }
     {
@@ -352,7 +351,7 @@ TEST_F(ChannelTest, ManyClientProcessesEachGetTheirOwnReplies) {
 
 TEST_F(ChannelTest, WithoutTheGlobalNamespaceEveryProcessUsesLocalNames) {
     platform::machine::SetSetting("global_namespace", "0");
-    ovtest::Process service = ovtest::Process::Start(ovtest::BinDir() + "/ovaspoolsvc", {});
+    ovtest::Process service = channeltest::StartServiceHost();
     ASSERT_TRUE(WaitUntil(
         [] {
             platform::UniqueEvent ack1 =
@@ -366,6 +365,6 @@ TEST_F(ChannelTest, WithoutTheGlobalNamespaceEveryProcessUsesLocalNames) {
         platform::OpenFileMappingW(platform::FILE_MAP_READ, false, u"OVC-SHM");
     EXPECT_TRUE(local);
     EXPECT_NE(Trace().find("Global\\\\ is not possible!"), std::string::npos);
-    service.Kill(SIGTERM);
+    service.Terminate();
     EXPECT_EQ(service.Wait(10s), 0);
 }

@@ -70,7 +70,7 @@ class TranslationSystemTest : public ovtest::MachineTest {
   protected:
     void TearDown() override {
         if (service_.Running()) {
-            service_.Kill(15);
+            service_.Terminate();
             service_.Wait(10s);
         }
         ovtest::MachineTest::TearDown();
@@ -159,7 +159,7 @@ TEST_F(TranslationSystemTest, FaultyListFailsReloadAndIsStoredCorrected) {
 TEST_F(TranslationSystemTest, FaultyListAtStartEndsTheServiceUntilCorrected) {
     ImportList({",,,,,,,,,,", "*,*,*,*,*,true,true,true,true,Kept,", "broken line"});
     // The load at start fails: the service loop returns without serving.
-    ovtest::Process first = ovtest::Process::Start(ovtest::BinDir() + "/ovaspoolsvc", {});
+    ovtest::Process first = channeltest::StartServiceHost();
     EXPECT_EQ(first.Wait(20s), 0) << first.output();
     // The load stored the list corrected, so the next start succeeds.
     StartService();

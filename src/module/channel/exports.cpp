@@ -16,6 +16,15 @@
 namespace ovsvc {
 namespace {
 
+// OVCHAR is wchar_t on Windows and char16_t elsewhere; both hold UTF-16.
+static_assert(sizeof(OVCHAR) == sizeof(char16_t));
+char16_t* Utf16(OVCHAR* text) {
+    return reinterpret_cast<char16_t*>(text);
+}
+const char16_t* Utf16(const OVCHAR* text) {
+    return reinterpret_cast<const char16_t*>(text);
+}
+
 constexpr std::int32_t kInterfaceVersion = 8;
 constexpr OVHRESULT kS_OK = 0;
 constexpr OVHRESULT kS_FALSE = 1;
@@ -137,22 +146,22 @@ OVSVC_API int32_t OVSVC_CALL OVADLLAddPrinter(
     OVTRACE(INF | SYNC, "ClientSync() wird ausgeführt...");
     OVTRACE(INF | SYNC,
             "AddPrinter: PN=%s,PC=%s,IP=%s,TYPE=%d,DRIVER=%s,PID=%d,SID=%d,ADDR=%s,UN=%s,CN=%s",
-            View(strPrinterName), View(strPrinterClass), View(strClientIP), nClientType,
-            View(strClientDriverName), nPrinterId, nSessionID, View(strClientName),
-            View(strUserName), View(strComputerName));
+            View(Utf16(strPrinterName)), View(Utf16(strPrinterClass)), View(Utf16(strClientIP)),
+            nClientType, View(Utf16(strClientDriverName)), nPrinterId, nSessionID,
+            View(Utf16(strClientName)), View(Utf16(strUserName)), View(Utf16(strComputerName)));
     ClientRequest request{};
     ReplyBuffer reply{};
     request.Command = CMDAddPrinter;
-    request.PN = strPrinterName;
-    request.PC = strPrinterClass;
-    request.IP = strClientIP;
+    request.PN = Utf16(strPrinterName);
+    request.PC = Utf16(strPrinterClass);
+    request.IP = Utf16(strClientIP);
     request.TYPE = nClientType;
-    request.DRIVER = strClientDriverName;
+    request.DRIVER = Utf16(strClientDriverName);
     request.PID = nPrinterId;
     request.SID = nSessionID;
-    request.ADDR = strClientName;
-    request.UN = strUserName;
-    request.CN = strComputerName;
+    request.ADDR = Utf16(strClientName);
+    request.UN = Utf16(strUserName);
+    request.CN = Utf16(strComputerName);
     request.PrinterProperties = PrinterProperties;
     request.PropertiesLength = PropertiesLength;
     request.PropertiesParts = PropertiesParts;
@@ -162,11 +171,11 @@ OVSVC_API int32_t OVSVC_CALL OVADLLAddPrinter(
     const std::int32_t result = ClientSync(&request, &reply);
     if (strPrinterName != nullptr) {
         CopyReplyString(reply, kCreatedNameOffset - kReplyOffset, kCreatedNameUnits,
-                        strPrinterName);
+                        Utf16(strPrinterName));
     }
     if (strPrinterClass != nullptr) {
         CopyReplyString(reply, kCreatedClassOffset - kReplyOffset, kCreatedNameUnits,
-                        strPrinterClass);
+                        Utf16(strPrinterClass));
     }
     return result;
 }
@@ -202,11 +211,11 @@ OVSVC_API int32_t OVSVC_CALL OVADLLTranslate(const OVCHAR* strClientIP, const OV
     ReplyBuffer reply{};
     OVTRACE(INF | SYNC, "ClientSync() wird ausgeführt (OVADLLTranslate)...");
     request.Command = CMDTranslate;
-    request.IP = strClientIP;
-    request.ADDR = strClientName;
-    request.DRIVER = strClientDriverName;
-    request.PN = strPrinterName;
-    request.PC = strPrinterClass;
+    request.IP = Utf16(strClientIP);
+    request.ADDR = Utf16(strClientName);
+    request.DRIVER = Utf16(strClientDriverName);
+    request.PN = Utf16(strPrinterName);
+    request.PC = Utf16(strPrinterClass);
     request.TYPE = nClientType;
     const std::int32_t result = ClientSync(&request, &reply);
     if (result < 0) {
@@ -214,7 +223,7 @@ OVSVC_API int32_t OVSVC_CALL OVADLLTranslate(const OVCHAR* strClientIP, const OV
         return result;
     }
     if (templates != nullptr) {
-        char16_t* out = templates;
+        char16_t* out = Utf16(templates);
         for (std::size_t offset : kTemplateOffsets) {
             out = AppendReplyString(reply, offset - kReplyOffset, out);
         }
@@ -234,7 +243,8 @@ OVSVC_API uint32_t OVSVC_CALL OVADLLQueryTimeOutValue(uint32_t id) {
 OVSVC_API void OVSVC_CALL OVADLLDbgMessage(const OVCHAR* sourceFile, uint32_t line,
                                            const OVCHAR* message, const OVCHAR* section,
                                            uint32_t code) {
-    TraceDbgMessage(View(sourceFile), line, View(message), View(section), code);
+    TraceDbgMessage(View(Utf16(sourceFile)), line, View(Utf16(message)), View(Utf16(section)),
+                    code);
 }
 
 // The logon manager's notifications arrive with the session subsystem.

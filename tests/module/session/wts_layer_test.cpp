@@ -13,8 +13,8 @@
 #include "config/product_key.h"
 #include "ovtest.h"
 #include "platform/machine.h"
-#include "platform/registry.h"
 #include "platform/process.h"
+#include "platform/registry.h"
 #include "platform/wts.h"
 #include "trace/trace.h"
 
@@ -170,7 +170,7 @@ TEST_F(TerminalServicesTest, OlderSystemsLookAtTheProductSuiteList) {
 
 TEST_F(TerminalServicesTest, WithoutTheLibraryASingleLocalSessionAnswers) {
     machine::SetSetting("wtsapi32", "0");
-    setenv("USERDOMAIN", "TESTDOM", 1);
+    ovtest::SetEnv("USERDOMAIN", "TESTDOM");
     CWTSAbstractionLayer layer;
     std::vector<std::byte> b;
     DWORD bytes = 0;
@@ -217,7 +217,7 @@ TEST_F(TerminalServicesTest, WithoutTheLibraryASingleLocalSessionAnswers) {
     EXPECT_TRUE(Traced("no Terminal Serices found 'wtsapi32.dll'!"));
     EXPECT_TRUE(Traced("_ERR_/NORM=01h: wts_layer%"));
     EXPECT_TRUE(Traced("_CLIENT_ m_hWTSApi32"));
-    unsetenv("USERDOMAIN");
+    ovtest::UnsetEnv("USERDOMAIN");
 }
 
 TEST_F(TerminalServicesTest, WithTheLibraryTheSessionTableAnswers) {
