@@ -1,8 +1,13 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build needs, when any is missing.
+# With --windows: what the Windows cross build and its Wine test run need.
 set -euo pipefail
 packages=(build-essential cmake pkg-config libsqlite3-dev zlib1g-dev
           libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev)
+if [ "${1:-}" = "--windows" ]; then
+  packages=(cmake python3 libcli11-dev g++-mingw-w64-x86-64-posix binutils-mingw-w64-x86-64
+            libz-mingw-w64-dev googletest wine64 wine)
+fi
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
@@ -11,5 +16,5 @@ if [ ${#missing[@]} -gt 0 ]; then
   sudo=""
   [ "$(id -u)" -eq 0 ] || sudo="sudo"
   $sudo apt-get update
-  DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y "${missing[@]}"
+  DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y --no-install-recommends "${missing[@]}"
 fi

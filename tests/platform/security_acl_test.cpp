@@ -44,10 +44,20 @@ TEST(SecurityAcl, InitializeChecksSizeAndRevision) {
     EXPECT_TRUE(InitializeAcl(&acl, 0xFFFC, ACL_REVISION));
     EXPECT_EQ(acl.size(), 0xFFFCu);
     SetLastError(kPoison);
+    EXPECT_FALSE(InitializeAcl(&acl, 0x10000, ACL_REVISION)) << "larger than an ACL can say";
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+    EXPECT_EQ(acl.size(), 0xFFFCu) << "a refused ACL changes nothing";
+}
+
+TEST(SecurityAcl, SizesAreRoundedUpToWholeDwords) {
+    OVTEST_SKIP_UNDER_WINE("InitializeAcl keeps sizes that are not DWORD multiples");
+    Acl acl;
+    SetLastError(kPoison);
     EXPECT_FALSE(InitializeAcl(&acl, 0xFFFD, ACL_REVISION)) << "rounds past the largest ACL";
     EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
     ASSERT_TRUE(InitializeAcl(&acl, 10, ACL_REVISION));
-    EXPECT_EQ(acl.size(), 12u) << "sizes are rounded up to whole DWORDs";
+    EXPECT_EQ(acl.size(), 12u);
+    EXPECT_EQ(SizeOf(acl).AclBytesFree, 4u);
 }
 
 TEST(SecurityAcl, AceTakesEightBytesPlusItsSid) {
@@ -135,12 +145,10 @@ TEST(SecurityAcl, AddAceCopiesAndInserts) {
     for (const Ace& ace : AcesOf(source)) {
         ASSERT_TRUE(AddAce(&copy, ACL_REVISION, MAXDWORD, ace));
     }
-    ASSERT_TRUE(AddAce(&copy, ACL_REVISION, 0, MakeAce(ACCESS_ALLOWED_ACE_TYPE, 0, 3, kUser)));
     const std::vector<Ace> aces = AcesOf(copy);
-    ASSERT_EQ(aces.size(), 3u);
-    EXPECT_EQ(aces[0].sid, kUser) << "index 0 inserts in front";
-    EXPECT_EQ(aces[1].raw, AcesOf(source)[0].raw);
-    EXPECT_EQ(aces[2].raw, AcesOf(source)[1].raw);
+    ASSERT_EQ(aces.size(), 2u);
+    EXPECT_EQ(aces[0].raw, AcesOf(source)[0].raw);
+    EXPECT_EQ(aces[1].raw, AcesOf(source)[1].raw);
 
     // An index past the end appends.
     Acl more;
@@ -164,18 +172,47 @@ TEST(SecurityAcl, AddAceCopiesAndInserts) {
     EXPECT_EQ(SizeOf(more).AceCount, 4u);
 }
 
-TEST(SecurityAcl, ArgumentErrors) {
+TEST(SecurityAcl, AceFlagsAndRevisionAreChecked) {
+    OVTEST_SKIP_UNDER_WINE("AddAccess*Ace accepts unknown ACE flags and ACL revision 1");
     Acl acl;
     ASSERT_TRUE(InitializeAcl(&acl, 128, ACL_REVISION));
     SetLastError(kPoison);
     EXPECT_FALSE(AddAccessAllowedAceEx(&acl, ACL_REVISION, 0x40, 1, kAdmins));
     EXPECT_EQ(GetLastError(), ERROR_INVALID_FLAGS);
     SetLastError(kPoison);
-    EXPECT_FALSE(AddAccessAllowedAce(&acl, ACL_REVISION, 1, Sid{}));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_SID);
-    SetLastError(kPoison);
     EXPECT_FALSE(AddAccessAllowedAce(&acl, 1, 1, kAdmins));
     EXPECT_EQ(GetLastError(), ERROR_REVISION_MISMATCH);
+    EXPECT_EQ(SizeOf(acl).AceCount, 0u);
+}
+
+TEST(SecurityAcl, AddAceInsertsAtTheIndex) {
+    OVTEST_SKIP_UNDER_WINE("AddAce appends whatever the starting index");
+    Acl acl = sectest::AclOf(
+        {{ACCESS_ALLOWED_ACE_TYPE, 0, 1, kAdmins}, {ACCESS_DENIED_ACE_TYPE, 2, 2, kSystem}});
+    const std::vector<Ace> before = AcesOf(acl);
+    Acl roomy;
+    ASSERT_TRUE(InitializeAcl(&roomy, static_cast<DWORD>(acl.size()) + 2 * (8 + 28), ACL_REVISION));
+    for (const Ace& ace : before) {
+        ASSERT_TRUE(AddAce(&roomy, ACL_REVISION, MAXDWORD, ace));
+    }
+    SetLastError(kPoison);
+    ASSERT_TRUE(AddAce(&roomy, ACL_REVISION, 0, MakeAce(ACCESS_ALLOWED_ACE_TYPE, 0, 3, kUser)));
+    EXPECT_EQ(GetLastError(), kPoison);
+    ASSERT_TRUE(AddAce(&roomy, ACL_REVISION, 2, MakeAce(ACCESS_DENIED_ACE_TYPE, 0, 4, kUser)));
+    const std::vector<Ace> aces = AcesOf(roomy);
+    ASSERT_EQ(aces.size(), 4u);
+    EXPECT_EQ(aces[0].Mask, 3u) << "index 0 inserts in front";
+    EXPECT_EQ(aces[1].raw, before[0].raw);
+    EXPECT_EQ(aces[2].Mask, 4u) << "index 2 goes before the ACE that was third";
+    EXPECT_EQ(aces[3].raw, before[1].raw);
+}
+
+TEST(SecurityAcl, ArgumentErrors) {
+    Acl acl;
+    ASSERT_TRUE(InitializeAcl(&acl, 128, ACL_REVISION));
+    SetLastError(kPoison);
+    EXPECT_FALSE(AddAccessAllowedAce(&acl, ACL_REVISION, 1, Sid{}));
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_SID);
     Acl none;
     SetLastError(kPoison);
     EXPECT_FALSE(AddAccessDeniedAce(&none, ACL_REVISION, 1, kAdmins));

@@ -134,6 +134,7 @@ TEST(SecurityDescriptor, OwnerAndGroup) {
 }
 
 TEST(SecurityDescriptor, SelfRelativeLayout) {
+    OVTEST_SKIP_UNDER_WINE("MakeSelfRelativeSD stores the owner and group before the ACLs");
     const SecurityDescriptor sd = Full();
     const std::vector<std::byte> bytes = ToSelfRelative(sd);
     const DWORD aclSize = 8 + (8 + 16) + (8 + 12) + (8 + 28);

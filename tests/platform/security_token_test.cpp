@@ -3,8 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <cstring>
+#include <memory>
 
 #include "ovtest.h"
 #include "platform/registry.h"
@@ -20,7 +20,7 @@ class SecurityToken : public ovtest::MachineTest {
   protected:
     void SetUp() override {
         ovtest::MachineTest::SetUp();
-        unsetenv("OVSVC_USER");
+        ovtest::UnsetEnv("OVSVC_USER");
         SetProcessAccount(u"");
     }
     void TearDown() override {
@@ -39,7 +39,42 @@ std::vector<Sid> GroupsOf(HANDLE token) {
     return groups;
 }
 
+// Groups a token may hold without them granting anything.
+constexpr DWORD kUseForDenyOnly = 0x10;
+
+Sid ProcessUser() {
+    UniqueToken token;
+    Sid user;
+    EXPECT_TRUE(OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token));
+    EXPECT_TRUE(GetTokenUserSid(token.get(), &user));
+    return user;
+}
+
+TEST_F(SecurityToken, ProcessTokenNamesTheProcessAccount) {
+    UniqueToken token;
+    SetLastError(kPoison);
+    ASSERT_TRUE(OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token));
+    EXPECT_EQ(GetLastError(), kPoison);
+    Sid user;
+    ASSERT_TRUE(GetTokenUserSid(token.get(), &user));
+    EXPECT_TRUE(IsValidSid(user));
+    std::u16string name;
+    ASSERT_TRUE(GetTokenAccountName(token.get(), &name));
+    EXPECT_EQ(name, CurrentProcessAccount());
+    Account account;
+    ASSERT_TRUE(FindAccountBySid(user, &account));
+    EXPECT_EQ(account.FullName(), name);
+    const std::vector<Sid> groups = GroupsOf(token.get());
+    EXPECT_TRUE(Has(groups, SidOf(u"S-1-1-0"))) << "everyone is in Everyone";
+    EXPECT_TRUE(Has(groups, SidOf(u"S-1-5-11"))) << "and an authenticated user";
+    EXPECT_FALSE(Has(groups, user)) << "the user is not one of its groups";
+    for (const Sid& g : groups) {
+        EXPECT_EQ(std::count(groups.begin(), groups.end(), g), 1) << "no duplicates";
+    }
+}
+
 TEST_F(SecurityToken, ProcessWithoutAccountRunsAsLocalSystem) {
+    OVTEST_EMBEDDED_ONLY("processes run as local system unless the machine says otherwise");
     EXPECT_EQ(CurrentProcessAccount(), u"NT AUTHORITY\\SYSTEM");
     UniqueToken token;
     SetLastError(kPoison);
@@ -56,6 +91,7 @@ TEST_F(SecurityToken, ProcessWithoutAccountRunsAsLocalSystem) {
 }
 
 TEST_F(SecurityToken, UserTokenCarriesMembershipsAndStandardGroups) {
+    OVTEST_EMBEDDED_ONLY("tokens for configured accounts come from the account table");
     ASSERT_TRUE(AddAccount(u"CORP\\Outer", SidTypeGroup, {}, nullptr));
     const std::u16string outer[] = {u"CORP\\Outer"};
     ASSERT_TRUE(AddAccount(u"CORP\\Inner", SidTypeGroup, outer, nullptr));
@@ -88,6 +124,7 @@ TEST_F(SecurityToken, UserTokenCarriesMembershipsAndStandardGroups) {
 }
 
 TEST_F(SecurityToken, UnknownUserBecomesKnownAtFirstLogon) {
+    OVTEST_EMBEDDED_ONLY("tokens for configured accounts come from the account table");
     UniqueToken token;
     ASSERT_TRUE(CreateTokenForAccount(u"CORP\\newcomer", 3, &token));
     Account added;
@@ -111,11 +148,14 @@ TEST_F(SecurityToken, UnknownUserBecomesKnownAtFirstLogon) {
 TEST_F(SecurityToken, TokenUserTwoCallProtocol) {
     UniqueToken token;
     ASSERT_TRUE(OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token));
+    const Sid expected = ProcessUser();
+    const DWORD sidSize = GetLengthSid(expected);
+    ASSERT_GE(sidSize, 12u);
     DWORD needed = 0;
     SetLastError(kPoison);
     EXPECT_FALSE(GetTokenInformation(token.get(), TokenUser, nullptr, 0, &needed));
     EXPECT_EQ(GetLastError(), ERROR_INSUFFICIENT_BUFFER);
-    ASSERT_EQ(needed, sizeof(TOKEN_USER) + 12);
+    ASSERT_EQ(needed, sizeof(TOKEN_USER) + sidSize);
 
     alignas(TOKEN_USER) std::byte buffer[128];
     DWORD returned = 0;
@@ -132,15 +172,15 @@ TEST_F(SecurityToken, TokenUserTwoCallProtocol) {
         TOKEN_USER user;
         std::memcpy(&user, buffer, sizeof user);
         ASSERT_GE(static_cast<const std::byte*>(user.User.Sid), buffer);
-        ASSERT_LE(static_cast<const std::byte*>(user.User.Sid) + 12, buffer + size)
+        ASSERT_LE(static_cast<const std::byte*>(user.User.Sid) + sidSize, buffer + size)
             << "the SID lies inside the caller's buffer";
-        EXPECT_EQ(Sid::FromBytes(user.User.Sid, 12), SidOf(u"S-1-5-18"));
+        EXPECT_EQ(Sid::FromBytes(user.User.Sid, sidSize), expected);
     }
 }
 
 TEST_F(SecurityToken, TokenGroupsTwoCallProtocol) {
     UniqueToken token;
-    ASSERT_TRUE(CreateTokenForAccount(u"CORP\\gina", 1, &token));
+    ASSERT_TRUE(OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token));
     DWORD needed = 0;
     SetLastError(kPoison);
     EXPECT_FALSE(GetTokenInformation(token.get(), TokenGroups, nullptr, 0, &needed));
@@ -158,13 +198,58 @@ TEST_F(SecurityToken, TokenGroupsTwoCallProtocol) {
         static_cast<const std::byte*>(buffer) + offsetof(TOKEN_GROUPS, Groups));
     for (DWORD i = 0; i < groups->GroupCount; ++i) {
         EXPECT_EQ(Sid::FromBytes(entries[i].Sid, SECURITY_MAX_SID_SIZE), expected[i]) << i;
-        EXPECT_NE(entries[i].Attributes & SE_GROUP_ENABLED, 0u);
+        EXPECT_NE(entries[i].Attributes & (SE_GROUP_ENABLED | kUseForDenyOnly), 0u)
+            << "enabled, or held only to deny";
     }
     ASSERT_TRUE(GetTokenInformation(token.get(), TokenGroups, buffer, needed + 1, &returned));
     EXPECT_EQ(returned, needed);
 }
 
-TEST_F(SecurityToken, SessionIdOwnerAndPrimaryGroup) {
+TEST_F(SecurityToken, ProcessTokenSessionOwnerAndPrimaryGroup) {
+    UniqueToken token;
+    ASSERT_TRUE(OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token));
+    DWORD session = 0xFFFF;
+    DWORD returned = 0;
+    SetLastError(kPoison);
+    ASSERT_TRUE(GetTokenInformation(token.get(), TokenSessionId, &session, 4, &returned));
+    EXPECT_EQ(GetLastError(), kPoison);
+    EXPECT_EQ(returned, 4u);
+    DWORD typed = 0xFFFF;
+    ASSERT_TRUE(GetTokenSessionId(token.get(), &typed));
+    EXPECT_EQ(typed, session);
+
+    alignas(TOKEN_OWNER) std::byte buffer[128];
+    ASSERT_TRUE(GetTokenInformation(token.get(), TokenOwner, buffer, sizeof buffer, &returned));
+    TOKEN_OWNER owner;
+    std::memcpy(&owner, buffer, sizeof owner);
+    EXPECT_TRUE(IsValidSid(Sid::FromBytes(owner.Owner, SECURITY_MAX_SID_SIZE)));
+    ASSERT_TRUE(
+        GetTokenInformation(token.get(), TokenPrimaryGroup, buffer, sizeof buffer, &returned));
+    TOKEN_PRIMARY_GROUP primary;
+    std::memcpy(&primary, buffer, sizeof primary);
+    EXPECT_TRUE(IsValidSid(Sid::FromBytes(primary.PrimaryGroup, SECURITY_MAX_SID_SIZE)));
+}
+
+TEST_F(SecurityToken, FixedSizeInformationAndUnknownClasses) {
+    OVTEST_SKIP_UNDER_WINE(
+        "a short session-id buffer gives ERROR_INSUFFICIENT_BUFFER and an unknown class "
+        "ERROR_INVALID_FUNCTION");
+    UniqueToken token;
+    ASSERT_TRUE(OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token));
+    DWORD session = 0;
+    DWORD returned = 0;
+    SetLastError(kPoison);
+    EXPECT_FALSE(GetTokenInformation(token.get(), TokenSessionId, &session, 3, &returned));
+    EXPECT_EQ(GetLastError(), 24u) << "ERROR_BAD_LENGTH for fixed-size information";
+    alignas(TOKEN_OWNER) std::byte buffer[128];
+    SetLastError(kPoison);
+    EXPECT_FALSE(GetTokenInformation(token.get(), static_cast<TOKEN_INFORMATION_CLASS>(99), buffer,
+                                     sizeof buffer, &returned));
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+}
+
+TEST_F(SecurityToken, LogonTokenSessionOwnerAndPrimaryGroup) {
+    OVTEST_EMBEDDED_ONLY("tokens for configured accounts come from the account table");
     UniqueToken token;
     ASSERT_TRUE(CreateTokenForAccount(u"CORP\\hank", 7, &token));
     DWORD session = 0;
@@ -209,16 +294,12 @@ TEST_F(SecurityToken, HandleRightsAndBadHandles) {
     SetLastError(kPoison);
     EXPECT_FALSE(GetTokenInformation(token.get(), TokenUser, nullptr, 0, &returned));
     EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
-    const DWORD one = 1;
-    SetLastError(kPoison);
-    EXPECT_FALSE(SetTokenInformation(token.get(), TokenSessionId, &one, 4));
-    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
 
     UniqueToken copy;
     ASSERT_TRUE(DuplicateToken(token.get(), TOKEN_QUERY, &copy));
     Sid user;
     ASSERT_TRUE(GetTokenUserSid(copy.get(), &user));
-    EXPECT_EQ(user, SidOf(u"S-1-5-18"));
+    EXPECT_EQ(user, ProcessUser());
     SetLastError(kPoison);
     EXPECT_FALSE(DuplicateToken(copy.get(), TOKEN_QUERY, &token)) << "copy lacks TOKEN_DUPLICATE";
     EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
@@ -237,6 +318,16 @@ TEST_F(SecurityToken, HandleRightsAndBadHandles) {
     EXPECT_EQ(GetLastError(), ERROR_NO_TOKEN) << "no thread impersonates";
 }
 
+TEST_F(SecurityToken, ChangingTheSessionNeedsTheAdjustRight) {
+    OVTEST_SKIP_UNDER_WINE("SetTokenInformation does not check the handle's access");
+    UniqueToken token;
+    ASSERT_TRUE(OpenProcessToken(GetCurrentProcess(), TOKEN_DUPLICATE, &token));
+    const DWORD one = 1;
+    SetLastError(kPoison);
+    EXPECT_FALSE(SetTokenInformation(token.get(), TokenSessionId, &one, 4));
+    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+}
+
 // Reports through its exit code whether the process runs as args[0].
 OVTEST_CHILD(runs_as) {
     const std::u16string expected = ovtest::U16(args.at(0));
@@ -253,6 +344,7 @@ OVTEST_CHILD(runs_as) {
 }
 
 TEST_F(SecurityToken, ChildrenRunAsTheirSessionsUserOrTheirGivenAccount) {
+    OVTEST_EMBEDDED_ONLY("the account a process runs as comes from the session table");
     ASSERT_TRUE(AddAccount(u"CORP\\ivy", SidTypeUser, {}, nullptr));
     UniqueKey key;
     ASSERT_EQ(RegCreateKeyExW(HKEY_LOCAL_MACHINE, u"SOFTWARE\\OVSvc Embedded\\Sessions\\5", 0,

@@ -29,6 +29,9 @@ class SpoolerAccess : public spooltest::SpoolerTest {
   protected:
     void SetUp() override {
         SpoolerTest::SetUp();
+        OVTEST_EMBEDDED_ONLY(
+            "adds accounts to the embedded machine's account table and acts as them; a "
+            "Windows test program cannot become another user");
         for (const char16_t* name : {u"OVDOMAIN\\jo", u"OVDOMAIN\\ann"}) {
             Account added;
             if (!AddAccount(name, SidTypeUser, {}, &added) &&
@@ -68,11 +71,11 @@ class SpoolerAccess : public spooltest::SpoolerTest {
 };
 
 TEST_F(SpoolerAccess, PrintOnlyUserQueuesJobsAndOtherUserIsRefused) {
-    AddPrintOnlyPrinter(u"Session Printer");
+    AddPrintOnlyPrinter(Name(u"Session Printer"));
     {
         ActingAs jo(u"OVDOMAIN\\jo");
         Poison();
-        auto printer = OpenPrinterW(u"Session Printer");
+        auto printer = OpenPrinterW(Name(u"Session Printer"));
         ASSERT_TRUE(printer);
         EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
         DocInfo1 doc;
@@ -82,7 +85,7 @@ TEST_F(SpoolerAccess, PrintOnlyUserQueuesJobsAndOtherUserIsRefused) {
         EXPECT_TRUE(EndDocPrinter(printer.get()));
         // Printing is all jo may do.
         Poison();
-        EXPECT_FALSE(OpenAll(u"Session Printer"));
+        EXPECT_FALSE(OpenAll(Name(u"Session Printer")));
         EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
     }
     {
@@ -90,11 +93,11 @@ TEST_F(SpoolerAccess, PrintOnlyUserQueuesJobsAndOtherUserIsRefused) {
         for (DWORD desired : {DWORD{0}, PRINTER_ACCESS_USE, PRINTER_ALL_ACCESS}) {
             const auto defaults = Access(desired);
             Poison();
-            EXPECT_FALSE(OpenPrinterW(u"Session Printer", &defaults));
+            EXPECT_FALSE(OpenPrinterW(Name(u"Session Printer"), &defaults));
             EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
         }
     }
-    auto admin = OpenAll(u"Session Printer");
+    auto admin = OpenAll(Name(u"Session Printer"));
     auto jobs = EnumJobsW(admin.get(), 0, 10, 1);
     ASSERT_TRUE(jobs && jobs->size() == 1);
     EXPECT_EQ((*jobs)[0].userName, u"OVDOMAIN\\jo");
@@ -102,11 +105,11 @@ TEST_F(SpoolerAccess, PrintOnlyUserQueuesJobsAndOtherUserIsRefused) {
 }
 
 TEST_F(SpoolerAccess, UsersEndTheirOwnJobsOnly) {
-    AddPrinter(u"Everyone Prints");  // the default DACL lets Everyone print
+    AddPrinter(Name(u"Everyone Prints"));  // the default DACL lets Everyone print
     DWORD joJob = 0;
     {
         ActingAs jo(u"OVDOMAIN\\jo");
-        auto printer = OpenPrinterW(u"Everyone Prints");
+        auto printer = OpenPrinterW(Name(u"Everyone Prints"));
         ASSERT_TRUE(printer);
         joJob = StartDocPrinterW(printer.get(), DocInfo1{u"mine", u"", u""});
         ASSERT_NE(joJob, 0u);
@@ -114,7 +117,7 @@ TEST_F(SpoolerAccess, UsersEndTheirOwnJobsOnly) {
     }
     {
         ActingAs ann(u"OVDOMAIN\\ann");
-        auto printer = OpenPrinterW(u"Everyone Prints");
+        auto printer = OpenPrinterW(Name(u"Everyone Prints"));
         ASSERT_TRUE(printer);
         Poison();
         EXPECT_FALSE(SetJobW(printer.get(), joJob, JOB_CONTROL_DELETE));
@@ -122,7 +125,7 @@ TEST_F(SpoolerAccess, UsersEndTheirOwnJobsOnly) {
     }
     {
         ActingAs jo(u"OVDOMAIN\\jo");
-        auto printer = OpenPrinterW(u"Everyone Prints");
+        auto printer = OpenPrinterW(Name(u"Everyone Prints"));
         Poison();
         EXPECT_TRUE(SetJobW(printer.get(), joJob, JOB_CONTROL_DELETE));
         EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
@@ -132,7 +135,7 @@ TEST_F(SpoolerAccess, UsersEndTheirOwnJobsOnly) {
 TEST_F(SpoolerAccess, OrdinaryUsersCannotChangeTheSpoolersSetup) {
     ActingAs jo(u"OVDOMAIN\\jo");
     Poison();
-    EXPECT_FALSE(AddPrinterW(u"", spooltest::Record(u"Jo's Printer")));
+    EXPECT_FALSE(AddPrinterW(u"", spooltest::Record(Name(u"Jo's Printer"))));
     EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
     Poison();
     EXPECT_FALSE(AddMonitorW(u"", u"Jo's Monitor", u"jo.dll"));
@@ -156,9 +159,9 @@ TEST_F(SpoolerAccess, PrinterAddedByAnAdministratorIsOwnedByHim) {
     ASSERT_TRUE(AddAccount(u"OVDOMAIN\\boss", SidTypeUser, groups, &boss)) << GetLastError();
     {
         ActingAs acting(u"OVDOMAIN\\boss");
-        AddPrinter(u"Boss's Printer");
+        AddPrinter(Name(u"Boss's Printer"));
     }
-    auto printer = OpenAll(u"Boss's Printer");
+    auto printer = OpenAll(Name(u"Boss's Printer"));
     PrinterInfo3 info;
     ASSERT_TRUE(GetPrinterW(printer.get(), &info));
     SecurityDescriptor sd;

@@ -14,19 +14,61 @@ namespace {
 using namespace platform;
 using spooltest::Poison;
 using spooltest::Record;
+using spooltest::Upper;
 
 namespace fs = std::filesystem;
 
+// The driver directory's path as Windows spells it on a standard installation
+// (Windows paths ignore case, and Windows' own spelling varies).
+constexpr char16_t kDriverDirectory[] = u"C:\\Windows\\System32\\spool\\drivers\\x64";
+constexpr char kNoFileFlagsUnderWine[] =
+    "Wine's DeletePrinterDriverExW refuses DPD_DELETE_UNUSED_FILES (ERROR_INVALID_PARAMETER)";
+// An environment no spooler knows.
+constexpr char16_t kNoSuchEnvironment[] = u"Windows OV Test";
+
+// Windows paths compare without case; the embedded machine spells them exactly.
+void ExpectSamePath(const std::u16string& actual, const std::u16string& expected) {
+    if (ovtest::IsWin32Platform()) {
+        EXPECT_EQ(spooltest::Upper(actual), spooltest::Upper(expected));
+    } else {
+        EXPECT_EQ(actual, expected);
+    }
+}
+
 class SpoolerDrivers : public spooltest::SpoolerTest {
   protected:
+    void TearDown() override {
+        DeleteOwnPrinters();  // first: a driver in use stays
+        for (const auto& driver : drivers_) {
+            DeletePrinterDriverExW(u"", u"Windows x64", driver, 0, 0);
+        }
+        std::error_code ignored;
+        for (const auto& file : staged_) {
+            fs::remove(DirectoryHost() / file, ignored);
+            fs::remove(StoreHost() / file, ignored);
+        }
+        SpoolerTest::TearDown();
+    }
+    // Where the driver directory is for this test program.
     fs::path DirectoryHost() const {
+        if (ovtest::IsWin32Platform()) {
+            return fs::path(GetPrinterDriverDirectoryW(u"", u"Windows x64", 1).value_or(u""));
+        }
         return fs::path(root()) / "drive_c/Windows/System32/spool/drivers/x64";
     }
     fs::path StoreHost() const { return DirectoryHost() / "3"; }
+    // This test's name for a driver file.
+    std::u16string File(const std::u16string& base) const { return Tag() + u"-" + base; }
     // Puts a file into the driver directory, as an installer would.
-    void Stage(const std::string& name, const std::string& content) {
+    void Stage(const std::u16string& name, const std::string& content) {
         ASSERT_TRUE(GetPrinterDriverDirectoryW(u"", u"Windows x64", 1).has_value());
         std::ofstream(DirectoryHost() / name) << content;
+        staged_.push_back(name);
+    }
+    // Adds a driver this test removes again.
+    bool AddDriver(const DriverInfo6& info) {
+        drivers_.push_back(info.name);
+        return AddPrinterDriverW(u"", 6, info);
     }
     static DriverInfo6 Driver(const std::u16string& name, const std::u16string& driverFile,
                               const std::u16string& dataFile) {
@@ -52,6 +94,10 @@ class SpoolerDrivers : public spooltest::SpoolerTest {
         }
         return std::nullopt;
     }
+
+  private:
+    std::vector<std::u16string> drivers_;
+    std::vector<std::u16string> staged_;
 };
 
 TEST_F(SpoolerDrivers, DriverDirectoryIsAWindowsPathInTheMachine) {
@@ -59,13 +105,19 @@ TEST_F(SpoolerDrivers, DriverDirectoryIsAWindowsPathInTheMachine) {
     auto dir = GetPrinterDriverDirectoryW(u"", u"Windows x64", 1);
     ASSERT_TRUE(dir.has_value());
     EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
-    EXPECT_EQ(*dir, u"C:\\Windows\\System32\\spool\\drivers\\x64");
+    ExpectSamePath(*dir, kDriverDirectory);
     EXPECT_TRUE(fs::is_directory(DirectoryHost()));
     EXPECT_EQ(GetPrinterDriverDirectoryW(u"", u"", 1), dir);
 
-    Poison();
-    EXPECT_FALSE(GetPrinterDriverDirectoryW(u"", u"Windows NT x86", 1).has_value());
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_ENVIRONMENT);
+    std::vector<std::u16string> unknown = {kNoSuchEnvironment};
+    if (!ovtest::IsWin32Platform()) {
+        unknown.push_back(u"Windows NT x86");  // the embedded machine has x64 only
+    }
+    for (const auto& environment : unknown) {
+        Poison();
+        EXPECT_FALSE(GetPrinterDriverDirectoryW(u"", environment, 1).has_value());
+        EXPECT_EQ(GetLastError(), ERROR_INVALID_ENVIRONMENT);
+    }
     Poison();
     EXPECT_FALSE(GetPrinterDriverDirectoryW(u"", u"Windows x64", 2).has_value());
     EXPECT_EQ(GetLastError(), ERROR_INVALID_LEVEL);
@@ -78,7 +130,7 @@ TEST_F(SpoolerDrivers, FreshMachineHasTheGenericDriverWithStorePaths) {
     EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
     EXPECT_EQ(generic->cVersion, 3u);
     EXPECT_EQ(generic->environment, u"Windows x64");
-    EXPECT_EQ(generic->driverPath, u"C:\\Windows\\System32\\spool\\drivers\\x64\\3\\GENTEXT.DLL");
+    ExpectSamePath(generic->driverPath, kDriverDirectory + std::u16string(u"\\3\\GENTEXT.DLL"));
     EXPECT_TRUE(fs::exists(StoreHost() / "GENTEXT.DLL"));
     ASSERT_EQ(generic->dependentFiles.size(), 1u);
     Poison();
@@ -87,113 +139,164 @@ TEST_F(SpoolerDrivers, FreshMachineHasTheGenericDriverWithStorePaths) {
 }
 
 TEST_F(SpoolerDrivers, AddCopiesFilesFromTheDriverDirectoryIntoTheStore) {
-    Stage("OVPRN.DLL", "driver");
-    Stage("ovrp.gpd", "data");
+    const auto driverFile = File(u"OVPRN.DLL");
+    const auto dataFile = File(u"ovrp.gpd");
+    const auto driverName = Name(u"OV Relay Printer");
+    Stage(driverFile, "driver");
+    Stage(dataFile, "data");
     Poison();
-    ASSERT_TRUE(AddPrinterDriverW(u"", 6, Driver(u"OV Relay Printer", u"OVPRN.DLL", u"ovrp.gpd")));
+    ASSERT_TRUE(AddDriver(Driver(driverName, driverFile, dataFile)));
     EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
-    EXPECT_TRUE(fs::exists(StoreHost() / "OVPRN.DLL"));
-    EXPECT_TRUE(fs::exists(StoreHost() / "ovrp.gpd"));
+    EXPECT_TRUE(fs::exists(StoreHost() / driverFile));
+    EXPECT_TRUE(fs::exists(StoreHost() / dataFile));
 
-    auto added = Find(u"OV Relay Printer");
+    auto added = Find(driverName);
     ASSERT_TRUE(added.has_value());
-    EXPECT_EQ(added->dataFile, u"C:\\Windows\\System32\\spool\\drivers\\x64\\3\\ovrp.gpd");
-    EXPECT_EQ(added->mfgName, u"Orvelle");
+    ExpectSamePath(added->dataFile, kDriverDirectory + (u"\\3\\" + dataFile));
 
-    auto info = Record(u"Relay");
-    info.driverName = u"OV Relay Printer";
+    auto info = Record(Name(u"Relay"));
+    info.driverName = driverName;
     auto printer = AddPrinterW(u"", info);
     ASSERT_TRUE(printer);
     Poison();
     auto driver = GetPrinterDriverW(printer.get(), u"", 2);
     ASSERT_TRUE(driver.has_value());
     EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
-    EXPECT_EQ(driver->name, u"OV Relay Printer");
-    EXPECT_TRUE(driver->driverPath.ends_with(u"\\OVPRN.DLL"));
+    EXPECT_EQ(driver->name, driverName);
+    EXPECT_TRUE(driver->driverPath.ends_with(u"\\" + driverFile));
     Poison();
-    EXPECT_FALSE(GetPrinterDriverW(printer.get(), u"Windows 4.0", 2).has_value());
+    EXPECT_FALSE(GetPrinterDriverW(printer.get(), kNoSuchEnvironment, 2).has_value());
     EXPECT_EQ(GetLastError(), ERROR_INVALID_ENVIRONMENT);
+    if (!ovtest::IsWin32Platform()) {
+        // The embedded machine knows no environment but x64.
+        Poison();
+        EXPECT_FALSE(GetPrinterDriverW(printer.get(), u"Windows 4.0", 2).has_value());
+        EXPECT_EQ(GetLastError(), ERROR_INVALID_ENVIRONMENT);
+    }
+}
+
+TEST_F(SpoolerDrivers, AddKeepsTheLevel6Fields) {
+    OVTEST_SKIP_UNDER_WINE("Wine's AddPrinterDriverW keeps the level-3 fields only");
+    const auto driverFile = File(u"MFG.DLL");
+    Stage(driverFile, "driver");
+    auto info = Driver(Name(u"Manufactured"), driverFile, u"");
+    info.driverVersion = 0x0006000100020003;
+    info.hardwareId = u"ovrelay_printer";
+    info.provider = u"Orvelle Ltd";
+    ASSERT_TRUE(AddDriver(info));
+    auto added = Find(info.name);
+    ASSERT_TRUE(added.has_value());
+    EXPECT_EQ(added->mfgName, u"Orvelle");
+    EXPECT_EQ(added->driverVersion, info.driverVersion);
+    EXPECT_EQ(added->hardwareId, info.hardwareId);
+    EXPECT_EQ(added->provider, info.provider);
 }
 
 TEST_F(SpoolerDrivers, AddTakesFullPathsAndCopiesAnotherDriversRecord) {
     // The way a copy of an installed driver is made: its record, with a new
     // name and a new data file staged in the driver directory.
-    Stage("copy.ppd", "*PPD-Adobe");
+    const auto ppd = File(u"copy.ppd");
+    Stage(ppd, "*PPD-Adobe");
     auto generic = Find(u"Generic / Text Only");
     ASSERT_TRUE(generic.has_value());
     DriverInfo6 copy = *generic;
-    copy.name = u"OV PS Driver 0123456789ABCDEF0123456789ABCDEF";
-    copy.dataFile = u"C:\\Windows\\System32\\spool\\drivers\\x64\\copy.ppd";
-    ASSERT_TRUE(AddPrinterDriverW(u"", 6, copy));
+    copy.name = Name(u"OV PS Driver 0123456789ABCDEF0123456789ABCDEF");
+    copy.dataFile = *GetPrinterDriverDirectoryW(u"", u"Windows x64", 1) + u"\\" + ppd;
+    ASSERT_TRUE(AddDriver(copy));
     auto added = Find(copy.name);
     ASSERT_TRUE(added.has_value());
     EXPECT_EQ(added->driverPath, generic->driverPath);
-    EXPECT_TRUE(added->dataFile.ends_with(u"\\3\\copy.ppd"));
+    EXPECT_TRUE(added->dataFile.ends_with(u"\\3\\" + ppd));
+}
+
+TEST_F(SpoolerDrivers, AddWithAWrongLevelOrEnvironmentAddsNothing) {
+    const auto only = File(u"ONLY.DLL");
+    const auto half = Name(u"Half");
+    Stage(only, "driver");
+    Poison();
+    EXPECT_FALSE(AddPrinterDriverW(u"", 1, Driver(half, only, u"")));
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_LEVEL);
+    OVTEST_SKIP_UNDER_WINE("Wine's AddPrinterDriverW does not check the environment");
+    auto wrongEnvironment = Driver(half, only, u"");
+    wrongEnvironment.environment = kNoSuchEnvironment;
+    Poison();
+    EXPECT_FALSE(AddDriver(wrongEnvironment));
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_ENVIRONMENT);
+    EXPECT_FALSE(Find(half).has_value());
 }
 
 TEST_F(SpoolerDrivers, AddWithAMissingFileAddsNothing) {
-    Stage("ONLY.DLL", "driver");
+    OVTEST_SKIP_UNDER_WINE("Wine's AddPrinterDriverW adds a driver whose files are missing");
+    const auto only = File(u"ONLY.DLL");
+    const auto half = Name(u"Half");
+    Stage(only, "driver");
     Poison();
-    EXPECT_FALSE(AddPrinterDriverW(u"", 6, Driver(u"Half", u"ONLY.DLL", u"missing.gpd")));
+    EXPECT_FALSE(AddDriver(Driver(half, only, File(u"missing.gpd"))));
     EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
-    EXPECT_FALSE(Find(u"Half").has_value());
-    EXPECT_FALSE(fs::exists(StoreHost() / "ONLY.DLL"));
-
-    Poison();
-    EXPECT_FALSE(AddPrinterDriverW(u"", 1, Driver(u"Half", u"ONLY.DLL", u"")));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_LEVEL);
-    auto wrongEnvironment = Driver(u"Half", u"ONLY.DLL", u"");
-    wrongEnvironment.environment = u"Windows IA64";
-    Poison();
-    EXPECT_FALSE(AddPrinterDriverW(u"", 6, wrongEnvironment));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_ENVIRONMENT);
+    EXPECT_FALSE(Find(half).has_value());
+    EXPECT_FALSE(fs::exists(StoreHost() / only));
 }
 
 TEST_F(SpoolerDrivers, DeleteIsRefusedWhileAPrinterUsesTheDriver) {
-    Stage("OWN.DLL", "driver");
-    ASSERT_TRUE(AddPrinterDriverW(u"", 6, Driver(u"Own", u"OWN.DLL", u"")));
-    auto info = Record(u"User Of Own");
-    info.driverName = u"own";
+    OVTEST_SKIP_UNDER_WINE(kNoFileFlagsUnderWine);
+    const auto own = Name(u"Own");
+    Stage(File(u"OWN.DLL"), "driver");
+    ASSERT_TRUE(AddDriver(Driver(own, File(u"OWN.DLL"), u"")));
+    auto info = Record(Name(u"User Of Own"));
+    info.driverName = Tag() + u" own";
     auto printer = AddPrinterW(u"", info);
     ASSERT_TRUE(printer);
     Poison();
-    EXPECT_FALSE(DeletePrinterDriverExW(u"", u"Windows x64", u"Own", DPD_DELETE_UNUSED_FILES, 0));
+    EXPECT_FALSE(DeletePrinterDriverExW(u"", u"Windows x64", own, DPD_DELETE_UNUSED_FILES, 0));
     EXPECT_EQ(GetLastError(), ERROR_PRINTER_DRIVER_IN_USE);
-    EXPECT_TRUE(Find(u"Own").has_value());
+    EXPECT_TRUE(Find(own).has_value());
 
     ASSERT_TRUE(DeletePrinter(printer.get()));
     Poison();
-    EXPECT_TRUE(DeletePrinterDriverExW(u"", u"Windows x64", u"OWN", DPD_DELETE_UNUSED_FILES, 0));
+    EXPECT_TRUE(
+        DeletePrinterDriverExW(u"", u"Windows x64", Upper(own), DPD_DELETE_UNUSED_FILES, 0));
     EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
-    EXPECT_FALSE(Find(u"Own").has_value());
+    EXPECT_FALSE(Find(own).has_value());
 }
 
 TEST_F(SpoolerDrivers, DeleteUnusedFilesKeepsFilesOtherDriversName) {
-    Stage("SOLE.DLL", "driver");
-    ASSERT_TRUE(AddPrinterDriverW(u"", 6, Driver(u"Sole", u"SOLE.DLL", u"")));
-    ASSERT_TRUE(fs::exists(StoreHost() / "SOLE.DLL"));
-    ASSERT_TRUE(DeletePrinterDriverExW(u"", u"Windows x64", u"Sole", DPD_DELETE_UNUSED_FILES, 0));
-    EXPECT_FALSE(fs::exists(StoreHost() / "SOLE.DLL"));
+    OVTEST_SKIP_UNDER_WINE(kNoFileFlagsUnderWine);
+    const auto sole = File(u"SOLE.DLL");
+    Stage(sole, "driver");
+    ASSERT_TRUE(AddDriver(Driver(Name(u"Sole"), sole, u"")));
+    ASSERT_TRUE(fs::exists(StoreHost() / sole));
+    ASSERT_TRUE(
+        DeletePrinterDriverExW(u"", u"Windows x64", Name(u"Sole"), DPD_DELETE_UNUSED_FILES, 0));
+    EXPECT_FALSE(fs::exists(StoreHost() / sole));
     // UNIDRV.DLL and UNIDRVUI.DLL belong to the generic driver as well.
     EXPECT_TRUE(fs::exists(StoreHost() / "UNIDRV.DLL"));
     EXPECT_TRUE(fs::exists(StoreHost() / "UNIDRVUI.DLL"));
 }
 
 TEST_F(SpoolerDrivers, DeleteWithoutFileFlagsLeavesTheFiles) {
-    Stage("KEEP.DLL", "driver");
-    ASSERT_TRUE(AddPrinterDriverW(u"", 6, Driver(u"Keep", u"KEEP.DLL", u"")));
-    ASSERT_TRUE(DeletePrinterDriverExW(u"", u"Windows x64", u"Keep", 0, 0));
-    EXPECT_TRUE(fs::exists(StoreHost() / "KEEP.DLL"));
+    const auto keep = File(u"KEEP.DLL");
+    Stage(keep, "driver");
+    ASSERT_TRUE(AddDriver(Driver(Name(u"Keep"), keep, u"")));
+    ASSERT_TRUE(DeletePrinterDriverExW(u"", u"Windows x64", Name(u"Keep"), 0, 0));
+    EXPECT_FALSE(Find(Name(u"Keep")).has_value());
+    EXPECT_TRUE(fs::exists(StoreHost() / keep));
 }
 
 TEST_F(SpoolerDrivers, DeleteUnknownDriverOrEnvironmentFails) {
     Poison();
-    EXPECT_FALSE(
-        DeletePrinterDriverExW(u"", u"Windows x64", u"Nobody", DPD_DELETE_UNUSED_FILES, 0));
-    EXPECT_EQ(GetLastError(), ERROR_UNKNOWN_PRINTER_DRIVER);
-    Poison();
-    EXPECT_FALSE(DeletePrinterDriverExW(u"", u"Windows x86", u"Generic / Text Only", 0, 0));
+    EXPECT_FALSE(DeletePrinterDriverExW(u"", kNoSuchEnvironment, u"Generic / Text Only", 0, 0));
     EXPECT_EQ(GetLastError(), ERROR_INVALID_ENVIRONMENT);
+    if (!ovtest::IsWin32Platform()) {
+        // The embedded machine knows no environment but x64.
+        Poison();
+        EXPECT_FALSE(DeletePrinterDriverExW(u"", u"Windows x86", u"Generic / Text Only", 0, 0));
+        EXPECT_EQ(GetLastError(), ERROR_INVALID_ENVIRONMENT);
+    }
+    OVTEST_SKIP_UNDER_WINE(kNoFileFlagsUnderWine);
+    Poison();
+    EXPECT_FALSE(
+        DeletePrinterDriverExW(u"", u"Windows x64", Name(u"Nobody"), DPD_DELETE_UNUSED_FILES, 0));
+    EXPECT_EQ(GetLastError(), ERROR_UNKNOWN_PRINTER_DRIVER);
     Poison();
     EXPECT_FALSE(DeletePrinterDriverExW(u"", u"Windows x64", u"Generic / Text Only",
                                         DPD_DELETE_SPECIFIC_VERSION, 2));

@@ -32,8 +32,10 @@ class SpoolerJobs : public spooltest::SpoolerTest {
 };
 
 TEST_F(SpoolerJobs, QueuedJobsCountInTheRecordUntilDeleted) {
-    AddPrinter(u"Office");
-    auto printer = OpenPrinterW(u"Office");
+    OVTEST_SKIP_UNDER_WINE("Wine's spooler lists no jobs and cannot end a document it started");
+    const auto name = Name(u"Office");
+    AddPrinter(name);
+    auto printer = OpenPrinterW(name);
     ASSERT_TRUE(printer);
     DocInfo1 doc;
     doc.documentName = u"report.txt";
@@ -49,14 +51,14 @@ TEST_F(SpoolerJobs, QueuedJobsCountInTheRecordUntilDeleted) {
     const DWORD second = Submit(printer.get(), u"second");
     ASSERT_NE(second, 0u);
     EXPECT_NE(first, second);
-    EXPECT_EQ(Jobs(u"Office"), 2u);
+    EXPECT_EQ(Jobs(name), 2u);
 
     auto jobs = EnumJobsW(printer.get(), 0, 10, 1);
     ASSERT_TRUE(jobs.has_value());
     ASSERT_EQ(jobs->size(), 2u);
     EXPECT_EQ((*jobs)[0].jobId, first);
     EXPECT_EQ((*jobs)[0].document, u"report.txt");
-    EXPECT_EQ((*jobs)[0].printerName, u"Office");
+    EXPECT_EQ((*jobs)[0].printerName, name);
     EXPECT_EQ((*jobs)[0].status & JOB_STATUS_SPOOLING, 0u);
     EXPECT_FALSE((*jobs)[0].userName.empty());
     EXPECT_EQ((*jobs)[1].jobId, second);
@@ -68,7 +70,7 @@ TEST_F(SpoolerJobs, QueuedJobsCountInTheRecordUntilDeleted) {
     Poison();
     EXPECT_TRUE(SetJobW(printer.get(), first, JOB_CONTROL_DELETE));
     EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
-    EXPECT_EQ(Jobs(u"Office"), 1u);
+    EXPECT_EQ(Jobs(name), 1u);
     Poison();
     EXPECT_FALSE(SetJobW(printer.get(), first, JOB_CONTROL_DELETE));
     EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
@@ -78,8 +80,9 @@ TEST_F(SpoolerJobs, QueuedJobsCountInTheRecordUntilDeleted) {
 }
 
 TEST_F(SpoolerJobs, PrinterWithJobsIsDeletedWhenItsLastJobEnds) {
-    AddPrinter(u"Busy");
-    auto printer = OpenAll(u"Busy");
+    OVTEST_SKIP_UNDER_WINE("Wine's spooler lists no jobs and cannot end a document it started");
+    AddPrinter(Name(u"Busy"));
+    auto printer = OpenAll(Name(u"Busy"));
     const DWORD job = Submit(printer.get(), u"long document");
     ASSERT_NE(job, 0u);
     Poison();
@@ -100,19 +103,21 @@ TEST_F(SpoolerJobs, PrinterWithJobsIsDeletedWhenItsLastJobEnds) {
 }
 
 TEST_F(SpoolerJobs, PurgeRemovesEveryJob) {
-    AddPrinter(u"Office");
-    auto printer = OpenAll(u"Office");
+    OVTEST_SKIP_UNDER_WINE("Wine's spooler lists no jobs and cannot end a document it started");
+    AddPrinter(Name(u"Office"));
+    auto printer = OpenAll(Name(u"Office"));
     for (int i = 0; i < 3; ++i) {
         ASSERT_NE(Submit(printer.get(), u"doc"), 0u);
     }
     ASSERT_TRUE(SetPrinterW(printer.get(), PRINTER_CONTROL_PURGE));
-    EXPECT_EQ(Jobs(u"Office"), 0u);
+    EXPECT_EQ(Jobs(Name(u"Office")), 0u);
     EXPECT_NE(Submit(printer.get(), u"after purge"), 0u);
 }
 
 TEST_F(SpoolerJobs, PauseAndResumeChangeOnlyTheStatus) {
-    AddPrinter(u"Office");
-    auto printer = OpenAll(u"Office");
+    OVTEST_SKIP_UNDER_WINE("Wine's spooler lists no jobs and cannot end a document it started");
+    AddPrinter(Name(u"Office"));
+    auto printer = OpenAll(Name(u"Office"));
     const DWORD job = Submit(printer.get(), u"doc");
     ASSERT_TRUE(SetJobW(printer.get(), job, JOB_CONTROL_PAUSE));
     auto jobs = EnumJobsW(printer.get(), 0, 1, 1);
@@ -131,11 +136,12 @@ TEST_F(SpoolerJobs, PauseAndResumeChangeOnlyTheStatus) {
 }
 
 OVTEST_CHILD(spool_submit_jobs) {
-    auto printer = OpenPrinterW(u"Shared Queue");
+    // args: printer count
+    auto printer = OpenPrinterW(ovtest::U16(args.at(0)));
     if (!printer) {
         return 10;
     }
-    for (int i = 0; i < std::stoi(args.at(0)); ++i) {
+    for (int i = 0; i < std::stoi(args.at(1)); ++i) {
         DocInfo1 doc;
         doc.documentName = u"child";
         if (StartDocPrinterW(printer.get(), doc) == 0 || !EndDocPrinter(printer.get())) {
@@ -146,12 +152,14 @@ OVTEST_CHILD(spool_submit_jobs) {
 }
 
 TEST_F(SpoolerJobs, JobIdsStayUniqueWhenProcessesSubmitAtOnce) {
-    AddPrinter(u"Shared Queue");
-    auto a = ovtest::Process::StartChild("spool_submit_jobs", {"20"});
-    auto b = ovtest::Process::StartChild("spool_submit_jobs", {"20"});
+    OVTEST_SKIP_UNDER_WINE("Wine's spooler lists no jobs and cannot end a document it started");
+    const auto name = Name(u"Shared Queue");
+    AddPrinter(name);
+    auto a = ovtest::Process::StartChild("spool_submit_jobs", {ovtest::U8(name), "20"});
+    auto b = ovtest::Process::StartChild("spool_submit_jobs", {ovtest::U8(name), "20"});
     ASSERT_EQ(a.Wait(), 0) << a.output();
     ASSERT_EQ(b.Wait(), 0) << b.output();
-    auto printer = OpenAll(u"Shared Queue");
+    auto printer = OpenAll(name);
     auto jobs = EnumJobsW(printer.get(), 0, 1000, 1);
     ASSERT_TRUE(jobs.has_value());
     ASSERT_EQ(jobs->size(), 40u);

@@ -1,21 +1,21 @@
 // ACEs and ACLs in their binary layout, with Windows' size rules.
 #include <algorithm>
 
+#include "../common/security_bytes.h"
 #include "platform/security.h"
-#include "security_bytes.h"
 
 namespace platform {
 
 namespace {
 
-using embedded::ReadU16;
-using embedded::ReadU32;
-using embedded::WriteU16;
-using embedded::WriteU32;
+using layout::CountAces;
+using layout::EndOfAces;
+using layout::ReadU16;
+using layout::ValidAclBytes;
 
 constexpr DWORD kMaxAclSize = 0xFFFC;
-constexpr DWORD kMinAclRevision = 2;
-constexpr DWORD kMaxAclRevision = 4;
+constexpr DWORD kMinAclRevision = layout::kMinAclRevision;
+constexpr DWORD kMaxAclRevision = layout::kMaxAclRevision;
 
 DWORD AclSizeField(const Acl& acl) {
     return ReadU16(acl.bytes(), 2);
@@ -24,62 +24,12 @@ DWORD AceCountField(const Acl& acl) {
     return ReadU16(acl.bytes(), 4);
 }
 
-// Offset just past the ACEs (the first free byte), or 0 when the ACEs do not
-// fit the ACL's declared size.
-std::size_t EndOfAces(std::span<const std::byte> acl) {
-    const std::size_t size = ReadU16(acl, 2);
-    const std::size_t count = ReadU16(acl, 4);
-    std::size_t at = kAclHeaderSize;
-    for (std::size_t i = 0; i < count; ++i) {
-        if (at + 4 > size) {
-            return 0;
-        }
-        const std::size_t aceSize = ReadU16(acl, at + 2);
-        if (aceSize < 4 || aceSize % 4 != 0 || at + aceSize > size) {
-            return 0;
-        }
-        at += aceSize;
-    }
-    return at;
-}
-
 std::size_t AceOffset(const Acl& acl, DWORD index) {
     std::size_t at = kAclHeaderSize;
     for (DWORD i = 0; i < index; ++i) {
         at += ReadU16(acl.bytes(), at + 2);
     }
     return at;
-}
-
-bool ValidAclBytes(std::span<const std::byte> bytes) {
-    if (bytes.size() < kAclHeaderSize) {
-        return false;
-    }
-    const DWORD revision = std::to_integer<DWORD>(bytes[0]);
-    const std::size_t size = ReadU16(bytes, 2);
-    if (revision < kMinAclRevision || revision > kMaxAclRevision || size < kAclHeaderSize ||
-        size > bytes.size()) {
-        return false;
-    }
-    return EndOfAces(bytes.first(size)) != 0;
-}
-
-// Checks a run of ACEs given to AddAce; returns how many there are, or -1.
-long CountAces(std::span<const std::byte> aces) {
-    long count = 0;
-    std::size_t at = 0;
-    while (at < aces.size()) {
-        if (at + 4 > aces.size()) {
-            return -1;
-        }
-        const std::size_t size = ReadU16(aces, at + 2);
-        if (size < 4 || size % 4 != 0 || at + size > aces.size()) {
-            return -1;
-        }
-        at += size;
-        ++count;
-    }
-    return count;
 }
 
 bool AddTypedAce(Acl* acl, DWORD revision, BYTE type, DWORD flags, ACCESS_MASK mask,
@@ -105,31 +55,6 @@ bool AddTypedAce(Acl* acl, DWORD revision, BYTE type, DWORD flags, ACCESS_MASK m
 
 }  // namespace
 
-Ace MakeAce(BYTE type, BYTE flags, ACCESS_MASK mask, const Sid& sid) {
-    Ace ace;
-    ace.Header.AceType = type;
-    ace.Header.AceFlags = flags;
-    ace.Header.AceSize = static_cast<std::uint16_t>(kAceFixedSize + sid.size());
-    ace.Mask = mask;
-    ace.sid = sid;
-    ace.raw.resize(ace.Header.AceSize);
-    ace.raw[0] = std::byte{type};
-    ace.raw[1] = std::byte{flags};
-    WriteU16(ace.raw, 2, ace.Header.AceSize);
-    WriteU32(ace.raw, 4, mask);
-    std::copy(sid.bytes().begin(), sid.bytes().end(), ace.raw.begin() + kAceFixedSize);
-    return ace;
-}
-
-Acl Acl::FromBytes(std::span<const std::byte> bytes) {
-    Acl acl;
-    if (ValidAclBytes(bytes)) {
-        const std::size_t size = ReadU16(bytes, 2);
-        acl.bytes_.assign(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(size));
-    }
-    return acl;
-}
-
 bool InitializeAcl(Acl* acl, DWORD size, DWORD revision) {
     if (acl == nullptr) {
         SetLastError(ERROR_INVALID_PARAMETER);
@@ -152,7 +77,7 @@ bool InitializeAcl(Acl* acl, DWORD size, DWORD revision) {
     std::vector<std::byte>& bytes = acl->mutable_bytes();
     bytes.assign(rounded, std::byte{0});
     bytes[0] = static_cast<std::byte>(revision);
-    WriteU16(bytes, 2, static_cast<std::uint16_t>(rounded));
+    layout::WriteU16(bytes, 2, static_cast<std::uint16_t>(rounded));
     return true;
 }
 
@@ -209,7 +134,7 @@ bool GetAce(const Acl& acl, DWORD index, Ace* ace) {
     out.raw.assign(bytes.begin() + static_cast<std::ptrdiff_t>(at),
                    bytes.begin() + static_cast<std::ptrdiff_t>(at + out.Header.AceSize));
     if (out.Header.AceType <= SYSTEM_AUDIT_ACE_TYPE && out.Header.AceSize >= kAceFixedSize) {
-        out.Mask = ReadU32(bytes, at + 4);
+        out.Mask = layout::ReadU32(bytes, at + 4);
         out.sid = Sid::FromBytes(std::span<const std::byte>(out.raw).subspan(kAceFixedSize));
     }
     *ace = std::move(out);
@@ -244,7 +169,7 @@ bool AddAce(Acl* acl, DWORD revision, DWORD startingIndex, std::span<const std::
                        bytes.begin() + static_cast<std::ptrdiff_t>(end),
                        bytes.begin() + static_cast<std::ptrdiff_t>(end + aces.size()));
     std::copy(aces.begin(), aces.end(), bytes.begin() + static_cast<std::ptrdiff_t>(at));
-    WriteU16(bytes, 4, static_cast<std::uint16_t>(count + static_cast<DWORD>(added)));
+    layout::WriteU16(bytes, 4, static_cast<std::uint16_t>(count + static_cast<DWORD>(added)));
     if (revision > std::to_integer<DWORD>(bytes[0])) {
         bytes[0] = static_cast<std::byte>(revision);
     }
@@ -274,7 +199,7 @@ bool DeleteAce(Acl* acl, DWORD index) {
               bytes.begin() + static_cast<std::ptrdiff_t>(at));
     std::fill(bytes.begin() + static_cast<std::ptrdiff_t>(end - size),
               bytes.begin() + static_cast<std::ptrdiff_t>(end), std::byte{0});
-    WriteU16(bytes, 4, static_cast<std::uint16_t>(count - 1));
+    layout::WriteU16(bytes, 4, static_cast<std::uint16_t>(count - 1));
     return true;
 }
 

@@ -1,31 +1,17 @@
 // SIDs: binary layout, text form, well-known identifiers.
 #include <algorithm>
-#include <cstdio>
 #include <cstring>
 
+#include "../common/security_bytes.h"
 #include "platform/security.h"
-#include "security_bytes.h"
 
 namespace platform {
 
 namespace {
 
-using embedded::AppendU32;
-using embedded::ReadU32;
-
-// Size a SID's header says it has, or 0 when the header is not a SID's.
-std::size_t DeclaredSidSize(std::span<const std::byte> bytes) {
-    if (bytes.size() < 8) {
-        return 0;
-    }
-    const auto revision = std::to_integer<unsigned>(bytes[0]);
-    const auto count = std::to_integer<unsigned>(bytes[1]);
-    if (revision != SID_REVISION || count > SID_MAX_SUB_AUTHORITIES) {
-        return 0;
-    }
-    const std::size_t size = 8 + 4 * std::size_t{count};
-    return bytes.size() >= size ? size : 0;
-}
+using layout::AppendU32;
+using layout::DeclaredSidSize;
+using layout::ReadU32;
 
 std::vector<std::byte> BuildSid(const SID_IDENTIFIER_AUTHORITY& authority,
                                 std::span<const DWORD> subs) {
@@ -40,14 +26,6 @@ std::vector<std::byte> BuildSid(const SID_IDENTIFIER_AUTHORITY& authority,
         AppendU32(&out, s);
     }
     return out;
-}
-
-std::uint64_t AuthorityValue(const Sid& sid) {
-    std::uint64_t value = 0;
-    for (std::size_t i = 2; i < 8; ++i) {
-        value = (value << 8) | std::to_integer<std::uint64_t>(sid.data()[i]);
-    }
-    return value;
 }
 
 struct WellKnown {
@@ -136,54 +114,17 @@ bool ParseNumber(std::u16string_view text, std::uint64_t max, std::uint64_t* val
     return true;
 }
 
-std::u16string Ascii(const std::string& text) {
-    return {text.begin(), text.end()};
-}
-
 }  // namespace
-
-Sid Sid::FromBytes(std::span<const std::byte> bytes) {
-    Sid sid;
-    const std::size_t size = DeclaredSidSize(bytes);
-    if (size != 0) {
-        sid.bytes_.assign(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(size));
-    }
-    return sid;
-}
-
-Sid Sid::FromBytes(const void* bytes, std::size_t size) {
-    if (bytes == nullptr) {
-        return {};
-    }
-    return FromBytes(std::span<const std::byte>(static_cast<const std::byte*>(bytes), size));
-}
-
-std::u16string Sid::ToString() const {
-    if (bytes_.empty()) {
-        return {};
-    }
-    std::string text = "S-1-";
-    const std::uint64_t authority = AuthorityValue(*this);
-    if (authority >> 32 != 0) {
-        char buf[24];
-        std::snprintf(buf, sizeof buf, "0x%012llX", static_cast<unsigned long long>(authority));
-        text += buf;
-    } else {
-        text += std::to_string(authority);
-    }
-    const auto count = std::to_integer<std::size_t>(bytes_[1]);
-    for (std::size_t i = 0; i < count; ++i) {
-        text += '-';
-        text += std::to_string(ReadU32(bytes_, 8 + 4 * i));
-    }
-    return Ascii(text);
-}
 
 bool AllocateAndInitializeSid(const SID_IDENTIFIER_AUTHORITY& authority, BYTE subAuthorityCount,
                               DWORD sub0, DWORD sub1, DWORD sub2, DWORD sub3, DWORD sub4,
                               DWORD sub5, DWORD sub6, DWORD sub7, Sid* sid) {
-    if (sid == nullptr || subAuthorityCount > 8) {
+    if (sid == nullptr) {
         SetLastError(ERROR_INVALID_PARAMETER);
+        return false;
+    }
+    if (subAuthorityCount > 8) {
+        SetLastError(ERROR_INVALID_SID);  // as Windows: at most eight fit its arguments
         return false;
     }
     const DWORD all[8] = {sub0, sub1, sub2, sub3, sub4, sub5, sub6, sub7};
@@ -219,6 +160,9 @@ DWORD GetSidSubAuthorityCount(const Sid& sid) noexcept {
         SetLastError(ERROR_INVALID_SID);
         return 0;
     }
+    // Windows reports success through the last error: the result alone
+    // cannot tell.
+    SetLastError(ERROR_SUCCESS);
     return std::to_integer<DWORD>(sid.data()[1]);
 }
 
@@ -227,6 +171,7 @@ DWORD GetSidSubAuthority(const Sid& sid, DWORD index) noexcept {
         SetLastError(ERROR_INVALID_PARAMETER);
         return 0;
     }
+    SetLastError(ERROR_SUCCESS);
     return ReadU32(sid.bytes(), 8 + 4 * std::size_t{index});
 }
 

@@ -15,6 +15,8 @@
 // belong to the machine's own domain, named after the computer
 // (GetComputerNameW: the machine.conf key "computer_name", default
 // "OVSERVER"); configured domain accounts default to the domain "OVDOMAIN".
+// On Windows, look-ups and tokens are Windows' own, and the calls that
+// administer the embedded account table answer ERROR_NOT_SUPPORTED.
 #pragma once
 
 #include <array>
@@ -147,6 +149,8 @@ bool IsValidSid(const Sid& sid) noexcept;
 // Both must be valid; false with ERROR_SUCCESS when they differ.
 bool EqualSid(const Sid& a, const Sid& b) noexcept;
 DWORD GetLengthSid(const Sid& sid) noexcept;
+// These two report success as ERROR_SUCCESS in the last error, as Windows'
+// own do (their results cannot tell).
 DWORD GetSidSubAuthorityCount(const Sid& sid) noexcept;
 // The sub-authority at `index`; 0 with ERROR_INVALID_PARAMETER past the end.
 DWORD GetSidSubAuthority(const Sid& sid, DWORD index) noexcept;
@@ -520,6 +524,7 @@ bool GetTokenInformation(HANDLE token, TOKEN_INFORMATION_CLASS infoClass, void* 
 // TokenSessionId only (a DWORD).
 bool SetTokenInformation(HANDLE token, TOKEN_INFORMATION_CLASS infoClass, const void* info,
                          DWORD infoLength);
+// An impersonation token of the same identity, with `desiredAccess`.
 bool DuplicateToken(HANDLE token, DWORD desiredAccess, UniqueToken* duplicate);
 
 // A token for an account, as a logon would produce (the account's groups
@@ -550,8 +555,8 @@ struct PRIVILEGE_SET {
     DWORD Control = 0;
 };
 
-// Windows' discretionary check of `token` (an impersonation or primary token
-// here) against `sd` for `desiredAccess` (generic bits must already be mapped,
+// Windows' discretionary check of `token` (on Windows an impersonation token,
+// such as DuplicateToken makes; the embedded machine takes primary ones too) against `sd` for `desiredAccess` (generic bits must already be mapped,
 // else ERROR_GENERIC_NOT_MAPPED): no DACL or a NULL DACL grants everything;
 // otherwise ACEs are taken in order, inherit-only ACEs skipped, a denied
 // right wins over a later grant; the owner is granted READ_CONTROL and

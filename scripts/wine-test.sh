@@ -1,0 +1,57 @@
+#!/usr/bin/env bash
+# Runs the Windows test programs of a mingw build under Wine, in one fresh
+# Wine prefix that is removed afterwards, and lists every skipped test with
+# its reason: scripts/wine-test.sh [BIN_DIR] [GTEST ARGS...]
+set -uo pipefail
+bin=${1:-build/mingw/bin}
+shift || true
+bin=$(cd "$bin" && pwd)
+
+export WINEDEBUG=-all
+export WINEDLLOVERRIDES="mscoree,mshtml="
+WINEPREFIX=$(mktemp -d /tmp/ovsvc-wine-XXXXXX)
+export WINEPREFIX
+logs=$(mktemp -d /tmp/ovsvc-wine-logs-XXXXXX)
+cleanup() {
+  wineserver -k >/dev/null 2>&1
+  wineserver -w >/dev/null 2>&1
+  rm -rf "$WINEPREFIX"
+}
+trap cleanup EXIT
+
+wineboot -i >/dev/null 2>&1
+wineserver -p >/dev/null 2>&1
+wine --version
+
+# The platform contract first, then the request channel across processes.
+programs=()
+for p in "$bin"/platform_*_tests.exe "$bin"/system_tests.exe; do
+  [ -e "$p" ] && programs+=("$p")
+done
+if [ ${#programs[@]} -eq 0 ]; then
+  echo "no Windows test programs in $bin" >&2
+  exit 1
+fi
+
+failed=0
+for p in "${programs[@]}"; do
+  name=$(basename "$p" .exe)
+  echo "=== $name"
+  if ! timeout 900 wine "$p" --gtest_color=no "$@" >"$logs/$name.log" 2>&1; then
+    failed=1
+    cat "$logs/$name.log"
+  fi
+  grep -E '^\[ +(PASSED|FAILED|SKIPPED) +\] [0-9]+ test' "$logs/$name.log" || true
+done
+
+echo "=== skipped tests and why"
+for p in "${programs[@]}"; do
+  name=$(basename "$p" .exe)
+  # gtest prints the reason two lines above the test's SKIPPED line.
+  awk -v prog="$name" '
+    /Wine lacks this: |embedded platform feature: / { reason = $0; sub(/^.*(Wine lacks this: )/, "Wine lacks: ", reason); sub(/^.*(embedded platform feature: )/, "embedded only: ", reason) }
+    /^\[  SKIPPED \] .* \([0-9]+ ms\)$/ { print "  " prog ": " $3 " -- " reason; reason = "" }
+  ' "$logs/$name.log"
+done
+rm -rf "$logs"
+exit $failed
