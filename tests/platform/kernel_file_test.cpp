@@ -17,10 +17,25 @@ constexpr DWORD kPoison = 0xDEADBEEF;
 constexpr DWORD kErrorNegativeSeek = 131;
 constexpr DWORD kErrorDirectory = 267;
 
+// New files carry the archive attribute on Windows.
+constexpr DWORD kFileAttributeArchive = 0x20;
+
 class KernelFile : public ovtest::MachineTest {
   protected:
+    // A path in a directory of this test's own: the machine's drive C: on the
+    // embedded platform, the machine root on Windows.
+    std::u16string P(std::u16string_view relative) const {
+        if (ovtest::IsWin32Platform()) {
+            return ovtest::U16(root()) + u"\\" + std::u16string(relative);
+        }
+        return u"C:\\" + std::u16string(relative);
+    }
+    // The attributes GetFileAttributesW reports for a newly written file.
+    static DWORD NewFileAttributes() {
+        return ovtest::IsWin32Platform() ? kFileAttributeArchive : FILE_ATTRIBUTE_NORMAL;
+    }
     static std::string Slurp(const std::string& host) {
-        std::ifstream in(host, std::ios::binary);
+        std::ifstream in(std::filesystem::path(ovtest::U16(host)), std::ios::binary);
         return std::string(std::istreambuf_iterator<char>(in), {});
     }
     static bool Write(HANDLE h, const std::string& text) {
@@ -31,6 +46,7 @@ class KernelFile : public ovtest::MachineTest {
 };
 
 TEST_F(KernelFile, DrivePathsLiveUnderTheMachineRoot) {
+    OVTEST_EMBEDDED_ONLY("drive paths stand for directories of the machine root");
     EXPECT_EQ(HostPath(u"C:\\dir\\x.txt"), root() + "/drive_c/dir/x.txt");
     EXPECT_EQ(HostPath(u"d:\\a"), root() + "/drive_d/a");
     EXPECT_EQ(HostPath(u"\\\\?\\C:\\a\\b"), root() + "/drive_c/a/b");
@@ -39,17 +55,27 @@ TEST_F(KernelFile, DrivePathsLiveUnderTheMachineRoot) {
     EXPECT_EQ(HostPath(u"/tmp/plain"), "/tmp/plain");
 }
 
-TEST_F(KernelFile, ExistingComponentsAreFoundIgnoringCase) {
+TEST_F(KernelFile, HostPathsKeepTheCaseOfExistingComponents) {
+    OVTEST_EMBEDDED_ONLY("drive paths stand for directories of the machine root");
     ASSERT_TRUE(CreateDirectoryW(u"C:\\Drivers"));
     UniqueFile f = CreateFileW(u"C:\\Drivers\\Model.PPD", GENERIC_WRITE, 0, CREATE_NEW, 0);
     ASSERT_TRUE(f);
     EXPECT_EQ(HostPath(u"c:\\DRIVERS\\model.ppd"), root() + "/drive_c/Drivers/Model.PPD");
-    EXPECT_EQ(GetFileAttributesW(u"C:\\drivers\\MODEL.ppd"), FILE_ATTRIBUTE_NORMAL);
+}
+
+TEST_F(KernelFile, ExistingComponentsAreFoundIgnoringCase) {
+    ASSERT_TRUE(CreateDirectoryW(P(u"Drivers")));
+    {
+        UniqueFile f = CreateFileW(P(u"Drivers\\Model.PPD"), GENERIC_WRITE, 0, CREATE_NEW, 0);
+        ASSERT_TRUE(f);
+    }
+    EXPECT_EQ(GetFileAttributesW(P(u"drivers\\MODEL.ppd")), NewFileAttributes());
+    UniqueFile again = CreateFileW(P(u"DRIVERS\\model.ppd"), GENERIC_READ, 0, OPEN_EXISTING, 0);
+    EXPECT_TRUE(again);
 }
 
 TEST_F(KernelFile, InvalidNameCharactersAreRefused) {
-    for (const std::u16string bad :
-         {u"C:\\a?b", u"C:\\a*", u"C:\\x\\a:b", u"C:\\<x>", u"C:\\a|b"}) {
+    for (const std::u16string& bad : {P(u"a?b"), P(u"a*"), P(u"x\\a:b"), P(u"<x>"), P(u"a|b")}) {
         SetLastError(kPoison);
         EXPECT_FALSE(CreateFileW(bad, GENERIC_WRITE, 0, CREATE_ALWAYS, 0));
         EXPECT_EQ(GetLastError(), ERROR_INVALID_NAME) << ovtest::U8(bad);
@@ -60,12 +86,12 @@ TEST_F(KernelFile, InvalidNameCharactersAreRefused) {
 }
 
 TEST_F(KernelFile, CreationDispositionsFollowWindows) {
-    const std::u16string path = u"C:\\disp.txt";
+    const std::u16string path = P(u"disp.txt");
     SetLastError(kPoison);
     EXPECT_FALSE(CreateFileW(path, GENERIC_READ, 0, OPEN_EXISTING, 0));
     EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
     SetLastError(kPoison);
-    EXPECT_FALSE(CreateFileW(u"C:\\nodir\\disp.txt", GENERIC_READ, 0, OPEN_EXISTING, 0));
+    EXPECT_FALSE(CreateFileW(P(u"nodir\\disp.txt"), GENERIC_READ, 0, OPEN_EXISTING, 0));
     EXPECT_EQ(GetLastError(), ERROR_PATH_NOT_FOUND);
     SetLastError(kPoison);
     EXPECT_FALSE(CreateFileW(path, GENERIC_WRITE, 0, TRUNCATE_EXISTING, 0));
@@ -93,7 +119,7 @@ TEST_F(KernelFile, CreationDispositionsFollowWindows) {
     EXPECT_EQ(Slurp(HostPath(path)), "");  // create-always truncates
 
     SetLastError(kPoison);
-    EXPECT_TRUE(CreateFileW(u"C:\\new.txt", GENERIC_WRITE, 0, OPEN_ALWAYS, 0));
+    EXPECT_TRUE(CreateFileW(P(u"new.txt"), GENERIC_WRITE, 0, OPEN_ALWAYS, 0));
     EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
 
     SetLastError(kPoison);
@@ -108,7 +134,7 @@ TEST_F(KernelFile, CreationDispositionsFollowWindows) {
 }
 
 TEST_F(KernelFile, ReadWriteAndSeek) {
-    UniqueFile f = CreateFileW(u"C:\\rw.bin", GENERIC_READ | GENERIC_WRITE, 0, CREATE_ALWAYS, 0);
+    UniqueFile f = CreateFileW(P(u"rw.bin"), GENERIC_READ | GENERIC_WRITE, 0, CREATE_ALWAYS, 0);
     ASSERT_TRUE(f);
     ASSERT_TRUE(Write(f.get(), "0123456789"));
     SetLastError(kPoison);
@@ -142,7 +168,7 @@ TEST_F(KernelFile, ReadWriteAndSeek) {
 
 TEST_F(KernelFile, AccessOfTheHandleIsEnforced) {
     {
-        UniqueFile w = CreateFileW(u"C:\\acc.txt", GENERIC_WRITE, 0, CREATE_ALWAYS, 0);
+        UniqueFile w = CreateFileW(P(u"acc.txt"), GENERIC_WRITE, 0, CREATE_ALWAYS, 0);
         ASSERT_TRUE(Write(w.get(), "data"));
         char c = 0;
         DWORD read = 0;
@@ -150,19 +176,21 @@ TEST_F(KernelFile, AccessOfTheHandleIsEnforced) {
         EXPECT_FALSE(ReadFile(w.get(), &c, 1, &read));
         EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
     }
-    UniqueFile r = CreateFileW(u"C:\\acc.txt", GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING, 0);
+    UniqueFile r = CreateFileW(P(u"acc.txt"), GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING, 0);
     ASSERT_TRUE(r);
     DWORD written = 7;
     SetLastError(kPoison);
     EXPECT_FALSE(WriteFile(r.get(), "x", 1, &written));
     EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
     EXPECT_EQ(written, 0u);
+    r.reset();  // Windows enforces the sharing modes: the next open shares nothing
 
-    UniqueFile append = CreateFileW(u"C:\\acc.txt", FILE_APPEND_DATA, 0, OPEN_EXISTING, 0);
+    UniqueFile append = CreateFileW(P(u"acc.txt"), FILE_APPEND_DATA, 0, OPEN_EXISTING, 0);
     ASSERT_TRUE(append);
     EXPECT_EQ(SetFilePointer(append.get(), 0, nullptr, FILE_BEGIN), 0u);
     ASSERT_TRUE(Write(append.get(), "+more"));
-    EXPECT_EQ(Slurp(HostPath(u"C:\\acc.txt")), "data+more");
+    append.reset();
+    EXPECT_EQ(Slurp(HostPath(P(u"acc.txt"))), "data+more");
 }
 
 TEST_F(KernelFile, BadHandlesFailWithInvalidHandle) {
@@ -184,61 +212,61 @@ TEST_F(KernelFile, BadHandlesFailWithInvalidHandle) {
 
 TEST_F(KernelFile, CopyAndDelete) {
     {
-        UniqueFile f = CreateFileW(u"C:\\src.txt", GENERIC_WRITE, 0, CREATE_NEW, 0);
+        UniqueFile f = CreateFileW(P(u"src.txt"), GENERIC_WRITE, 0, CREATE_NEW, 0);
         ASSERT_TRUE(Write(f.get(), std::string(100000, 'q') + "end"));
     }
-    ASSERT_TRUE(CopyFileW(u"C:\\src.txt", u"C:\\dst.txt", true));
-    EXPECT_EQ(Slurp(HostPath(u"C:\\dst.txt")), std::string(100000, 'q') + "end");
+    ASSERT_TRUE(CopyFileW(P(u"src.txt"), P(u"dst.txt"), true));
+    EXPECT_EQ(Slurp(HostPath(P(u"dst.txt"))), std::string(100000, 'q') + "end");
     SetLastError(kPoison);
-    EXPECT_FALSE(CopyFileW(u"C:\\src.txt", u"C:\\dst.txt", true));
+    EXPECT_FALSE(CopyFileW(P(u"src.txt"), P(u"dst.txt"), true));
     EXPECT_EQ(GetLastError(), ERROR_FILE_EXISTS);
-    EXPECT_TRUE(CopyFileW(u"C:\\src.txt", u"C:\\dst.txt", false));
+    EXPECT_TRUE(CopyFileW(P(u"src.txt"), P(u"dst.txt"), false));
     SetLastError(kPoison);
-    EXPECT_FALSE(CopyFileW(u"C:\\missing.txt", u"C:\\x.txt", false));
+    EXPECT_FALSE(CopyFileW(P(u"missing.txt"), P(u"x.txt"), false));
     EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
-    EXPECT_EQ(GetFileAttributesW(u"C:\\x.txt"), INVALID_FILE_ATTRIBUTES);
+    EXPECT_EQ(GetFileAttributesW(P(u"x.txt")), INVALID_FILE_ATTRIBUTES);
 
-    ASSERT_TRUE(DeleteFileW(u"C:\\dst.txt"));
+    ASSERT_TRUE(DeleteFileW(P(u"dst.txt")));
     SetLastError(kPoison);
-    EXPECT_FALSE(DeleteFileW(u"C:\\dst.txt"));
+    EXPECT_FALSE(DeleteFileW(P(u"dst.txt")));
     EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
     SetLastError(kPoison);
-    EXPECT_FALSE(DeleteFileW(u"C:\\nodir\\dst.txt"));
+    EXPECT_FALSE(DeleteFileW(P(u"nodir\\dst.txt")));
     EXPECT_EQ(GetLastError(), ERROR_PATH_NOT_FOUND);
 }
 
 TEST_F(KernelFile, DirectoriesAndAttributes) {
     SetLastError(kPoison);
-    EXPECT_EQ(GetFileAttributesW(u"C:\\d"), INVALID_FILE_ATTRIBUTES);
+    EXPECT_EQ(GetFileAttributesW(P(u"d")), INVALID_FILE_ATTRIBUTES);
     EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
-    ASSERT_TRUE(CreateDirectoryW(u"C:\\d"));
-    EXPECT_EQ(GetFileAttributesW(u"C:\\d"), FILE_ATTRIBUTE_DIRECTORY);
+    ASSERT_TRUE(CreateDirectoryW(P(u"d")));
+    EXPECT_EQ(GetFileAttributesW(P(u"d")), FILE_ATTRIBUTE_DIRECTORY);
     SetLastError(kPoison);
-    EXPECT_FALSE(CreateDirectoryW(u"C:\\d"));
+    EXPECT_FALSE(CreateDirectoryW(P(u"d")));
     EXPECT_EQ(GetLastError(), ERROR_ALREADY_EXISTS);
     SetLastError(kPoison);
-    EXPECT_FALSE(CreateDirectoryW(u"C:\\no\\such"));
+    EXPECT_FALSE(CreateDirectoryW(P(u"no\\such")));
     EXPECT_EQ(GetLastError(), ERROR_PATH_NOT_FOUND);
 
     SetLastError(kPoison);
-    EXPECT_FALSE(CreateFileW(u"C:\\d", GENERIC_READ, 0, OPEN_EXISTING, 0));
+    EXPECT_FALSE(CreateFileW(P(u"d"), GENERIC_READ, 0, OPEN_EXISTING, 0));
     EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
 
-    UniqueFile inside = CreateFileW(u"C:\\d\\f", GENERIC_WRITE, 0, CREATE_NEW, 0);
+    UniqueFile inside = CreateFileW(P(u"d\\f"), GENERIC_WRITE, 0, CREATE_NEW, 0);
     inside.reset();
     SetLastError(kPoison);
-    EXPECT_FALSE(RemoveDirectoryW(u"C:\\d"));
+    EXPECT_FALSE(RemoveDirectoryW(P(u"d")));
     EXPECT_EQ(GetLastError(), ERROR_DIR_NOT_EMPTY);
     SetLastError(kPoison);
-    EXPECT_FALSE(RemoveDirectoryW(u"C:\\d\\f"));
+    EXPECT_FALSE(RemoveDirectoryW(P(u"d\\f")));
     EXPECT_EQ(GetLastError(), kErrorDirectory);
     SetLastError(kPoison);
-    EXPECT_FALSE(DeleteFileW(u"C:\\d"));
+    EXPECT_FALSE(DeleteFileW(P(u"d")));
     EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
-    ASSERT_TRUE(DeleteFileW(u"C:\\d\\f"));
-    ASSERT_TRUE(RemoveDirectoryW(u"C:\\d"));
+    ASSERT_TRUE(DeleteFileW(P(u"d\\f")));
+    ASSERT_TRUE(RemoveDirectoryW(P(u"d")));
     SetLastError(kPoison);
-    EXPECT_FALSE(RemoveDirectoryW(u"C:\\d"));
+    EXPECT_FALSE(RemoveDirectoryW(P(u"d")));
     EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
 }
 

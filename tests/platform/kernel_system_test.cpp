@@ -1,15 +1,17 @@
 // Thread and process ids, sessions, clocks and the reported OS version.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <set>
 #include <thread>
 #include <vector>
 
+#include "kernel_test_support.h"
 #include "ovtest.h"
 #include "platform/kernel.h"
 #include "platform/machine.h"
+#include "platform/wts.h"
 
 namespace {
 
@@ -32,29 +34,50 @@ TEST_F(KernelSystem, ThreadIdsAreStablePerThreadAndDistinctAcrossThreads) {
     std::set<DWORD> distinct(ids.begin(), ids.end());
     distinct.insert(mine);
     EXPECT_EQ(distinct.size(), ids.size() + 1);
-    EXPECT_EQ(GetCurrentProcessId(), static_cast<DWORD>(getpid()));
+    EXPECT_EQ(GetCurrentProcessId(), static_cast<DWORD>(ovtest::CurrentProcessId()));
 }
 
 TEST_F(KernelSystem, SessionComesFromTheEnvironmentAndDefaultsToZero) {
-    const char* old = std::getenv("OVSVC_SESSION_ID");
-    const std::string saved = old != nullptr ? old : "";
-    unsetenv("OVSVC_SESSION_ID");
+    OVTEST_EMBEDDED_ONLY("a process's session is set from its environment");
+    kerneltest::EnvironmentScope session("OVSVC_SESSION_ID", std::nullopt);
     EXPECT_EQ(GetCurrentSessionId(), 0u);
-    setenv("OVSVC_SESSION_ID", "7", 1);
+    kerneltest::PutEnvironment("OVSVC_SESSION_ID", "7");
     EXPECT_EQ(GetCurrentSessionId(), 7u);
-    setenv("OVSVC_SESSION_ID", "7x", 1);  // not a number: the console session
+    kerneltest::PutEnvironment("OVSVC_SESSION_ID", "7x");  // not a number: the console session
     EXPECT_EQ(GetCurrentSessionId(), 0u);
-    if (old != nullptr) {
-        setenv("OVSVC_SESSION_ID", saved.c_str(), 1);
-    } else {
-        unsetenv("OVSVC_SESSION_ID");
-    }
+}
+
+TEST_F(KernelSystem, SessionQueryIsStableAndLeavesTheLastErrorAlone) {
+    const DWORD session = GetCurrentSessionId();
+    std::thread other([session] { EXPECT_EQ(GetCurrentSessionId(), session); });
+    other.join();
+    SetLastError(0xDEADBEEF);
+    EXPECT_EQ(GetCurrentSessionId(), session);
+    EXPECT_EQ(GetLastError(), 0xDEADBEEFu);  // a query that cannot fail does not set it
+}
+
+TEST_F(KernelSystem, SettingsLiveInTheMachineConfOfTheRoot) {
+    EXPECT_EQ(machine::Root(), root());
+    EXPECT_FALSE(machine::Setting("kernel_test_key"));
+    machine::SetSetting("kernel_test_key", "one");
+    machine::SetSetting("kernel_test_other", "x=y");
+    machine::SetSetting("kernel_test_key", "two");
+    EXPECT_EQ(machine::Setting("kernel_test_key"), "two");
+    EXPECT_EQ(machine::Setting("kernel_test_other"), "x=y");
+    EXPECT_FALSE(machine::Setting("kernel_test"));  // a key's prefix is another key
+    EXPECT_FALSE(machine::Setting("kernel_test_key=two"));
+    const std::filesystem::path conf = std::filesystem::path(ovtest::U16(root())) / "machine.conf";
+    EXPECT_TRUE(std::filesystem::is_regular_file(conf));
+    EXPECT_EQ(machine::EventLogPath().rfind(root(), 0), 0u) << machine::EventLogPath();
 }
 
 TEST_F(KernelSystem, TicksAdvanceAcrossASleep) {
+    // Windows advances the tick count once per timer interval (up to 16 ms),
+    // so a reading may lag behind the time that passed by that much.
+    const DWORD interval = ovtest::IsWin32Platform() ? 16 : 0;
     const std::uint64_t before = GetTickCount64();
     const DWORD before32 = GetTickCount();
-    Sleep(30);
+    Sleep(30 + interval);
     EXPECT_GE(GetTickCount64() - before, 30u);
     EXPECT_GE(static_cast<DWORD>(GetTickCount() - before32), 30u);  // wraps like Windows
 }
@@ -74,7 +97,36 @@ TEST_F(KernelSystem, LocalTimeFieldsAreInRange) {
     EXPECT_LE(t.wMilliseconds, 999);
 }
 
+TEST_F(KernelSystem, VersionIsThatOfAnNtSystemAndAgreesWithVerifyVersionInfo) {
+    OSVERSIONINFOEXW v;
+    ASSERT_TRUE(GetVersionExW(&v));
+    EXPECT_EQ(v.dwPlatformId, VER_PLATFORM_WIN32_NT);
+    EXPECT_GE(v.dwMajorVersion, 5u);
+    EXPECT_TRUE(v.wProductType == VER_NT_WORKSTATION || v.wProductType == VER_NT_SERVER ||
+                v.wProductType == 2 /* domain controller */)
+        << int{v.wProductType};
+
+    OSVERSIONINFOEXW wanted;
+    wanted.dwMajorVersion = v.dwMajorVersion;
+    wanted.dwMinorVersion = v.dwMinorVersion;
+    std::uint64_t mask = VerSetConditionMask(0, VER_MAJORVERSION, VER_EQUAL);
+    mask = VerSetConditionMask(mask, VER_MINORVERSION, VER_EQUAL);
+    SetLastError(0xDEADBEEF);
+    EXPECT_TRUE(VerifyVersionInfoA(&wanted, VER_MAJORVERSION | VER_MINORVERSION, mask));
+
+    wanted.dwMajorVersion = v.dwMajorVersion + 1;
+    mask = VerSetConditionMask(0, VER_MAJORVERSION, VER_GREATER_EQUAL);
+    SetLastError(0xDEADBEEF);
+    EXPECT_FALSE(VerifyVersionInfoA(&wanted, VER_MAJORVERSION, mask));
+    EXPECT_EQ(GetLastError(), ERROR_OLD_WIN_VERSION);
+
+    SetLastError(0xDEADBEEF);
+    EXPECT_FALSE(GetVersionExW(nullptr));
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+}
+
 TEST_F(KernelSystem, VersionIsNt61TerminalServerByDefault) {
+    OVTEST_EMBEDDED_ONLY("the version the emulated machine reports");
     OSVERSIONINFOEXW v;
     ASSERT_TRUE(GetVersionExW(&v));
     EXPECT_EQ(v.dwMajorVersion, 6u);
@@ -92,6 +144,7 @@ TEST_F(KernelSystem, VersionIsNt61TerminalServerByDefault) {
 }
 
 TEST_F(KernelSystem, VersionFollowsTheMachineSetting) {
+    OVTEST_EMBEDDED_ONLY("the os_version switch of machine.conf");
     machine::SetSetting("os_version", "5.2.3790");
     OSVERSIONINFOEXW v;
     ASSERT_TRUE(GetVersionExW(&v));

@@ -1,12 +1,11 @@
 // Starting processes: command lines, program look-up, exit codes, waits and
 // the pipes that carry a child's output.
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cctype>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -14,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "kernel_test_support.h"
 #include "ovtest.h"
 #include "platform/kernel.h"
 #include "platform/process.h"
@@ -29,19 +29,41 @@ using ovtest::U8;
 constexpr DWORD kPoison = 0xDEADBEEF;
 
 std::string SelfPath() {
-    return std::filesystem::read_symlink("/proc/self/exe").string();
+    return ovtest::SelfPath();
+}
+
+// A file in a directory, with the platform's separator.
+std::string Join(const std::string& directory, const std::string& name) {
+    return directory + (ovtest::IsWin32Platform() ? "\\" : "/") + name;
+}
+
+// Paths are compared as the platform compares them: ignoring case on Windows.
+::testing::AssertionResult SamePath(const std::string& actual, const std::string& expected) {
+    auto fold = [](std::string text) {
+        if (ovtest::IsWin32Platform()) {
+            for (char& c : text) {
+                c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+            }
+        }
+        return text;
+    };
+    if (fold(actual) == fold(expected)) {
+        return ::testing::AssertionSuccess();
+    }
+    return ::testing::AssertionFailure() << "'" << actual << "' is not '" << expected << "'";
 }
 
 // Writes `count` bytes to standard output and `count` to standard error,
 // interleaved, in small pieces.
 OVTEST_CHILD(chatty) {
+    kerneltest::BinaryOutput();
     const std::size_t count = std::stoul(args.at(0));
     std::string chunk(1000, 'o');
     std::string echunk(1000, 'e');
     for (std::size_t done = 0; done < count;) {
         const std::size_t n = std::min(chunk.size(), count - done);
-        if (write(1, chunk.data(), n) != static_cast<ssize_t>(n) ||
-            write(2, echunk.data(), n) != static_cast<ssize_t>(n)) {
+        if (std::fwrite(chunk.data(), 1, n, stdout) != n || std::fflush(stdout) != 0 ||
+            std::fwrite(echunk.data(), 1, n, stderr) != n) {
             return 3;
         }
         done += n;
@@ -59,16 +81,24 @@ OVTEST_CHILD(sleeper) {
 }
 
 OVTEST_CHILD(show_env) {
+    kerneltest::BinaryOutput();
     const char* v = std::getenv(args.at(0).c_str());
     std::printf("%s=%s\n", args.at(0).c_str(), v != nullptr ? v : "(unset)");
     return 0;
 }
 
 OVTEST_CHILD(show_args) {
+    kerneltest::BinaryOutput();
     for (const auto& a : args) {
         std::printf("[%s]", a.c_str());
     }
     std::printf("\n");
+    return 0;
+}
+
+OVTEST_CHILD(show_cwd) {
+    kerneltest::BinaryOutput();
+    std::printf("%s\n", std::filesystem::current_path().string().c_str());
     return 0;
 }
 
@@ -151,17 +181,19 @@ class ProgramSearch : public ovtest::MachineTest {
         MachineTest::SetUp();
         dir_ = ovtest::MakeTempDir("ovsvc-path-");
         oldPath_ = std::getenv("PATH") != nullptr ? std::getenv("PATH") : "";
-        setenv("PATH", (dir_ + ":" + oldPath_).c_str(), 1);
+        kerneltest::PutEnvironment("PATH", dir_ + kerneltest::kPathListSeparator + oldPath_);
     }
     void TearDown() override {
-        setenv("PATH", oldPath_.c_str(), 1);
-        std::filesystem::remove_all(dir_);
+        kerneltest::PutEnvironment("PATH", oldPath_);
+        std::filesystem::remove_all(std::filesystem::path(ovtest::U16(dir_)));
         MachineTest::TearDown();
     }
     std::string Make(const std::string& name, bool executable = true) {
-        const std::string path = dir_ + "/" + name;
-        std::ofstream(path) << "#!/bin/sh\necho " << name << "\n";
-        chmod(path.c_str(), executable ? 0755 : 0644);
+        const std::string path = Join(dir_, name);
+        const std::filesystem::path file(ovtest::U16(path));
+        std::ofstream(file) << "#!/bin/sh\necho " << name << "\n";
+        using std::filesystem::perms;
+        std::filesystem::permissions(file, executable ? perms(0755) : perms(0644));
         return path;
     }
     std::string dir_;
@@ -171,22 +203,28 @@ class ProgramSearch : public ovtest::MachineTest {
 TEST_F(ProgramSearch, NamesMatchInAnyCaseWithExeOptional) {
     const std::string tool = Make("OvTool");
     const std::string exe = Make("other.exe");
-    EXPECT_EQ(U8(SearchProgram(u"OvTool")), tool);
-    EXPECT_EQ(U8(SearchProgram(u"ovtool")), tool);
-    EXPECT_EQ(U8(SearchProgram(u"OVTOOL.EXE")), tool);
-    EXPECT_EQ(U8(SearchProgram(u"other")), exe);
-    EXPECT_EQ(U8(SearchProgram(u"Other.Exe")), exe);
+    EXPECT_TRUE(SamePath(U8(SearchProgram(u"OvTool")), tool));
+    EXPECT_TRUE(SamePath(U8(SearchProgram(u"ovtool")), tool));
+    EXPECT_TRUE(SamePath(U8(SearchProgram(u"OVTOOL.EXE")), tool));
+    EXPECT_TRUE(SamePath(U8(SearchProgram(u"other")), exe));
+    EXPECT_TRUE(SamePath(U8(SearchProgram(u"Other.Exe")), exe));
     SetLastError(kPoison);
     EXPECT_TRUE(SearchProgram(u"ovtoo").empty());
     EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
     EXPECT_TRUE(SearchProgram(u"").empty());
 }
 
+TEST_F(ProgramSearch, DirectoriesAreSkipped) {
+    std::filesystem::create_directory(std::filesystem::path(ovtest::U16(Join(dir_, "adir"))));
+    EXPECT_TRUE(SearchProgram(u"adir").empty());
+    std::filesystem::create_directory(std::filesystem::path(ovtest::U16(Join(dir_, "bdir.exe"))));
+    EXPECT_TRUE(SearchProgram(u"bdir").empty());
+}
+
 TEST_F(ProgramSearch, FilesThatCannotRunAreSkipped) {
+    OVTEST_EMBEDDED_ONLY("POSIX execute permission");
     Make("notrunnable", false);
     EXPECT_TRUE(SearchProgram(u"notrunnable").empty());
-    std::filesystem::create_directory(dir_ + "/adir");
-    EXPECT_TRUE(SearchProgram(u"adir").empty());
 }
 
 TEST_F(ProgramSearch, TheModulesDirectoryComesBeforePath) {
@@ -197,13 +235,13 @@ TEST_F(ProgramSearch, TheModulesDirectoryComesBeforePath) {
     for (char& c : upper) {
         c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
     }
-    EXPECT_EQ(U8(SearchProgram(U16(upper + ".exe"))), ovtest::BinDir() + "/" + self);
+    EXPECT_TRUE(SamePath(U8(SearchProgram(U16(upper + ".exe"))), Join(ovtest::BinDir(), self)));
 }
 
 TEST_F(ProgramSearch, PathsAreTakenAsGiven) {
     const std::string tool = Make("Direct");
-    EXPECT_EQ(U8(SearchProgram(U16(dir_ + "/direct.exe"))), tool);
-    EXPECT_TRUE(SearchProgram(U16(dir_ + "/missing")).empty());
+    EXPECT_TRUE(SamePath(U8(SearchProgram(U16(Join(dir_, "direct.exe")))), tool));
+    EXPECT_TRUE(SearchProgram(U16(Join(dir_, "missing"))).empty());
 }
 
 class ProcessStart : public ovtest::MachineTest {};
@@ -263,21 +301,25 @@ TEST_F(ProcessStart, ArgumentsReachTheChildAsSplit) {
 }
 
 TEST_F(ProcessStart, EnvironmentIsTheCallersUnlessGiven) {
-    setenv("OVSVC_TEST_MARK", "inherited", 1);
+    kerneltest::EnvironmentScope mark("OVSVC_TEST_MARK", "inherited");
     EXPECT_EQ(RunCaptured(SelfCommand("show_env", "OVSVC_TEST_MARK")).text,
               "OVSVC_TEST_MARK=inherited\n");
     const std::vector<std::u16string> env{u"OVSVC_TEST_MARK=given", U16("OVSVC_ROOT=" + root())};
     EXPECT_EQ(RunCaptured(SelfCommand("show_env", "OVSVC_TEST_MARK"), &env).text,
               "OVSVC_TEST_MARK=given\n");
     EXPECT_EQ(RunCaptured(SelfCommand("show_env", "HOME"), &env).text, "HOME=(unset)\n");
-    unsetenv("OVSVC_TEST_MARK");
 }
 
 TEST_F(ProcessStart, CurrentDirectoryIsApplied) {
     const std::string dir = ovtest::MakeTempDir("ovsvc-cwd-");
-    Captured c = RunCaptured(u"sh -c pwd", nullptr, U16(dir));
-    EXPECT_EQ(c.text, std::filesystem::canonical(dir).string() + "\n");
-    std::filesystem::remove_all(dir);
+    Captured c = RunCaptured(SelfCommand("show_cwd"), nullptr, U16(dir));
+    ASSERT_TRUE(c.text.ends_with("\n")) << c.text;
+    const std::filesystem::path reported(U16(c.text.substr(0, c.text.size() - 1)));
+    std::error_code ec;
+    EXPECT_TRUE(std::filesystem::equivalent(reported, std::filesystem::path(U16(dir)), ec))
+        << c.text;
+    EXPECT_FALSE(ec) << ec.message();
+    std::filesystem::remove_all(std::filesystem::path(U16(dir)));
 }
 
 TEST_F(ProcessStart, StandardHandlesNeedInheritance) {
@@ -288,10 +330,9 @@ TEST_F(ProcessStart, StandardHandlesNeedInheritance) {
     si.dwFlags = STARTF_USESTDHANDLES;
     si.hStdOutput = writeEnd.get();
     PROCESS_INFORMATION pi;
-    ASSERT_TRUE(CreateProcessW({}, u"sh -c \"echo lost\"", nullptr, nullptr, false, 0, nullptr, {},
-                               si, &pi));
+    ASSERT_TRUE(CreateProcessW({}, SelfCommand("show_args", "lost"), nullptr, nullptr, false, 0,
+                               nullptr, {}, si, &pi));
     EXPECT_EQ(WaitForSingleObject(pi.hProcess.get(), 20000), WAIT_OBJECT_0);
-    writeEnd.reset();
     DWORD available = kPoison;
     ASSERT_TRUE(PeekNamedPipe(readEnd.get(), &available));
     EXPECT_EQ(available, 0u);
@@ -348,6 +389,7 @@ TEST_F(ProcessStart, ApplicationNameOverridesTheFirstWord) {
 
 // Reports the account and session the child runs as.
 OVTEST_CHILD(whoami) {
+    kerneltest::BinaryOutput();
     std::u16string user;
     if (!GetUserNameW(&user)) {
         return 2;
@@ -357,6 +399,7 @@ OVTEST_CHILD(whoami) {
 }
 
 TEST_F(ProcessStart, AChildRunsAsItsAccountInItsSession) {
+    OVTEST_EMBEDDED_ONLY("the session table and the account a process names in its environment");
     terminal::Session s;
     s.id = 3;
     s.domainName = u"CORP";
@@ -377,6 +420,7 @@ TEST_F(ProcessStart, AChildRunsAsItsAccountInItsSession) {
 }
 
 TEST_F(ProcessStart, AProcessStartedWithATokenRunsAsItsUserInItsSession) {
+    OVTEST_EMBEDDED_ONLY("tokens made for accounts of the emulated machine");
     ASSERT_TRUE(AddAccount(u"OVDOMAIN\\alice", SidTypeUser, {}, nullptr)) << GetLastError();
     terminal::Session s;
     s.id = 5;
@@ -387,6 +431,18 @@ TEST_F(ProcessStart, AProcessStartedWithATokenRunsAsItsUserInItsSession) {
     ASSERT_TRUE(CreateTokenForAccount(u"OVDOMAIN\\alice", 5, &token)) << GetLastError();
     // The caller runs in session 0 as the system; the child does not.
     EXPECT_EQ(RunCaptured(SelfCommand("whoami"), nullptr, {}, token.get()).text, "alice in 5\n");
+}
+
+TEST_F(ProcessStart, AProcessStartedWithTheCallersTokenRunsAsTheCaller) {
+    UniqueToken token;
+    ASSERT_TRUE(OpenProcessToken(GetCurrentProcess(),
+                                 TOKEN_QUERY | TOKEN_DUPLICATE | TOKEN_ASSIGN_PRIMARY, &token))
+        << GetLastError();
+    std::u16string user;
+    ASSERT_TRUE(GetUserNameW(&user));
+    EXPECT_FALSE(user.empty());
+    const std::string expected = U8(user) + " in " + std::to_string(GetCurrentSessionId()) + "\n";
+    EXPECT_EQ(RunCaptured(SelfCommand("whoami"), nullptr, {}, token.get()).text, expected);
 }
 
 TEST_F(ProcessStart, OnlyTokensNameAUserToStartAs) {
@@ -419,8 +475,15 @@ TEST_F(Pipes, CarryBytesAndReportTheWritersEnd) {
     ASSERT_TRUE(ReadFile(r.get(), buffer, 3, &n));
     EXPECT_EQ(std::string(buffer, n), "hel");
     w.reset();
+    // What was written stays readable after the writer went away.
+    ASSERT_TRUE(PeekNamedPipe(r.get(), &available));
+    EXPECT_EQ(available, 2u);
     ASSERT_TRUE(ReadFile(r.get(), buffer, sizeof buffer, &n));
     EXPECT_EQ(std::string(buffer, n), "lo");
+    SetLastError(kPoison);
+    available = kPoison;
+    EXPECT_FALSE(PeekNamedPipe(r.get(), &available));
+    EXPECT_EQ(GetLastError(), ERROR_BROKEN_PIPE);
     SetLastError(kPoison);
     EXPECT_FALSE(ReadFile(r.get(), buffer, sizeof buffer, &n));
     EXPECT_EQ(GetLastError(), ERROR_BROKEN_PIPE);
@@ -453,7 +516,7 @@ TEST_F(Pipes, EndsOnlyWorkOneWay) {
     EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
     SetLastError(kPoison);
     EXPECT_FALSE(PeekNamedPipe(w.get(), &n));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
 }
 
 }  // namespace

@@ -2,9 +2,6 @@
 // lose nothing, readers never see half a value, and a key deleted elsewhere
 // is seen as deleted here.
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -19,20 +16,20 @@ using regtest::RegistryTest;
 
 namespace {
 
-constexpr char16_t kShared[] = u"Software\\OvTest\\Shared";
-
 std::vector<std::byte> Pattern(std::byte fill, std::size_t size) {
     return std::vector<std::byte>(size, fill);
 }
 
 }  // namespace
 
-// Sets `count` values of its own and one value every writer shares.
+// Below `path`, sets `count` values of its own and one value every writer
+// shares.
 OVTEST_CHILD(reg_writer) {
-    const std::string id = args.at(0);
-    const int count = std::stoi(args.at(1));
+    const std::u16string path = ovtest::U16(args.at(0));
+    const std::string id = args.at(1);
+    const int count = std::stoi(args.at(2));
     UniqueKey key;
-    if (RegCreateKeyExW(HKEY_LOCAL_MACHINE, kShared, 0, KEY_ALL_ACCESS, &key, nullptr) != 0) {
+    if (RegCreateKeyExW(HKEY_LOCAL_MACHINE, path, 0, KEY_ALL_ACCESS, &key, nullptr) != 0) {
         return 2;
     }
     for (int i = 0; i < count; ++i) {
@@ -56,16 +53,17 @@ OVTEST_CHILD(reg_writer) {
 TEST_F(RegistryTest, ConcurrentWritersLoseNothing) {
     constexpr int kWriters = 4;
     constexpr int kCount = 150;
+    const std::u16string shared = base() + u"\\Shared";
     std::vector<ovtest::Process> writers;
     for (int w = 0; w < kWriters; ++w) {
-        writers.push_back(
-            ovtest::Process::StartChild("reg_writer", {std::to_string(w), std::to_string(kCount)}));
+        writers.push_back(ovtest::Process::StartChild(
+            "reg_writer", {ovtest::U8(shared), std::to_string(w), std::to_string(kCount)}));
     }
     for (auto& writer : writers) {
         EXPECT_EQ(writer.Wait(std::chrono::seconds(120)), 0) << writer.output();
     }
     UniqueKey key;
-    ASSERT_EQ(RegOpenKeyExW(HKEY_LOCAL_MACHINE, kShared, 0, KEY_READ, &key), ERROR_SUCCESS);
+    ASSERT_EQ(RegOpenKeyExW(HKEY_LOCAL_MACHINE, shared, 0, KEY_READ, &key), ERROR_SUCCESS);
     for (int w = 0; w < kWriters; ++w) {
         for (int i = 0; i < kCount; ++i) {
             const std::u16string name =
@@ -85,18 +83,20 @@ TEST_F(RegistryTest, ConcurrentWritersLoseNothing) {
     EXPECT_EQ(subKeys.size(), 5u) << "racing creators made each key once";
 }
 
-// Reads a value over and over; each read must be one whole written pattern.
+// Reads a value of key `path` over and over; each read must be one whole
+// written pattern.
 OVTEST_CHILD(reg_reader) {
+    const std::u16string path = ovtest::U16(args.at(0));
     UniqueKey key;
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    while (RegOpenKeyExW(HKEY_LOCAL_MACHINE, kShared, 0, KEY_READ, &key) != 0) {
+    while (RegOpenKeyExW(HKEY_LOCAL_MACHINE, path, 0, KEY_READ, &key) != 0) {
         if (std::chrono::steady_clock::now() > deadline) {
             return 2;
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     UniqueKey writable;
-    if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, kShared, 0, KEY_SET_VALUE, &writable) != 0) {
+    if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, path, 0, KEY_SET_VALUE, &writable) != 0) {
         return 7;
     }
     int reads = 0;
@@ -126,13 +126,14 @@ OVTEST_CHILD(reg_reader) {
 }
 
 TEST_F(RegistryTest, ReadersNeverSeeHalfAValue) {
+    const std::u16string shared = base() + u"\\Shared";
     UniqueKey key;
-    ASSERT_EQ(RegCreateKeyExW(HKEY_LOCAL_MACHINE, kShared, 0, KEY_ALL_ACCESS, &key, nullptr),
+    ASSERT_EQ(RegCreateKeyExW(HKEY_LOCAL_MACHINE, shared, 0, KEY_ALL_ACCESS, &key, nullptr),
               ERROR_SUCCESS);
     const auto a = Pattern(std::byte{1}, 4096);
     const auto b = Pattern(std::byte{2}, 9000);
     ASSERT_EQ(RegSetValueExW(key.get(), u"Blob", REG_BINARY, a.data(), 4096), ERROR_SUCCESS);
-    auto reader = ovtest::Process::StartChild("reg_reader");
+    auto reader = ovtest::Process::StartChild("reg_reader", {ovtest::U8(shared)});
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
     while (RegQueryValueExW(key.get(), u"Ready", nullptr, nullptr, nullptr) != ERROR_SUCCESS) {
         ASSERT_LT(std::chrono::steady_clock::now(), deadline) << reader.output();
@@ -148,14 +149,14 @@ TEST_F(RegistryTest, ReadersNeverSeeHalfAValue) {
     EXPECT_EQ(reader.Wait(std::chrono::seconds(90)), 0) << reader.output();
 }
 
-// Replaces Software\OvTest\Cycle with a new key holding Gen = "2".
+// Replaces key `path` with a new key holding Gen = "2".
 OVTEST_CHILD(reg_recreate) {
-    if (RegDeleteTreeW(HKEY_LOCAL_MACHINE, u"Software\\OvTest\\Cycle") != 0) {
+    const std::u16string path = ovtest::U16(args.at(0));
+    if (RegDeleteTreeW(HKEY_LOCAL_MACHINE, path) != 0) {
         return 2;
     }
     UniqueKey key;
-    if (RegCreateKeyExW(HKEY_LOCAL_MACHINE, u"Software\\OvTest\\Cycle", 0, KEY_ALL_ACCESS, &key,
-                        nullptr) != 0) {
+    if (RegCreateKeyExW(HKEY_LOCAL_MACHINE, path, 0, KEY_ALL_ACCESS, &key, nullptr) != 0) {
         return 3;
     }
     return RegSetValueExW(key.get(), u"Gen", REG_BINARY, "2", 1) == 0 ? 0 : 4;
@@ -164,19 +165,18 @@ OVTEST_CHILD(reg_recreate) {
 TEST_F(RegistryTest, AKeyReplacedByAnotherProcessIsSeenHere) {
     UniqueKey first = Create(u"Cycle");
     ASSERT_EQ(RegSetValueExW(first.get(), u"Gen", REG_BINARY, "1", 1), ERROR_SUCCESS);
+    const std::u16string cycle = base() + u"\\Cycle";
     UniqueKey opened;
-    ASSERT_EQ(RegOpenKeyExW(HKEY_LOCAL_MACHINE, u"Software\\OvTest\\Cycle", 0, KEY_READ, &opened),
-              ERROR_SUCCESS);
+    ASSERT_EQ(RegOpenKeyExW(HKEY_LOCAL_MACHINE, cycle, 0, KEY_READ, &opened), ERROR_SUCCESS);
 
-    auto child = ovtest::Process::StartChild("reg_recreate");
+    auto child = ovtest::Process::StartChild("reg_recreate", {ovtest::U8(cycle)});
     ASSERT_EQ(child.Wait(std::chrono::seconds(60)), 0) << child.output();
 
     SetLastError(regtest::kPoison);
     EXPECT_EQ(RegQueryValueExW(opened.get(), u"Gen", nullptr, nullptr, nullptr), ERROR_KEY_DELETED);
     EXPECT_EQ(GetLastError(), ERROR_KEY_DELETED);
     UniqueKey again;
-    ASSERT_EQ(RegOpenKeyExW(HKEY_LOCAL_MACHINE, u"Software\\OvTest\\Cycle", 0, KEY_READ, &again),
-              ERROR_SUCCESS);
+    ASSERT_EQ(RegOpenKeyExW(HKEY_LOCAL_MACHINE, cycle, 0, KEY_READ, &again), ERROR_SUCCESS);
     RegistryValue value;
     ASSERT_EQ(RegGetValue(again.get(), u"Gen", &value), ERROR_SUCCESS);
     EXPECT_EQ(value.data, regtest::Bytes({'2'})) << "the path was not served from a stale cache";
@@ -188,10 +188,10 @@ TEST_F(RegistryTest, ThreadsOfOneProcessShareTheConnectionSafely) {
     std::vector<std::thread> threads;
     std::atomic<int> failures{0};
     for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([t, &failures] {
+        threads.emplace_back([t, &failures, this] {
             for (int i = 0; i < kCount; ++i) {
                 UniqueKey key;
-                const std::u16string path = ovtest::U16("Software\\OvTest\\T" + std::to_string(t));
+                const std::u16string path = base() + ovtest::U16("\\T" + std::to_string(t));
                 if (RegCreateKeyExW(HKEY_LOCAL_MACHINE, path, 0, KEY_ALL_ACCESS, &key, nullptr) !=
                     0) {
                     ++failures;
@@ -224,10 +224,10 @@ TEST_F(RegistryTest, ThreadsOfOneProcessShareTheConnectionSafely) {
     }
 }
 
-// Makes Software\OvTest\<name>.
+// Makes key `path`\`name`.
 OVTEST_CHILD(reg_add_key) {
     UniqueKey key;
-    return RegCreateKeyExW(HKEY_LOCAL_MACHINE, u"Software\\OvTest\\" + ovtest::U16(args.at(0)), 0,
+    return RegCreateKeyExW(HKEY_LOCAL_MACHINE, ovtest::U16(args.at(0) + "\\" + args.at(1)), 0,
                            KEY_READ, &key, nullptr) == 0
                ? 0
                : 2;
@@ -241,64 +241,38 @@ TEST_F(RegistryTest, EnumerationSeesKeysAddedByAnotherProcessMidWalk) {
     DWORD length = 16;
     ASSERT_EQ(RegEnumKeyExW(base_.get(), 0, name, &length), ERROR_SUCCESS);
     EXPECT_EQ(std::u16string(name), u"B");
-    auto child = ovtest::Process::StartChild("reg_add_key", {"A"});
+    auto child = ovtest::Process::StartChild("reg_add_key", {ovtest::U8(base()), "A"});
     ASSERT_EQ(child.Wait(std::chrono::seconds(60)), 0) << child.output();
     length = 16;
     ASSERT_EQ(RegEnumKeyExW(base_.get(), 1, name, &length), ERROR_SUCCESS);
     EXPECT_EQ(std::u16string(name), u"B") << "index 1 of A B D F, not the entry after B";
 }
 
-// A child made by fork() alone (no exec) must not share the parent's
-// database connection, yet keeps the keys it inherited.
-TEST_F(RegistryTest, AForkedChildWorksOnItsOwnConnection) {
-    ASSERT_EQ(SetDword(u"FromParent", 1), ERROR_SUCCESS);
-    const pid_t pid = fork();
-    if (pid == 0) {
-        DWORD value = 0;
-        DWORD size = sizeof value;
-        int code = 0;
-        if (RegQueryValueExW(base_.get(), u"FromParent", nullptr, &value, &size) != 0 ||
-            value != 1) {
-            code = 2;
-        } else if (SetDword(u"FromChild", 7) != 0) {
-            code = 3;
-        }
-        _exit(code);
+// A fresh machine: the test makes no key before its children start.
+class RegistryFreshMachineTest : public ovtest::MachineTest {
+  protected:
+    void TearDown() override {
+        regtest::RemoveKey(HKEY_LOCAL_MACHINE, shared_);
+        MachineTest::TearDown();
     }
-    ASSERT_GT(pid, 0);
-    int status = -1;
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    while (waitpid(pid, &status, WNOHANG) == 0) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            kill(pid, SIGKILL);
-            waitpid(pid, &status, 0);
-            FAIL() << "the forked child did not finish";
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 0);
-    DWORD value = 0;
-    DWORD size = sizeof value;
-    ASSERT_EQ(RegQueryValueExW(base_.get(), u"FromChild", nullptr, &value, &size), ERROR_SUCCESS);
-    EXPECT_EQ(value, 7u);
-    EXPECT_EQ(SetDword(u"ParentStillWrites", 1), ERROR_SUCCESS);
-}
 
-using RegistryFreshMachineTest = ovtest::MachineTest;
+    const std::u16string shared_ = regtest::UniqueSoftwareKey();
+};
 
-// No store exists yet: every process races to make it, and none may fail.
+// No store exists yet (on the embedded platform): every process races to
+// make it, and none may fail.
 TEST_F(RegistryFreshMachineTest, ProcessesStartingTogetherAllGetTheStore) {
     constexpr int kWriters = 5;
     std::vector<ovtest::Process> writers;
     for (int w = 0; w < kWriters; ++w) {
-        writers.push_back(ovtest::Process::StartChild("reg_writer", {std::to_string(w), "20"}));
+        writers.push_back(ovtest::Process::StartChild(
+            "reg_writer", {ovtest::U8(shared_), std::to_string(w), "20"}));
     }
     for (auto& writer : writers) {
         EXPECT_EQ(writer.Wait(std::chrono::seconds(120)), 0) << writer.output();
     }
     UniqueKey key;
-    ASSERT_EQ(RegOpenKeyExW(HKEY_LOCAL_MACHINE, kShared, 0, KEY_READ, &key), ERROR_SUCCESS);
+    ASSERT_EQ(RegOpenKeyExW(HKEY_LOCAL_MACHINE, shared_, 0, KEY_READ, &key), ERROR_SUCCESS);
     std::vector<RegistryValue> values;
     ASSERT_EQ(RegEnumValues(key.get(), &values), ERROR_SUCCESS);
     EXPECT_EQ(values.size(), static_cast<std::size_t>(kWriters * 20 + 1));

@@ -54,7 +54,7 @@ const char16_t kSample[] =
     u"Windows Registry Editor Version 5.00\r\n"
     u"\r\n"
     u"; the product key\r\n"
-    u"[HKEY_LOCAL_MACHINE\\Software\\Orvelle\\Ovaspool]\r\n"
+    u"[HKEY_LOCAL_MACHINE\\$BASE\\Orvelle\\Ovaspool]\r\n"
     u"\"DebugLevel\"=dword:000000ff\r\n"
     u"\"DebugFile\"=\"C:\\\\ovsvc\\\\trace.log\"\r\n"
     u"\"Quoted\"=\"say \\\"hi\\\"\"\r\n"
@@ -67,19 +67,45 @@ const char16_t kSample[] =
     u"\"Odd\"=hex(12345678):aa\r\n"
     u"\"Nothing\"=hex(0):\r\n"
     u"\r\n"
-    u"[HKEY_LOCAL_MACHINE\\Software\\Orvelle\\Ovaspool\\Sub Key]\r\n"
+    u"[HKEY_LOCAL_MACHINE\\$BASE\\Orvelle\\Ovaspool\\Sub Key]\r\n"
     u"\"Unicode Ünï\"=\"Принтер\"\r\n"
     u"\r\n"
-    u"[HKEY_CLASSES_ROOT\\CLSID\\{0000-1111}]\r\n"
+    u"[HKEY_CLASSES_ROOT\\$CLASSES]\r\n"
     u"@=\"Provider\"\r\n";
+
+// The stored spelling of HKEY_LOCAL_MACHINE's "Software" key.
+std::u16string StoredSoftwareName() {
+    std::vector<std::u16string> names;
+    EXPECT_EQ(RegEnumSubKeys(HKEY_LOCAL_MACHINE, &names), ERROR_SUCCESS);
+    for (const auto& name : names) {
+        if (regtest::AsciiLower(name) == u"software") {
+            return name;
+        }
+    }
+    ADD_FAILURE() << "no Software key";
+    return u"SOFTWARE";
+}
 
 }  // namespace
 
-TEST_F(RegistryTest, ImportSetsEveryNotation) {
+// kSample, writing below the test's own keys.
+class RegistrySampleTest : public RegistryTest {
+  protected:
+    std::u16string Sample() {
+        if (classes_.empty()) {
+            classes_ = ClassesKey(u"CLSID\\", "{0000-1111}");
+        }
+        return regtest::Substitute(WithBase(kSample), u"$CLASSES", classes_);
+    }
+
+    std::u16string classes_;
+};
+
+TEST_F(RegistrySampleTest, ImportSetsEveryNotation) {
     std::string error;
-    ASSERT_EQ(Import(kSample, &error), ERROR_SUCCESS) << error;
+    ASSERT_EQ(Import(Sample(), &error), ERROR_SUCCESS) << error;
     UniqueKey key;
-    ASSERT_EQ(RegOpenKeyExW(HKEY_LOCAL_MACHINE, u"Software\\Orvelle\\Ovaspool", 0, KEY_READ, &key),
+    ASSERT_EQ(RegOpenKeyExW(HKEY_LOCAL_MACHINE, base() + u"\\Orvelle\\Ovaspool", 0, KEY_READ, &key),
               ERROR_SUCCESS);
     auto expect = [&](std::u16string_view name, DWORD type, const std::vector<std::byte>& data) {
         RegistryValue v;
@@ -100,17 +126,16 @@ TEST_F(RegistryTest, ImportSetsEveryNotation) {
     expect(u"Nothing", REG_NONE, {});
 
     UniqueKey classes;
-    EXPECT_EQ(RegOpenKeyExW(HKEY_CLASSES_ROOT, u"CLSID\\{0000-1111}", 0, KEY_READ, &classes),
-              ERROR_SUCCESS);
+    EXPECT_EQ(RegOpenKeyExW(HKEY_CLASSES_ROOT, classes_, 0, KEY_READ, &classes), ERROR_SUCCESS);
 }
 
-TEST_F(RegistryTest, ImportExportImportGivesTheSameValues) {
-    ASSERT_EQ(Import(kSample), ERROR_SUCCESS);
+TEST_F(RegistrySampleTest, ImportExportImportGivesTheSameValues) {
+    ASSERT_EQ(Import(Sample()), ERROR_SUCCESS);
     // Values that only hex notation can carry.
+    const std::u16string orvelle = base() + u"\\Orvelle";
     UniqueKey key;
-    ASSERT_EQ(
-        RegOpenKeyExW(HKEY_LOCAL_MACHINE, u"Software\\Orvelle\\Ovaspool", 0, KEY_ALL_ACCESS, &key),
-        ERROR_SUCCESS);
+    ASSERT_EQ(RegOpenKeyExW(HKEY_LOCAL_MACHINE, orvelle + u"\\Ovaspool", 0, KEY_ALL_ACCESS, &key),
+              ERROR_SUCCESS);
     std::vector<std::byte> big(300);
     for (std::size_t i = 0; i < big.size(); ++i) {
         big[i] = static_cast<std::byte>(i);
@@ -123,23 +148,25 @@ TEST_F(RegistryTest, ImportExportImportGivesTheSameValues) {
               ERROR_SUCCESS);
     ASSERT_EQ(RegSetValueExW(key.get(), u"Lone surrogate", REG_SZ, u"\xD800", 4), ERROR_SUCCESS);
 
-    const Tree before = TreeAt(u"Software\\Orvelle");
+    const Tree before = TreeAt(orvelle);
     std::u16string exported;
-    ASSERT_EQ(RegExportText(HKEY_LOCAL_MACHINE, u"software\\orvelle", &exported), ERROR_SUCCESS);
+    ASSERT_EQ(RegExportText(HKEY_LOCAL_MACHINE, regtest::AsciiLower(orvelle), &exported),
+              ERROR_SUCCESS);
     EXPECT_EQ(exported.rfind(u"Windows Registry Editor Version 5.00\r\n\r\n", 0), 0u);
-    EXPECT_NE(exported.find(u"[HKEY_LOCAL_MACHINE\\SOFTWARE\\Orvelle\\Ovaspool]\r\n"),
+    EXPECT_NE(exported.find(u"[HKEY_LOCAL_MACHINE\\" + StoredSoftwareName() + u"\\" + baseName() +
+                            u"\\Orvelle\\Ovaspool]\r\n"),
               std::u16string::npos)
         << "key paths keep their stored case";
     EXPECT_NE(exported.find(u"\"DebugLevel\"=dword:000000ff\r\n"), std::u16string::npos);
 
-    ASSERT_EQ(RegDeleteTreeW(HKEY_LOCAL_MACHINE, u"Software\\Orvelle"), ERROR_SUCCESS);
-    ASSERT_TRUE(TreeAt(u"Software\\Orvelle").empty());
+    ASSERT_EQ(RegDeleteTreeW(HKEY_LOCAL_MACHINE, orvelle), ERROR_SUCCESS);
+    ASSERT_TRUE(TreeAt(orvelle).empty());
     std::string error;
     ASSERT_EQ(Import(exported, &error), ERROR_SUCCESS) << error;
-    EXPECT_EQ(TreeAt(u"Software\\Orvelle"), before);
+    EXPECT_EQ(TreeAt(orvelle), before);
 
     std::u16string again;
-    ASSERT_EQ(RegExportText(HKEY_LOCAL_MACHINE, u"Software\\Orvelle", &again), ERROR_SUCCESS);
+    ASSERT_EQ(RegExportText(HKEY_LOCAL_MACHINE, orvelle, &again), ERROR_SUCCESS);
     EXPECT_EQ(again, exported);
 }
 
@@ -147,7 +174,7 @@ TEST_F(RegistryTest, ExportWrapsLongHexListsLikeRegedit) {
     std::vector<std::byte> big(100, std::byte{0xab});
     ASSERT_EQ(Set(u"Big", REG_BINARY, big), ERROR_SUCCESS);
     std::u16string text;
-    ASSERT_EQ(RegExportText(HKEY_LOCAL_MACHINE, kBase, &text), ERROR_SUCCESS);
+    ASSERT_EQ(RegExportText(HKEY_LOCAL_MACHINE, base(), &text), ERROR_SUCCESS);
     std::size_t start = 0;
     while (start < text.size()) {
         auto end = text.find(u"\r\n", start);
@@ -161,27 +188,27 @@ TEST_F(RegistryTest, ExportWrapsLongHexListsLikeRegedit) {
 }
 
 TEST_F(RegistryTest, ExportOfClassesRootUsesItsName) {
+    const std::u16string name = ClassesKey(u"", "Ovaspool.Config");
     UniqueKey key;
-    ASSERT_EQ(
-        RegCreateKeyExW(HKEY_CLASSES_ROOT, u"Ovaspool.Config", 0, KEY_ALL_ACCESS, &key, nullptr),
-        ERROR_SUCCESS);
+    ASSERT_EQ(RegCreateKeyExW(HKEY_CLASSES_ROOT, name, 0, KEY_ALL_ACCESS, &key, nullptr),
+              ERROR_SUCCESS);
     std::u16string text;
-    ASSERT_EQ(RegExportText(HKEY_CLASSES_ROOT, u"ovaspool.config", &text), ERROR_SUCCESS);
-    EXPECT_NE(text.find(u"[HKEY_CLASSES_ROOT\\Ovaspool.Config]"), std::u16string::npos);
-    EXPECT_EQ(RegExportText(HKEY_CLASSES_ROOT, u"Missing", &text), ERROR_FILE_NOT_FOUND);
+    ASSERT_EQ(RegExportText(HKEY_CLASSES_ROOT, regtest::AsciiLower(name), &text), ERROR_SUCCESS);
+    EXPECT_NE(text.find(u"[HKEY_CLASSES_ROOT\\" + name + u"]"), std::u16string::npos);
+    EXPECT_EQ(RegExportText(HKEY_CLASSES_ROOT, name + u"-Missing", &text), ERROR_FILE_NOT_FOUND);
 }
 
 TEST_F(RegistryTest, ImportDeletesKeysAndValues) {
     ASSERT_EQ(SetDword(u"Gone", 1), ERROR_SUCCESS);
     ASSERT_EQ(SetDword(u"Kept", 2), ERROR_SUCCESS);
     Create(u"Old\\Deeper");
-    const std::u16string text =
+    const std::u16string text = WithBase(
         u"Windows Registry Editor Version 5.00\n"
-        u"[HKEY_LOCAL_MACHINE\\Software\\OvTest]\n"
+        u"[HKEY_LOCAL_MACHINE\\$BASE]\n"
         u"\"Gone\"=-\n"
         u"\"NeverExisted\"=-\n"
-        u"[-HKEY_LOCAL_MACHINE\\Software\\OvTest\\Old]\n"
-        u"[-HKEY_LOCAL_MACHINE\\Software\\OvTest\\NeverExisted]\n";
+        u"[-HKEY_LOCAL_MACHINE\\$BASE\\Old]\n"
+        u"[-HKEY_LOCAL_MACHINE\\$BASE\\NeverExisted]\n");
     std::string error;
     ASSERT_EQ(Import(text, &error), ERROR_SUCCESS) << error;
     EXPECT_EQ(RegQueryValueExW(base_.get(), u"Gone", nullptr, nullptr, nullptr),
@@ -193,7 +220,7 @@ TEST_F(RegistryTest, ImportDeletesKeysAndValues) {
 
 TEST_F(RegistryTest, ImportAcceptsTheOlderHeaderWithAnsiStrings) {
     const std::u16string text =
-        u"REGEDIT4\r\n\r\n[HKLM\\Software\\OvTest]\r\n\"Cmd\"=hex(2):25,50,25,00\r\n";
+        WithBase(u"REGEDIT4\r\n\r\n[HKLM\\$BASE]\r\n\"Cmd\"=hex(2):25,50,25,00\r\n");
     std::string error;
     ASSERT_EQ(Import(text, &error), ERROR_SUCCESS) << error;
     RegistryValue v;
@@ -204,11 +231,11 @@ TEST_F(RegistryTest, ImportAcceptsTheOlderHeaderWithAnsiStrings) {
 
 TEST_F(RegistryTest, ImportSkipsAByteOrderMarkCommentsAndBlankLines) {
     std::string error;
-    const std::u16string good =
+    const std::u16string good = WithBase(
         u"\xFEFFWindows Registry Editor Version 5.00\n\n; comment\n   ; indented comment\n"
-        u"[HKEY_LOCAL_MACHINE\\Software\\OvTest]  \n"
+        u"[HKEY_LOCAL_MACHINE\\$BASE]  \n"
         u"\"A\" = dword:1 ; trailing comment\n"
-        u"\"B\"=hex:01,\\\n    02\n";
+        u"\"B\"=hex:01,\\\n    02\n");
     ASSERT_EQ(Import(good, &error), ERROR_SUCCESS) << error;
     RegistryValue v;
     ASSERT_EQ(RegGetValue(base_.get(), u"A", &v), ERROR_SUCCESS);
@@ -230,18 +257,18 @@ class RegistryMalformedTest : public RegistryTest,
 
 TEST_P(RegistryMalformedTest, IsRefusedWithItsLineAndChangesNothing) {
     ASSERT_EQ(SetDword(u"Before", 1), ERROR_SUCCESS);
-    const Tree before = TreeAt(u"Software");
+    // Every file writes below the test's key only.
+    const Tree before = TreeAt(base());
     std::string error;
     SetLastError(regtest::kPoison);
-    EXPECT_EQ(Import(GetParam().text, &error), ERROR_INVALID_DATA);
+    EXPECT_EQ(Import(WithBase(GetParam().text), &error), ERROR_INVALID_DATA);
     EXPECT_EQ(GetLastError(), ERROR_INVALID_DATA);
     EXPECT_EQ(error.rfind(GetParam().expected, 0), 0u) << error;
-    EXPECT_EQ(TreeAt(u"Software"), before);
+    EXPECT_EQ(TreeAt(base()), before);
 }
 
 // Every file first writes something valid, which must not survive the refusal.
-#define OVT_HEAD \
-    u"Windows Registry Editor Version 5.00\n[HKLM\\Software\\OvTest]\n\"Before\"=dword:2\n"
+#define OVT_HEAD u"Windows Registry Editor Version 5.00\n[HKLM\\$BASE]\n\"Before\"=dword:2\n"
 
 INSTANTIATE_TEST_SUITE_P(
     Files, RegistryMalformedTest,
@@ -266,8 +293,8 @@ INSTANTIATE_TEST_SUITE_P(
         Malformed{"value outside a section",
                   u"Windows Registry Editor Version 5.00\n\"A\"=dword:1\n",
                   "line 2: value outside"},
-        Malformed{"value in a deleting section",
-                  OVT_HEAD u"[-HKLM\\Software\\OvTest\\X]\n\"A\"=dword:1\n", "line 5: value in"},
+        Malformed{"value in a deleting section", OVT_HEAD u"[-HKLM\\$BASE\\X]\n\"A\"=dword:1\n",
+                  "line 5: value in"},
         Malformed{"unclosed section", OVT_HEAD u"[HKLM\\Software\n", "line 4: key section"},
         Malformed{"unknown root", OVT_HEAD u"[HKEY_CURRENT_USER\\Software]\n",
                   "line 4: unknown root key"},
@@ -285,13 +312,14 @@ INSTANTIATE_TEST_SUITE_P(
 TEST_F(RegistryTest, TooLongNamesInAFileAreRefused) {
     const std::u16string keyName(kMaxKeyNameLength + 1, u'k');
     std::string error;
-    EXPECT_EQ(Import(u"Windows Registry Editor Version 5.00\n[HKLM\\Software\\" + keyName + u"]\n",
-                     &error),
-              ERROR_INVALID_DATA);
+    EXPECT_EQ(
+        Import(WithBase(u"Windows Registry Editor Version 5.00\n[HKLM\\$BASE\\") + keyName + u"]\n",
+               &error),
+        ERROR_INVALID_DATA);
     EXPECT_EQ(error, "line 2: key name longer than 255 characters");
 
     const std::u16string valueName(kMaxValueNameLength + 1, u'v');
-    EXPECT_EQ(Import(u"Windows Registry Editor Version 5.00\n[HKLM\\Software\\OvTest]\n\"" +
+    EXPECT_EQ(Import(WithBase(u"Windows Registry Editor Version 5.00\n[HKLM\\$BASE]\n\"") +
                          valueName + u"\"=dword:1\n",
                      &error),
               ERROR_INVALID_DATA);
@@ -351,12 +379,12 @@ TEST_F(RegistryTest, OddKeyNamesSurviveExportAndImport) {
     for (const char16_t* name : {u"a]b", u"-dash", u" spaced ", u"ключ", u"semi;colon", u"[x"}) {
         Create(std::u16string(u"Odd\\") + name);
     }
-    const Tree before = TreeAt(u"Software\\OvTest\\Odd");
+    const Tree before = TreeAt(base() + u"\\Odd");
     ASSERT_EQ(before.size(), 7u);
     std::u16string text;
-    ASSERT_EQ(RegExportText(HKEY_LOCAL_MACHINE, u"Software\\OvTest\\Odd", &text), ERROR_SUCCESS);
+    ASSERT_EQ(RegExportText(HKEY_LOCAL_MACHINE, base() + u"\\Odd", &text), ERROR_SUCCESS);
     ASSERT_EQ(RegDeleteTreeW(base_.get(), u"Odd"), ERROR_SUCCESS);
     std::string error;
     ASSERT_EQ(Import(text, &error), ERROR_SUCCESS) << error << "\n" << ovtest::U8(text);
-    EXPECT_EQ(TreeAt(u"Software\\OvTest\\Odd"), before);
+    EXPECT_EQ(TreeAt(base() + u"\\Odd"), before);
 }

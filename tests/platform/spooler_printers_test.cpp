@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <initializer_list>
 #include <string>
 #include <vector>
 
@@ -119,28 +120,43 @@ TEST_F(SpoolerPrinters, AddTakesTheLongestNameAndTheCharactersAutocreatedNamesUs
     EXPECT_EQ(PrinterCount(), 3u);
 }
 
-TEST_F(SpoolerPrinters, AddRefusesUnknownDriverPortAndPrintProcessor) {
-    struct Case {
-        void (*change)(PrinterInfo2&);
-        DWORD error;
-    } cases[] = {
+// A record with one field changed, and the error AddPrinterW must answer.
+struct BrokenRecord {
+    void (*change)(PrinterInfo2&);
+    DWORD error;
+};
+
+class SpoolerPrintersRefused : public SpoolerPrinters {
+  protected:
+    void ExpectRefused(std::initializer_list<BrokenRecord> cases) {
+        for (const auto& c : cases) {
+            auto info = Record(Name(u"Broken"));
+            c.change(info);
+            Poison();
+            EXPECT_FALSE(AddPrinterW(u"", info));
+            EXPECT_EQ(GetLastError(), c.error);
+        }
+        EXPECT_EQ(PrinterCount(), 0u);
+    }
+};
+
+TEST_F(SpoolerPrintersRefused, UnknownDriverAndPrintProcessor) {
+    ExpectRefused({
         {[](PrinterInfo2& i) { i.driverName = u"No Such Driver"; }, ERROR_UNKNOWN_PRINTER_DRIVER},
+        {[](PrinterInfo2& i) { i.printProcessor = u"ovwinprn"; }, ERROR_UNKNOWN_PRINTPROCESSOR},
+    });
+}
+
+TEST_F(SpoolerPrintersRefused, MissingDriverUnknownPortsAndTooHighPriority) {
+    OVTEST_SKIP_UNDER_WINE(
+        "Wine's AddPrinterW takes an empty driver name, any port and any priority");
+    ExpectRefused({
         {[](PrinterInfo2& i) { i.driverName.clear(); }, ERROR_UNKNOWN_PRINTER_DRIVER},
         {[](PrinterInfo2& i) { i.portName = u"NOPE:"; }, ERROR_UNKNOWN_PORT},
         {[](PrinterInfo2& i) { i.portName = u"LPT1:,NOPE:"; }, ERROR_UNKNOWN_PORT},
         {[](PrinterInfo2& i) { i.portName.clear(); }, ERROR_UNKNOWN_PORT},
-        {[](PrinterInfo2& i) { i.printProcessor = u"ovwinprn"; }, ERROR_UNKNOWN_PRINTPROCESSOR},
         {[](PrinterInfo2& i) { i.priority = 100; }, ERROR_INVALID_PRIORITY},
-    };
-    OVTEST_SKIP_UNDER_WINE("Wine's AddPrinterW checks neither ports nor priorities");
-    for (const auto& c : cases) {
-        auto info = Record(Name(u"Broken"));
-        c.change(info);
-        Poison();
-        EXPECT_FALSE(AddPrinterW(u"", info));
-        EXPECT_EQ(GetLastError(), c.error);
-    }
-    EXPECT_EQ(PrinterCount(), 0u);
+    });
 }
 
 TEST_F(SpoolerPrinters, AddAcceptsPortLists) {

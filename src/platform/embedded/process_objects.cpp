@@ -234,9 +234,19 @@ bool PipeObject::Write(const void* buffer, DWORD bytesToWrite, DWORD* bytesWritt
 }
 
 bool PipeObject::Peek(DWORD* available) {
+    if (!readEnd_) {
+        SetLastError(ERROR_ACCESS_DENIED);  // the write end has no right to read
+        return false;
+    }
     int n = 0;
-    if (!readEnd_ || ioctl(fd_, FIONREAD, &n) != 0) {
+    if (ioctl(fd_, FIONREAD, &n) != 0) {
         SetLastError(ERROR_INVALID_HANDLE);
+        return false;
+    }
+    // Empty with every write end closed: the pipe is broken, as Windows says.
+    pollfd p{fd_, POLLIN, 0};
+    if (n == 0 && poll(&p, 1, 0) == 1 && (p.revents & POLLHUP) != 0) {
+        SetLastError(ERROR_BROKEN_PIPE);
         return false;
     }
     if (available != nullptr) {

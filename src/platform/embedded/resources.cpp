@@ -223,59 +223,6 @@ bool GetFileVersionInfoW(std::u16string_view fileName, VersionBlock* block) {
     return true;
 }
 
-bool VerQueryFixedFileInfo(const VersionBlock& block, VS_FIXEDFILEINFO* info) {
-    if (!block.fixed) {
-        SetLastError(ERROR_RESOURCE_TYPE_NOT_FOUND);
-        return false;
-    }
-    if (info != nullptr) {
-        *info = *block.fixed;
-    }
-    SetLastError(ERROR_SUCCESS);
-    return true;
-}
-
-bool VerQueryTranslations(const VersionBlock& block, std::vector<LangCodePage>* translations) {
-    if (block.translations.empty()) {
-        SetLastError(ERROR_RESOURCE_TYPE_NOT_FOUND);
-        return false;
-    }
-    if (translations != nullptr) {
-        *translations = block.translations;
-    }
-    SetLastError(ERROR_SUCCESS);
-    return true;
-}
-
-bool VerQueryString(const VersionBlock& block, std::u16string_view subBlock,
-                    std::u16string* value) {
-    constexpr std::u16string_view kPrefix = u"\\StringFileInfo\\";
-    if (subBlock.size() <= kPrefix.size() + 9 ||
-        !SameName(subBlock.substr(0, kPrefix.size()), kPrefix) ||
-        subBlock[kPrefix.size() + 8] != u'\\') {
-        SetLastError(ERROR_RESOURCE_TYPE_NOT_FOUND);
-        return false;
-    }
-    // Stored keys are "llllcccc\Name" with lower-case hexadecimal digits.
-    std::u16string key(subBlock.substr(kPrefix.size()));
-    for (std::size_t i = 0; i < 8; ++i) {
-        if (key[i] >= u'A' && key[i] <= u'F') {
-            key[i] = static_cast<char16_t>(key[i] - u'A' + u'a');
-        }
-    }
-    for (const auto& [name, text] : block.strings) {
-        if (SameName(name, key)) {
-            if (value != nullptr) {
-                *value = text;
-            }
-            SetLastError(ERROR_SUCCESS);
-            return true;
-        }
-    }
-    SetLastError(ERROR_RESOURCE_NAME_NOT_FOUND);
-    return false;
-}
-
 bool LoadTextResource(HMODULE module, std::u16string_view type, std::u16string_view name,
                       std::string* text) {
     Table& t = table();

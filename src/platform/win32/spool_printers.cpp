@@ -286,8 +286,10 @@ DWORD GetPrinterDataW(HANDLE printer, std::u16string_view valueName, DWORD* type
     const std::u16string value(valueName);
     ::DWORD winType = 0;
     ::DWORD winNeeded = 0;
-    const ::DWORD status = ::GetPrinterDataW(printer, In(value), &winType,
-                                             static_cast<::BYTE*>(data), size, &winNeeded);
+    // Without a buffer the call is a size query, whatever `size` says.
+    const ::DWORD status =
+        ::GetPrinterDataW(printer, In(value), &winType, static_cast<::BYTE*>(data),
+                          data != nullptr ? size : 0, &winNeeded);
     if (status == ERROR_SUCCESS || status == ERROR_MORE_DATA) {
         if (type != nullptr) {
             *type = winType;

@@ -60,5 +60,9 @@ inline std::u16string FromWide(const wchar_t* text, std::size_t length) {
 
 }  // namespace platform::win32
 
+// Registry, resources, event log: the platform's RegGetValue (a whole value
+// into a vector) is its own call, not the one <winreg.h> maps to RegGetValueW.
+#undef RegGetValue
+
 // Security: the LSA policy calls (after <windows.h>, whose types they use).
 #include <ntsecapi.h>

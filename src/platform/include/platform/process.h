@@ -64,7 +64,9 @@ struct PROCESS_INFORMATION {
 inline constexpr DWORD ERROR_BROKEN_PIPE = 109;
 bool CreatePipe(UniquePipe* readPipe, UniquePipe* writePipe, const SecurityAttributes* attributes,
                 DWORD size);
-// Bytes waiting in a pipe without taking them (PeekNamedPipe's total).
+// Bytes waiting in a pipe without taking them (PeekNamedPipe's total). Fails
+// with ERROR_BROKEN_PIPE once the pipe is empty and every write end is
+// closed, and with ERROR_ACCESS_DENIED on a write end.
 bool PeekNamedPipe(HANDLE pipe, DWORD* totalBytesAvailable);
 
 // `applicationName` empty: the program is the command line's first word.

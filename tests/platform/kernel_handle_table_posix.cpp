@@ -1,4 +1,4 @@
-// The process-wide handle table and CloseHandle.
+// The embedded platform's process-wide handle table behind CloseHandle.
 #include <gtest/gtest.h>
 
 #include <atomic>

@@ -1,0 +1,54 @@
+// CloseHandle on every platform: what is open closes once, quietly; anything
+// else fails with ERROR_INVALID_HANDLE.
+#include <gtest/gtest.h>
+
+#include <cstdint>
+
+#include "ovtest.h"
+#include "platform/handle.h"
+#include "platform/kernel.h"
+#include "platform/process.h"
+
+namespace {
+
+using namespace platform;
+
+constexpr DWORD kPoison = 0xDEADBEEF;
+
+TEST(KernelClose, ValuesThatAreNeverOpenFailWithInvalidHandle) {
+    for (HANDLE bad : {static_cast<HANDLE>(nullptr), INVALID_HANDLE_VALUE,
+                       reinterpret_cast<HANDLE>(std::uintptr_t{0x7FFFFFFC})}) {
+        SetLastError(kPoison);
+        EXPECT_FALSE(CloseHandle(bad));
+        EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+    }
+}
+
+TEST(KernelClose, EachKindClosesOnceAndLeavesTheLastErrorAlone) {
+    UniqueEvent event = CreateEventW(nullptr, true, false, u"");
+    UniqueMapping mapping = CreateFileMappingW(nullptr, PAGE_READWRITE, 4096, u"");
+    UniquePipe readEnd;
+    UniquePipe writeEnd;
+    ASSERT_TRUE(CreatePipe(&readEnd, &writeEnd, nullptr, 0));
+    ASSERT_TRUE(event);
+    ASSERT_TRUE(mapping);
+    for (HANDLE h : {event.release(), mapping.release(), readEnd.release(), writeEnd.release()}) {
+        SetLastError(kPoison);
+        EXPECT_TRUE(CloseHandle(h));
+        EXPECT_EQ(GetLastError(), kPoison);
+        SetLastError(kPoison);
+        EXPECT_FALSE(CloseHandle(h));
+        EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+    }
+}
+
+TEST(KernelClose, ResetOfAnOwnerKeepsTheLastError) {
+    UniqueEvent event = CreateEventW(nullptr, false, false, u"");
+    ASSERT_TRUE(event);
+    SetLastError(kPoison);
+    event.reset();
+    EXPECT_FALSE(event);
+    EXPECT_EQ(GetLastError(), kPoison);
+}
+
+}  // namespace
