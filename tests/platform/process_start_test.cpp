@@ -433,6 +433,18 @@ TEST_F(ProcessStart, AProcessStartedWithATokenRunsAsItsUserInItsSession) {
     EXPECT_EQ(RunCaptured(SelfCommand("whoami"), nullptr, {}, token.get()).text, "alice in 5\n");
 }
 
+TEST_F(ProcessStart, AProcessStartedWithTheCallersTokenRunsAsTheCaller) {
+    UniqueToken token;
+    ASSERT_TRUE(OpenProcessToken(GetCurrentProcess(),
+                                 TOKEN_QUERY | TOKEN_DUPLICATE | TOKEN_ASSIGN_PRIMARY, &token))
+        << GetLastError();
+    std::u16string user;
+    ASSERT_TRUE(GetUserNameW(&user));
+    EXPECT_FALSE(user.empty());
+    const std::string expected = U8(user) + " in " + std::to_string(GetCurrentSessionId()) + "\n";
+    EXPECT_EQ(RunCaptured(SelfCommand("whoami"), nullptr, {}, token.get()).text, expected);
+}
+
 TEST_F(ProcessStart, OnlyTokensNameAUserToStartAs) {
     STARTUPINFOW si;
     PROCESS_INFORMATION pi;
