@@ -1,14 +1,11 @@
-// Service control: the machine's one service, its database lock and the
-// administrator check.
-#include <signal.h>
-
+// Service control: starting, stopping and querying a service, the status a
+// service process reports, the database lock and handle checks.
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <string>
 #include <thread>
 
@@ -17,17 +14,13 @@
 #include "platform/scm.h"
 #include "platform/security.h"
 #include "platform/wts.h"
+#include "scm_test_support.h"
 
-namespace {
+namespace scmtest {
 
 using namespace platform;
-using ovtest::U16;
 
-constexpr DWORD kPoison = 0xDEADBEEF;
-
-std::string SelfPath() {
-    return std::filesystem::read_symlink("/proc/self/exe").string();
-}
+namespace {
 
 std::atomic<bool> g_stopRequested{false};
 
@@ -40,32 +33,35 @@ SERVICE_STATUS Status(DWORD state, DWORD checkPoint = 0, DWORD waitHint = 0) {
     return s;
 }
 
-// A service program. "plain": runs until a signal ends it. "reporting":
-// reports its start and stop steps, and waits for <root>/go before running.
-OVTEST_CHILD(fake_service) {
-    if (args.empty() || args[0] == "plain") {
-        for (;;) {
-            std::this_thread::sleep_for(std::chrono::seconds(1));
-        }
-    }
-    SERVICE_STATUS_HANDLE h = RegisterServiceCtrlHandlerW(u"OvaspoolSvc", [](DWORD control) {
+SERVICE_STATUS_HANDLE RegisterStopHandler() {
+    return RegisterServiceCtrlHandlerW(u"OvaspoolSvc", [](DWORD control) {
         if (control == SERVICE_CONTROL_STOP) {
             g_stopRequested = true;
         }
     });
+}
+
+void WaitForStopRequest() {
+    while (!g_stopRequested) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+}
+
+}  // namespace
+
+int RunReportingService(const std::string& goFile) {
+    SERVICE_STATUS_HANDLE h = RegisterStopHandler();
     if (h == nullptr) {
         return 2;
     }
     SERVICE_STATUS s = Status(SERVICE_START_PENDING, 1, 4000);
     SetServiceStatus(h, &s);
-    while (!std::filesystem::exists(machine::Root() + "/go")) {
+    while (!std::filesystem::exists(goFile)) {
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
     s = Status(SERVICE_RUNNING);
     SetServiceStatus(h, &s);
-    while (!g_stopRequested) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
+    WaitForStopRequest();
     s = Status(SERVICE_STOP_PENDING, 1, 2000);
     SetServiceStatus(h, &s);
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
@@ -74,10 +70,27 @@ OVTEST_CHILD(fake_service) {
     return 0;
 }
 
+int RunPromptService() {
+    SERVICE_STATUS_HANDLE h = RegisterStopHandler();
+    if (h == nullptr) {
+        return 2;
+    }
+    SERVICE_STATUS s = Status(SERVICE_RUNNING);
+    SetServiceStatus(h, &s);
+    WaitForStopRequest();
+    s = Status(SERVICE_STOPPED);
+    SetServiceStatus(h, &s);
+    return 0;
+}
+
+namespace {
+
+constexpr DWORD kPoison = 0xDEADBEEF;
+
 // Tries to start the service from another process; exits with the error.
 OVTEST_CHILD(start_service) {
     UniqueServiceHandle m(OpenSCManagerW(u"", u"", SC_MANAGER_CONNECT));
-    UniqueServiceHandle s(OpenServiceW(m.get(), u"OvaspoolSvc", SERVICE_START));
+    UniqueServiceHandle s(OpenServiceW(m.get(), ovtest::U16(args.at(0)), SERVICE_START));
     if (!s) {
         return static_cast<int>(GetLastError() % 256);
     }
@@ -129,114 +142,74 @@ OVTEST_CHILD(non_admin) {
     return 0;
 }
 
-class ServiceControl : public ovtest::MachineTest {
-  protected:
-    void SetUp() override {
-        MachineTest::SetUp();
-        machine::SetSetting("service_program", SelfPath());
-        manager_ = UniqueServiceHandle(OpenSCManagerW(u"", u"", SC_MANAGER_ALL_ACCESS));
-        ASSERT_TRUE(manager_);
-        service_ =
-            UniqueServiceHandle(OpenServiceW(manager_.get(), u"OvaspoolSvc", SERVICE_ALL_ACCESS));
-        ASSERT_TRUE(service_);
-    }
-    void TearDown() override {
-        if (pid_t pid = ServicePid(); pid > 0) {
-            kill(pid, SIGKILL);
+std::u16string Lower(std::u16string text) {
+    for (auto& c : text) {
+        if (c >= u'A' && c <= u'Z') {
+            c = static_cast<char16_t>(c - u'A' + u'a');
         }
-        service_.reset();
-        manager_.reset();
-        MachineTest::TearDown();
     }
-    pid_t ServicePid() const {
-        std::ifstream in(root() + "/services/OvaspoolSvc.pid");
-        pid_t pid = 0;
-        in >> pid;
-        return pid;
-    }
-    SERVICE_STATUS Query() {
-        SERVICE_STATUS s;
-        s.dwCurrentState = kPoison;
-        EXPECT_TRUE(QueryServiceStatus(service_.get(), &s));
-        return s;
-    }
-    // Polls until the service reads `state`, for at most ten seconds.
-    SERVICE_STATUS WaitFor(DWORD state) {
-        SERVICE_STATUS s = Query();
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-        while (s.dwCurrentState != state && std::chrono::steady_clock::now() < deadline) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-            s = Query();
-        }
-        return s;
-    }
-    bool Start(const std::string& mode) {
-        return StartServiceW(service_.get(), {u"--child=fake_service", U16(mode)});
-    }
-
-    UniqueServiceHandle manager_;
-    UniqueServiceHandle service_;
-};
+    return text;
+}
 
 TEST_F(ServiceControl, ANeverStartedServiceIsStopped) {
     SERVICE_STATUS s = Query();
     EXPECT_EQ(s.dwCurrentState, SERVICE_STOPPED);
-    EXPECT_EQ(s.dwWin32ExitCode, ERROR_SUCCESS);
+    EXPECT_EQ(s.dwWin32ExitCode, ERROR_SERVICE_NEVER_STARTED);
     EXPECT_EQ(s.dwServiceType, SERVICE_WIN32_OWN_PROCESS);
     SetLastError(kPoison);
     EXPECT_FALSE(ControlService(service_.get(), SERVICE_CONTROL_STOP, &s));
     EXPECT_EQ(GetLastError(), ERROR_SERVICE_NOT_ACTIVE);
+    EXPECT_EQ(ServicePid(), 0u);
 }
 
-TEST_F(ServiceControl, StartRunsOneDetachedProcessAsSystemInSessionZero) {
-    ASSERT_TRUE(Start("plain"));
-    SERVICE_STATUS s = Query();
+TEST_F(ServiceControl, StartRunsTheServiceOnce) {
+    ASSERT_TRUE(Start("plain")) << GetLastError();
+    SERVICE_STATUS s = WaitFor(SERVICE_RUNNING);
     EXPECT_EQ(s.dwCurrentState, SERVICE_RUNNING);
     EXPECT_EQ(s.dwControlsAccepted, SERVICE_ACCEPT_STOP);
-    const pid_t pid = ServicePid();
-    ASSERT_GT(pid, 0);
-    DWORD session = kPoison;
-    ASSERT_TRUE(ProcessIdToSessionId(static_cast<DWORD>(pid), &session));
-    EXPECT_EQ(session, 0u);
-    // (ProcessIdToSessionId has waited for the program to be in place.)
-    std::ifstream in("/proc/" + std::to_string(pid) + "/environ", std::ios::binary);
-    const std::string env((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    EXPECT_NE(env.find(std::string("OVSVC_ROOT=") + root() + '\0'), std::string::npos);
-    EXPECT_NE(env.find("OVSVC_USER="), std::string::npos);
-    EXPECT_EQ(getsid(pid), pid);  // a session of its own: detached from the starter
+    const std::uint32_t pid = ServicePid();
+    ASSERT_GT(pid, 0u);
+    EXPECT_TRUE(ProcessAlive(pid));
 
     SetLastError(kPoison);
     EXPECT_FALSE(Start("plain"));
     EXPECT_EQ(GetLastError(), ERROR_SERVICE_ALREADY_RUNNING);
     // Another process sees the same service.
-    auto child = ovtest::Process::StartChild("start_service");
+    auto child = ovtest::Process::StartChild("start_service", {ovtest::U8(name_)});
     EXPECT_EQ(child.Wait(), static_cast<int>(ERROR_SERVICE_ALREADY_RUNNING % 256));
     EXPECT_EQ(ServicePid(), pid);
 }
 
 TEST_F(ServiceControl, StopEndsTheProcessAndReadsStopped) {
-    ASSERT_TRUE(Start("plain"));
-    const pid_t pid = ServicePid();
+    ASSERT_TRUE(Start("plain")) << GetLastError();
+    ASSERT_EQ(WaitFor(SERVICE_RUNNING).dwCurrentState, SERVICE_RUNNING);
+    const std::uint32_t pid = ServicePid();
     SERVICE_STATUS s;
     s.dwCurrentState = kPoison;
     ASSERT_TRUE(ControlService(service_.get(), SERVICE_CONTROL_STOP, &s));
     EXPECT_EQ(s.dwCurrentState, SERVICE_STOPPED);
     EXPECT_EQ(s.dwWin32ExitCode, ERROR_SUCCESS);
-    EXPECT_NE(kill(pid, 0), 0);
+    // The process ends once it has reported stopped.
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (ProcessAlive(pid) && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    EXPECT_FALSE(ProcessAlive(pid));
     EXPECT_EQ(Query().dwCurrentState, SERVICE_STOPPED);
     SetLastError(kPoison);
     EXPECT_FALSE(ControlService(service_.get(), SERVICE_CONTROL_STOP, &s));
     EXPECT_EQ(GetLastError(), ERROR_SERVICE_NOT_ACTIVE);
     // And it can be started again.
-    ASSERT_TRUE(Start("plain"));
+    ASSERT_TRUE(Start("plain")) << GetLastError();
+    EXPECT_EQ(WaitFor(SERVICE_RUNNING).dwCurrentState, SERVICE_RUNNING);
     EXPECT_NE(ServicePid(), pid);
-    EXPECT_EQ(Query().dwCurrentState, SERVICE_RUNNING);
 }
 
 TEST_F(ServiceControl, ADeadServiceProcessReadsAsStopped) {
-    ASSERT_TRUE(Start("plain"));
-    const pid_t pid = ServicePid();
-    ASSERT_EQ(kill(pid, SIGKILL), 0);
+    OVTEST_SKIP_UNDER_WINE("a service whose process was terminated still reads running");
+    ASSERT_TRUE(Start("plain")) << GetLastError();
+    ASSERT_EQ(WaitFor(SERVICE_RUNNING).dwCurrentState, SERVICE_RUNNING);
+    KillProcess(ServicePid());
     SERVICE_STATUS s = WaitFor(SERVICE_STOPPED);
     EXPECT_EQ(s.dwCurrentState, SERVICE_STOPPED);
     EXPECT_EQ(s.dwWin32ExitCode, ERROR_PROCESS_ABORTED);
@@ -246,17 +219,9 @@ TEST_F(ServiceControl, ADeadServiceProcessReadsAsStopped) {
     EXPECT_TRUE(Start("plain"));
 }
 
-TEST_F(ServiceControl, AStalePidOfAnotherProcessIsNotTheService) {
-    // A record whose process id now belongs to a different process.
-    std::filesystem::create_directories(root() + "/services");
-    std::ofstream(root() + "/services/OvaspoolSvc.pid") << getpid() << " 1\n";
-    EXPECT_EQ(Query().dwCurrentState, SERVICE_STOPPED);
-    EXPECT_TRUE(Start("plain"));
-}
-
 TEST_F(ServiceControl, ReportedStepsShowStateCheckpointAndWaitHint) {
-    ASSERT_TRUE(Start("reporting"));
-    SERVICE_STATUS s = WaitFor(SERVICE_START_PENDING);
+    ASSERT_TRUE(Start("reporting")) << GetLastError();
+    SERVICE_STATUS s = WaitFor(SERVICE_START_PENDING, 1);
     EXPECT_EQ(s.dwCurrentState, SERVICE_START_PENDING);
     EXPECT_EQ(s.dwCheckPoint, 1u);
     EXPECT_EQ(s.dwWaitHint, 4000u);
@@ -274,16 +239,20 @@ TEST_F(ServiceControl, InterrogateAndUnknownControls) {
     SetLastError(kPoison);
     EXPECT_FALSE(ControlService(service_.get(), SERVICE_CONTROL_INTERROGATE, &s));
     EXPECT_EQ(GetLastError(), ERROR_SERVICE_NOT_ACTIVE);
-    ASSERT_TRUE(Start("plain"));
+    ASSERT_TRUE(Start("plain")) << GetLastError();
+    ASSERT_EQ(WaitFor(SERVICE_RUNNING).dwCurrentState, SERVICE_RUNNING);
     EXPECT_TRUE(ControlService(service_.get(), SERVICE_CONTROL_INTERROGATE, &s));
     EXPECT_EQ(s.dwCurrentState, SERVICE_RUNNING);
     SetLastError(kPoison);
     EXPECT_FALSE(ControlService(service_.get(), 2 /* pause */, &s));
     EXPECT_EQ(GetLastError(), ERROR_INVALID_SERVICE_CONTROL);
+    SetLastError(kPoison);
+    EXPECT_FALSE(ControlService(service_.get(), SERVICE_CONTROL_STOP, nullptr));
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
 }
 
 TEST_F(ServiceControl, AMissingProgramCannotStart) {
-    machine::SetSetting("service_program", root() + "/nowhere/ovaspoolsvc");
+    PointServiceAtMissingProgram(root(), name_);
     SetLastError(kPoison);
     EXPECT_FALSE(Start("plain"));
     EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
@@ -292,24 +261,26 @@ TEST_F(ServiceControl, AMissingProgramCannotStart) {
 
 TEST_F(ServiceControl, HandlesCheckTheirKindAndRights) {
     SetLastError(kPoison);
-    EXPECT_EQ(OpenServiceW(manager_.get(), u"Spooler", SERVICE_QUERY_STATUS), nullptr);
+    EXPECT_EQ(OpenServiceW(manager_.get(), ovtest::U16(ovtest::UniqueName("OvNoSuchService")),
+                           SERVICE_QUERY_STATUS),
+              nullptr);
     EXPECT_EQ(GetLastError(), ERROR_SERVICE_DOES_NOT_EXIST);
-    UniqueServiceHandle lower(OpenServiceW(manager_.get(), u"ovaspoolsvc", SERVICE_QUERY_STATUS));
+    UniqueServiceHandle lower(OpenServiceW(manager_.get(), Lower(name_), SERVICE_QUERY_STATUS));
     EXPECT_TRUE(lower);
     SetLastError(kPoison);
     EXPECT_FALSE(StartServiceW(lower.get(), {}));
     EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
     SetLastError(kPoison);
-    EXPECT_EQ(OpenServiceW(service_.get(), u"OvaspoolSvc", SERVICE_QUERY_STATUS), nullptr);
+    EXPECT_EQ(OpenServiceW(service_.get(), name_, SERVICE_QUERY_STATUS), nullptr);
     EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
     SERVICE_STATUS s;
     SetLastError(kPoison);
     EXPECT_FALSE(QueryServiceStatus(manager_.get(), &s));
     EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
-
     SetLastError(kPoison);
-    EXPECT_EQ(OpenSCManagerW(u"\\\\elsewhere", u"", SC_MANAGER_CONNECT), nullptr);
-    EXPECT_EQ(GetLastError(), RPC_S_SERVER_UNAVAILABLE);
+    EXPECT_FALSE(QueryServiceStatus(service_.get(), nullptr));
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+
     SetLastError(kPoison);
     EXPECT_EQ(OpenSCManagerW(u"", u"ServicesFailed", SC_MANAGER_CONNECT), nullptr);
     EXPECT_EQ(GetLastError(), ERROR_DATABASE_DOES_NOT_EXIST);
@@ -324,7 +295,23 @@ TEST_F(ServiceControl, HandlesCheckTheirKindAndRights) {
     EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
 }
 
+TEST_F(ServiceControl, OnlyTheMachinesOwnServiceExists) {
+    OVTEST_EMBEDDED_ONLY("the embedded machine's single service");
+    SetLastError(kPoison);
+    EXPECT_EQ(OpenServiceW(manager_.get(), u"Spooler", SERVICE_QUERY_STATUS), nullptr);
+    EXPECT_EQ(GetLastError(), ERROR_SERVICE_DOES_NOT_EXIST);
+}
+
+TEST_F(ServiceControl, AnotherMachineIsUnreachable) {
+    OVTEST_SKIP_UNDER_WINE("OpenSCManagerW ignores the machine name");
+    SetLastError(kPoison);
+    EXPECT_EQ(OpenSCManagerW(u"\\\\ovsvc-no-such-machine.invalid", u"", SC_MANAGER_CONNECT),
+              nullptr);
+    EXPECT_EQ(GetLastError(), RPC_S_SERVER_UNAVAILABLE);
+}
+
 TEST_F(ServiceControl, TheDatabaseLockIsOneForTheWholeMachine) {
+    OVTEST_SKIP_UNDER_WINE("LockServiceDatabase grants every request");
     UniqueServiceLock lock(LockServiceDatabase(manager_.get()));
     ASSERT_TRUE(lock);
     SetLastError(kPoison);
@@ -351,6 +338,7 @@ TEST_F(ServiceControl, TheDatabaseLockIsOneForTheWholeMachine) {
 }
 
 TEST_F(ServiceControl, OnlyAdministratorsMayLockStartOrStop) {
+    OVTEST_EMBEDDED_ONLY("the embedded account table and per-process accounts");
     // An ordinary user and a member of BUILTIN\Administrators.
     const std::u16string adminGroups[] = {u"BUILTIN\\Administrators"};
     ASSERT_TRUE(AddAccount(u"OVDOMAIN\\bob", SidTypeUser, {}, nullptr));
@@ -374,6 +362,7 @@ TEST_F(ServiceControl, OnlyAdministratorsMayLockStartOrStop) {
 }
 
 TEST_F(ServiceControl, LockingNeedsTheLockRight) {
+    OVTEST_SKIP_UNDER_WINE("LockServiceDatabase checks neither rights nor handle kinds");
     UniqueServiceHandle connect(OpenSCManagerW(u"", u"", SC_MANAGER_CONNECT));
     SetLastError(kPoison);
     EXPECT_EQ(LockServiceDatabase(connect.get()), nullptr);
@@ -387,3 +376,5 @@ TEST_F(ServiceControl, LockingNeedsTheLockRight) {
 }
 
 }  // namespace
+
+}  // namespace scmtest

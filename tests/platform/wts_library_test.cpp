@@ -1,6 +1,8 @@
 // Binding the session functions at run time, and the version checks.
 #include <gtest/gtest.h>
 
+#include <string>
+#include <string_view>
 #include <vector>
 
 #include "ovtest.h"
@@ -16,6 +18,11 @@ constexpr DWORD kPoison = 0xDEADBEEF;
 
 class WtsLibrary : public ovtest::MachineTest {};
 
+template <typename F>
+FARPROC AsExport(F* function) {
+    return reinterpret_cast<FARPROC>(function);
+}
+
 TEST_F(WtsLibrary, SystemLibrariesLoadByAnyCaseWithOrWithoutExtension) {
     for (const char16_t* name : {u"WTSAPI32.DLL", u"wtsapi32.dll", u"WtsApi32", u"KERNEL32.DLL",
                                  u"kernel32", u"ntdll.dll", u"NTDLL"}) {
@@ -24,7 +31,7 @@ TEST_F(WtsLibrary, SystemLibrariesLoadByAnyCaseWithOrWithoutExtension) {
         EXPECT_NE(lib, nullptr) << ovtest::U8(name);
         EXPECT_TRUE(FreeLibrary(lib));
     }
-    for (const char16_t* name : {u"", u"wtsapi", u"wtsapi32.dll.dll", u"user32.dll", u".dll"}) {
+    for (const char16_t* name : {u"", u"wtsapi", u"wtsapi32.dll.dll", u".dll"}) {
         SetLastError(kPoison);
         EXPECT_EQ(LoadLibraryW(name), nullptr) << ovtest::U8(name);
         EXPECT_EQ(GetLastError(), ERROR_MOD_NOT_FOUND);
@@ -34,7 +41,52 @@ TEST_F(WtsLibrary, SystemLibrariesLoadByAnyCaseWithOrWithoutExtension) {
     EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
 }
 
+TEST_F(WtsLibrary, TheEmbeddedMachineHasOnlyTheThreeSystemLibraries) {
+    OVTEST_EMBEDDED_ONLY("the embedded machine's own library list");
+    SetLastError(kPoison);
+    EXPECT_EQ(LoadLibraryW(u"user32.dll"), nullptr);
+    EXPECT_EQ(GetLastError(), ERROR_MOD_NOT_FOUND);
+}
+
 TEST_F(WtsLibrary, ResolvedFunctionsAreTheCallsThemselves) {
+    HLIBRARY wts = LoadLibraryW(u"WTSAPI32.DLL");
+    ASSERT_NE(wts, nullptr);
+    EXPECT_EQ(GetProcAddress(wts, "WTSEnumerateSessionsW"), AsExport(&WTSEnumerateSessionsW));
+    EXPECT_EQ(GetProcAddress(wts, "WTSQuerySessionInformationW"),
+              AsExport(&WTSQuerySessionInformationW));
+    EXPECT_EQ(GetProcAddress(wts, "WTSFreeMemory"), AsExport(&WTSFreeMemory));
+    EXPECT_EQ(GetProcAddress(wts, "WTSEnumerateProcessesW"), AsExport(&WTSEnumerateProcessesW));
+    EXPECT_EQ(GetProcAddress(wts, "WTSWaitSystemEvent"), AsExport(&WTSWaitSystemEvent));
+    // Names are exact: no case folding, no export the library does not have.
+    SetLastError(kPoison);
+    EXPECT_EQ(GetProcAddress(wts, "wtsenumeratesessionsw"), nullptr);
+    EXPECT_EQ(GetLastError(), ERROR_PROC_NOT_FOUND);
+    SetLastError(kPoison);
+    EXPECT_EQ(GetProcAddress(wts, "WTSGetActiveConsoleSessionId"), nullptr);
+    EXPECT_EQ(GetLastError(), ERROR_PROC_NOT_FOUND);
+    SetLastError(kPoison);
+    EXPECT_EQ(GetProcAddress(wts, std::string_view("WTSFreeMemory\0", 14)), nullptr);
+    EXPECT_EQ(GetLastError(), ERROR_PROC_NOT_FOUND);
+
+    HLIBRARY kernel = LoadLibraryW(u"KERNEL32.DLL");
+    ASSERT_NE(kernel, nullptr);
+    EXPECT_EQ(GetProcAddress(kernel, "WTSGetActiveConsoleSessionId"),
+              AsExport(&WTSGetActiveConsoleSessionId));
+    EXPECT_EQ(GetProcAddress(kernel, "ProcessIdToSessionId"), AsExport(&ProcessIdToSessionId));
+    EXPECT_EQ(GetProcAddress(kernel, "VerifyVersionInfoA"), AsExport(&VerifyVersionInfoA));
+    HLIBRARY ntdll = LoadLibraryW(u"ntdll.dll");
+    ASSERT_NE(ntdll, nullptr);
+    EXPECT_EQ(GetProcAddress(ntdll, "VerSetConditionMask"), AsExport(&VerSetConditionMask));
+    SetLastError(kPoison);
+    EXPECT_EQ(GetProcAddress(nullptr, "VerifyVersionInfoA"), nullptr);
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+    EXPECT_TRUE(FreeLibrary(ntdll));
+    EXPECT_TRUE(FreeLibrary(kernel));
+    EXPECT_TRUE(FreeLibrary(wts));
+}
+
+TEST_F(WtsLibrary, ResolvedFunctionsAnswerForTheMachine) {
+    OVTEST_EMBEDDED_ONLY("a fresh embedded machine's sessions and console switch");
     HLIBRARY wts = LoadLibraryW(u"WTSAPI32.DLL");
     ASSERT_NE(wts, nullptr);
     using Enumerate = bool (*)(HANDLE, DWORD, DWORD, std::vector<WTS_SESSION_INFOW>*);
@@ -43,32 +95,31 @@ TEST_F(WtsLibrary, ResolvedFunctionsAreTheCallsThemselves) {
     std::vector<WTS_SESSION_INFOW> sessions;
     ASSERT_TRUE(enumerate(WTS_CURRENT_SERVER_HANDLE, 0, 1, &sessions));
     EXPECT_EQ(sessions.size(), 2u);
-
-    for (const char* name : {"WTSQuerySessionInformationW", "WTSFreeMemory",
-                             "WTSEnumerateProcessesW", "WTSWaitSystemEvent"}) {
-        EXPECT_NE(GetProcAddress(wts, name), nullptr) << name;
-    }
-    // Names are exact: no case folding, no narrow variant that does not exist.
-    SetLastError(kPoison);
-    EXPECT_EQ(GetProcAddress(wts, "wtsenumeratesessionsw"), nullptr);
-    EXPECT_EQ(GetLastError(), ERROR_PROC_NOT_FOUND);
-    EXPECT_EQ(GetProcAddress(wts, "WTSGetActiveConsoleSessionId"), nullptr);
-
-    HLIBRARY kernel = LoadLibraryW(u"KERNEL32.DLL");
     using Console = DWORD (*)() noexcept;
-    auto console =
-        reinterpret_cast<Console>(GetProcAddress(kernel, "WTSGetActiveConsoleSessionId"));
+    auto console = reinterpret_cast<Console>(
+        GetProcAddress(LoadLibraryW(u"KERNEL32.DLL"), "WTSGetActiveConsoleSessionId"));
     ASSERT_NE(console, nullptr);
     machine::SetSetting("console_session", "5");
     EXPECT_EQ(console(), 5u);
-    EXPECT_NE(GetProcAddress(kernel, "VerifyVersionInfoA"), nullptr);
-    EXPECT_NE(GetProcAddress(LoadLibraryW(u"ntdll.dll"), "VerSetConditionMask"), nullptr);
+}
+
+TEST_F(WtsLibrary, FunctionsStayCallableAfterTheLibraryIsReleased) {
+    HLIBRARY wts = LoadLibraryW(u"WTSAPI32.DLL");
+    ASSERT_NE(wts, nullptr);
+    using Query = bool (*)(HANDLE, DWORD, WTS_INFO_CLASS, std::vector<std::byte>*);
+    auto query = reinterpret_cast<Query>(GetProcAddress(wts, "WTSQuerySessionInformationW"));
+    ASSERT_NE(query, nullptr);
+    ASSERT_TRUE(FreeLibrary(wts));
+    std::vector<std::byte> b;
     SetLastError(kPoison);
-    EXPECT_EQ(GetProcAddress(nullptr, "VerifyVersionInfoA"), nullptr);
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+    EXPECT_FALSE(query(WTS_CURRENT_SERVER_HANDLE, WTS_CURRENT_SESSION, WTSOEMId, &b));
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+    EXPECT_TRUE(query(WTS_CURRENT_SERVER_HANDLE, WTS_CURRENT_SESSION, WTSUserName, &b));
+    EXPECT_GE(b.size(), 2u);
 }
 
 TEST_F(WtsLibrary, SwitchMakesTheSessionLibraryAbsent) {
+    OVTEST_EMBEDDED_ONLY("machine.conf switch wtsapi32");
     machine::SetSetting("wtsapi32", "0");
     SetLastError(kPoison);
     EXPECT_EQ(LoadLibraryW(u"WTSAPI32.DLL"), nullptr);
@@ -81,6 +132,7 @@ TEST_F(WtsLibrary, SwitchMakesTheSessionLibraryAbsent) {
 }
 
 TEST_F(WtsLibrary, SwitchRemovesSingleExports) {
+    OVTEST_EMBEDDED_ONLY("machine.conf switch wtsapi32_missing");
     machine::SetSetting("wtsapi32_missing", "WTSFreeMemory,WTSEnumerateSessionsW");
     HLIBRARY wts = LoadLibraryW(u"WTSAPI32.DLL");
     ASSERT_NE(wts, nullptr);
@@ -105,7 +157,8 @@ TEST_F(WtsLibrary, UnusedExportsSayTheyAreNotImplemented) {
 
 TEST_F(WtsLibrary, FreeMemoryEmptiesAResult) {
     std::vector<std::byte> b;
-    ASSERT_TRUE(WTSQuerySessionInformationW(WTS_CURRENT_SERVER_HANDLE, 0, WTSWinStationName, &b));
+    ASSERT_TRUE(WTSQuerySessionInformationW(WTS_CURRENT_SERVER_HANDLE, WTS_CURRENT_SESSION,
+                                            WTSUserName, &b));
     EXPECT_FALSE(b.empty());
     WTSFreeMemory(&b);
     EXPECT_TRUE(b.empty());
@@ -137,6 +190,7 @@ TEST(VersionCheck, ConditionMaskPutsThreeBitsPerField) {
 class VersionInfo : public ovtest::MachineTest {};
 
 TEST_F(VersionInfo, ComparesAgainstTheRunningSystem) {
+    OVTEST_EMBEDDED_ONLY("machine.conf switch os_version");
     machine::SetSetting("os_version", "5.2.3790");
     OSVERSIONINFOEXW wanted;
     wanted.dwMajorVersion = 5;
@@ -153,8 +207,37 @@ TEST_F(VersionInfo, ComparesAgainstTheRunningSystem) {
                                    VerSetConditionMask(0, VER_PLATFORMID, VER_EQUAL)));
     SetLastError(kPoison);
     EXPECT_FALSE(VerifyVersionInfoA(&wanted, 0, ge));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+    EXPECT_EQ(GetLastError(), ERROR_BAD_ARGUMENTS);
     EXPECT_FALSE(VerifyVersionInfoA(nullptr, VER_MAJORVERSION, ge));
+}
+
+TEST_F(VersionInfo, ComparesAgainstTheReportedVersion) {
+    OSVERSIONINFOEXW system;
+    ASSERT_TRUE(GetVersionExW(&system));
+    const auto ge = VerSetConditionMask(VerSetConditionMask(0, VER_MAJORVERSION, VER_GREATER_EQUAL),
+                                        VER_MINORVERSION, VER_GREATER_EQUAL);
+    OSVERSIONINFOEXW wanted;
+    wanted.dwMajorVersion = system.dwMajorVersion;
+    wanted.dwMinorVersion = system.dwMinorVersion;
+    SetLastError(kPoison);
+    EXPECT_TRUE(VerifyVersionInfoA(&wanted, VER_MAJORVERSION | VER_MINORVERSION, ge));
+    wanted.dwMajorVersion = system.dwMajorVersion + 1;
+    SetLastError(kPoison);
+    EXPECT_FALSE(VerifyVersionInfoA(&wanted, VER_MAJORVERSION | VER_MINORVERSION, ge));
+    EXPECT_EQ(GetLastError(), ERROR_OLD_WIN_VERSION);
+    wanted.dwMajorVersion = system.dwMajorVersion;
+    wanted.dwPlatformId = VER_PLATFORM_WIN32_NT;
+    EXPECT_TRUE(VerifyVersionInfoA(&wanted, VER_PLATFORMID,
+                                   VerSetConditionMask(0, VER_PLATFORMID, VER_EQUAL)));
+    for (DWORD typeMask : {DWORD{0}, VER_MAJORVERSION}) {
+        const std::uint64_t mask = typeMask == 0 ? ge : 0;
+        SetLastError(kPoison);
+        EXPECT_FALSE(VerifyVersionInfoA(&wanted, typeMask, mask)) << typeMask;
+        EXPECT_EQ(GetLastError(), ERROR_BAD_ARGUMENTS) << typeMask;
+    }
+    SetLastError(kPoison);
+    EXPECT_FALSE(VerifyVersionInfoA(nullptr, VER_MAJORVERSION, ge));
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
 }
 
 TEST_F(VersionInfo, SuiteTestMatchesWhatTheSystemReports) {
@@ -168,7 +251,12 @@ TEST_F(VersionInfo, SuiteTestMatchesWhatTheSystemReports) {
                   (system.wSuiteMask & suite) == suite)
             << suite;
     }
-    // The emulated machine is a terminal server.
+}
+
+TEST_F(VersionInfo, TheEmulatedMachineIsATerminalServer) {
+    OVTEST_EMBEDDED_ONLY("the embedded machine's suite mask");
+    const auto mask = VerSetConditionMask(0, VER_SUITENAME, VER_AND);
+    OSVERSIONINFOEXW wanted;
     wanted.wSuiteMask = VER_SUITE_TERMINAL;
     EXPECT_TRUE(VerifyVersionInfoA(&wanted, VER_SUITENAME, mask));
 }

@@ -64,6 +64,7 @@ DWORD ReadDword(std::u16string_view key, std::u16string_view name) {
 class WtsSessions : public ovtest::MachineTest {};
 
 TEST_F(WtsSessions, FreshMachineHasConsoleAndListener) {
+    OVTEST_EMBEDDED_ONLY("a fresh embedded machine's session table");
     auto sessions = Enumerate();
     ASSERT_EQ(sessions.size(), 2u);
     EXPECT_EQ(sessions[0].SessionId, 0u);
@@ -75,6 +76,7 @@ TEST_F(WtsSessions, FreshMachineHasConsoleAndListener) {
 }
 
 TEST_F(WtsSessions, FreshMachineIsAnApplicationServerAcceptingConnections) {
+    OVTEST_EMBEDDED_ONLY("the embedded terminal server's registry defaults");
     Enumerate();
     const std::u16string ts = u"SYSTEM\\CurrentControlSet\\Control\\Terminal Server";
     EXPECT_EQ(ReadDword(ts, u"TSAppCompat"), 1u);
@@ -92,6 +94,7 @@ TEST_F(WtsSessions, FreshMachineIsAnApplicationServerAcceptingConnections) {
 }
 
 TEST_F(WtsSessions, DefaultsNeverOverwriteWhatAnAdministratorSet) {
+    OVTEST_EMBEDDED_ONLY("the embedded terminal server's registry defaults");
     UniqueKey ts;
     ASSERT_EQ(
         RegCreateKeyExW(HKEY_LOCAL_MACHINE, u"SYSTEM\\CurrentControlSet\\Control\\Terminal Server",
@@ -108,6 +111,7 @@ TEST_F(WtsSessions, DefaultsNeverOverwriteWhatAnAdministratorSet) {
 }
 
 TEST_F(WtsSessions, LogonWritesTheTableOtherPartsRead) {
+    OVTEST_EMBEDDED_ONLY("logging sessions on in the embedded session table");
     ASSERT_EQ(terminal::Logon(Remote(3, "alice")), ERROR_SUCCESS);
     UniqueKey key;
     ASSERT_EQ(RegOpenKeyExW(HKEY_LOCAL_MACHINE, u"SOFTWARE\\OVSvc Embedded\\Sessions\\3", 0,
@@ -126,6 +130,7 @@ TEST_F(WtsSessions, LogonWritesTheTableOtherPartsRead) {
 }
 
 TEST_F(WtsSessions, QueryAnswersInWindowsLayouts) {
+    OVTEST_EMBEDDED_ONLY("logging sessions on in the embedded session table");
     ASSERT_EQ(terminal::Logon(Remote(3, "alice", "192.168.17.201")), ERROR_SUCCESS);
     std::vector<std::byte> b;
 
@@ -162,6 +167,7 @@ TEST_F(WtsSessions, QueryAnswersInWindowsLayouts) {
 }
 
 TEST_F(WtsSessions, ConsoleWithoutUserAnswersEmptyTextsAndNoAddress) {
+    OVTEST_EMBEDDED_ONLY("a fresh embedded machine's console session");
     std::vector<std::byte> b;
     ASSERT_TRUE(WTSQuerySessionInformationW(WTS_CURRENT_SERVER_HANDLE, 0, WTSUserName, &b));
     EXPECT_EQ(b.size(), 2u);
@@ -170,11 +176,16 @@ TEST_F(WtsSessions, ConsoleWithoutUserAnswersEmptyTextsAndNoAddress) {
     EXPECT_EQ(DwordOf(b), AF_UNSPEC);
 }
 
-TEST_F(WtsSessions, BadQueriesFailWithWindowsErrors) {
+TEST_F(WtsSessions, AnUnknownSessionIsNotFound) {
+    OVTEST_SKIP_UNDER_WINE("WTSQuerySessionInformationW answers the user name for any session id");
     std::vector<std::byte> b;
     SetLastError(kPoison);
-    EXPECT_FALSE(WTSQuerySessionInformationW(WTS_CURRENT_SERVER_HANDLE, 42, WTSUserName, &b));
+    EXPECT_FALSE(WTSQuerySessionInformationW(WTS_CURRENT_SERVER_HANDLE, 4242, WTSUserName, &b));
     EXPECT_EQ(GetLastError(), ERROR_CTX_WINSTATION_NOT_FOUND);
+}
+
+TEST_F(WtsSessions, BadQueriesFailWithWindowsErrors) {
+    std::vector<std::byte> b;
     SetLastError(kPoison);
     EXPECT_FALSE(WTSQuerySessionInformationW(WTS_CURRENT_SERVER_HANDLE, 0, WTSOEMId, &b));
     EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
@@ -185,9 +196,88 @@ TEST_F(WtsSessions, BadQueriesFailWithWindowsErrors) {
     SetLastError(kPoison);
     EXPECT_FALSE(WTSEnumerateSessionsW(WTS_CURRENT_SERVER_HANDLE, 1, 1, &s));
     EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+    SetLastError(kPoison);
+    EXPECT_FALSE(WTSEnumerateSessionsW(WTS_CURRENT_SERVER_HANDLE, 0, 1, nullptr));
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+    SetLastError(kPoison);
+    EXPECT_FALSE(WTSQuerySessionInformationW(WTS_CURRENT_SERVER_HANDLE, WTS_CURRENT_SESSION,
+                                             WTSUserName, nullptr));
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+}
+
+// What any machine says about the caller's own session: it is listed, in id
+// order, and every class comes back in Windows' layout.
+TEST_F(WtsSessions, TheCallersSessionIsListedAndAnswersInWindowsLayouts) {
+    OVTEST_SKIP_UNDER_WINE(
+        "WTSEnumerateSessionsW lists no sessions and "
+        "WTSQuerySessionInformationW answers only user and domain names");
+    const DWORD self = GetCurrentSessionId();
+    auto sessions = Enumerate();
+    ASSERT_FALSE(sessions.empty());
+    for (std::size_t i = 1; i < sessions.size(); ++i) {
+        EXPECT_LT(sessions[i - 1].SessionId, sessions[i].SessionId);
+    }
+    const WTS_SESSION_INFOW* mine = nullptr;
+    for (const auto& info : sessions) {
+        if (info.SessionId == self) {
+            mine = &info;
+        }
+    }
+    ASSERT_NE(mine, nullptr) << self;
+
+    std::vector<std::byte> b;
+    ASSERT_TRUE(WTSQuerySessionInformationW(WTS_CURRENT_SERVER_HANDLE, WTS_CURRENT_SESSION,
+                                            WTSSessionId, &b));
+    ASSERT_EQ(b.size(), 4u);
+    EXPECT_EQ(DwordOf(b), self);
+    ASSERT_TRUE(WTSQuerySessionInformationW(WTS_CURRENT_SERVER_HANDLE, self, WTSConnectState, &b));
+    ASSERT_EQ(b.size(), 4u);
+    EXPECT_EQ(DwordOf(b), static_cast<DWORD>(mine->State));
+    ASSERT_TRUE(
+        WTSQuerySessionInformationW(WTS_CURRENT_SERVER_HANDLE, self, WTSWinStationName, &b));
+    EXPECT_EQ(TextOf(b), mine->pWinStationName + u'\0');
+    for (WTS_INFO_CLASS text : {WTSUserName, WTSDomainName, WTSClientName}) {
+        ASSERT_TRUE(WTSQuerySessionInformationW(WTS_CURRENT_SERVER_HANDLE, self, text, &b)) << text;
+        ASSERT_GE(b.size(), 2u) << text;
+        EXPECT_EQ(b.size() % 2, 0u) << text;
+        EXPECT_EQ(TextOf(b).find(u'\0'), b.size() / 2 - 1) << text;  // one terminator, at the end
+    }
+    ASSERT_TRUE(WTSQuerySessionInformationW(WTS_CURRENT_SERVER_HANDLE, self, WTSClientAddress, &b));
+    ASSERT_EQ(b.size(), 24u);
+    const DWORD family = DwordOf(b);
+    EXPECT_TRUE(family == AF_UNSPEC || family == AF_INET) << family;
+    ASSERT_TRUE(
+        WTSQuerySessionInformationW(WTS_CURRENT_SERVER_HANDLE, self, WTSClientProtocolType, &b));
+    EXPECT_EQ(b.size(), 2u);
+}
+
+TEST_F(WtsSessions, ReadingTheTableMatchesTheSessionCalls) {
+    OVTEST_SKIP_UNDER_WINE("WTSEnumerateSessionsW lists no sessions");
+    std::vector<terminal::Session> table;
+    ASSERT_EQ(terminal::ListSessions(&table), ERROR_SUCCESS);
+    auto sessions = Enumerate();
+    ASSERT_EQ(table.size(), sessions.size());
+    for (std::size_t i = 0; i < table.size(); ++i) {
+        EXPECT_EQ(table[i].id, sessions[i].SessionId);
+        EXPECT_EQ(table[i].winStationName, sessions[i].pWinStationName);
+    }
+    terminal::Session s;
+    EXPECT_EQ(terminal::GetSession(4242, &s), ERROR_CTX_WINSTATION_NOT_FOUND);
+    EXPECT_EQ(terminal::GetSession(0, nullptr), ERROR_INVALID_PARAMETER);
+}
+
+TEST_F(WtsSessions, WindowsHasNoSessionTableToAdminister) {
+    if (!ovtest::IsWin32Platform()) {
+        GTEST_SKIP() << "the embedded machine administers its own table (tests above)";
+    }
+    EXPECT_EQ(terminal::Logon(Remote(3, "alice")), ERROR_NOT_SUPPORTED);
+    EXPECT_EQ(terminal::Disconnect(3), ERROR_NOT_SUPPORTED);
+    EXPECT_EQ(terminal::Logoff(3), ERROR_NOT_SUPPORTED);
+    EXPECT_EQ(terminal::SetState(3, WTSActive), ERROR_NOT_SUPPORTED);
 }
 
 TEST_F(WtsSessions, EverySessionStateIsKeptAndEnumerated) {
+    OVTEST_EMBEDDED_ONLY("setting states in the embedded session table");
     const DWORD states[] = {WTSActive, WTSConnected, WTSConnectQuery, WTSShadow, WTSDisconnected,
                             WTSIdle,   WTSListen,    WTSReset,        WTSDown,   WTSInit,
                             12};
@@ -204,6 +294,7 @@ TEST_F(WtsSessions, EverySessionStateIsKeptAndEnumerated) {
 }
 
 TEST_F(WtsSessions, DisconnectReconnectAndLogoff) {
+    OVTEST_EMBEDDED_ONLY("logging sessions on in the embedded session table");
     ASSERT_EQ(terminal::Logon(Remote(4, "bob")), ERROR_SUCCESS);
     ASSERT_EQ(terminal::Disconnect(4), ERROR_SUCCESS);
     terminal::Session s;
@@ -226,6 +317,7 @@ TEST_F(WtsSessions, DisconnectReconnectAndLogoff) {
 }
 
 TEST_F(WtsSessions, ConsoleLogoffLeavesTheConsoleConnected) {
+    OVTEST_EMBEDDED_ONLY("logging sessions on in the embedded session table");
     terminal::Session admin = Remote(0, "admin");
     admin.clientName.clear();
     admin.clientAddress.clear();
@@ -244,6 +336,7 @@ TEST_F(WtsSessions, ConsoleLogoffLeavesTheConsoleConnected) {
 }
 
 TEST_F(WtsSessions, LogonRejectsBadInput) {
+    OVTEST_EMBEDDED_ONLY("logging sessions on in the embedded session table");
     for (const char* bad : {"1.2.3", "1.2.3.4.5", "256.1.1.1", "a.b.c.d", "1..2.3", "-1.2.3.4",
                             "1.2.3.4 ", "01234.1.1.1"}) {
         EXPECT_EQ(terminal::Logon(Remote(5, "carol", bad)), ERROR_INVALID_PARAMETER) << bad;
@@ -256,6 +349,7 @@ TEST_F(WtsSessions, LogonRejectsBadInput) {
 }
 
 TEST_F(WtsSessions, ClientPrintersRoundTripInOrder) {
+    OVTEST_EMBEDDED_ONLY("logging sessions on in the embedded session table");
     terminal::Session s = Remote(6, "dave");
     for (DWORD i = 0; i < 12; ++i) {  // more than ten, so ordering by text would show
         terminal::ClientPrinter p;
@@ -293,6 +387,7 @@ TEST_F(WtsSessions, ClientPrintersRoundTripInOrder) {
 }
 
 TEST_F(WtsSessions, ConsoleSessionIdComesFromTheMachine) {
+    OVTEST_EMBEDDED_ONLY("machine.conf switch console_session");
     EXPECT_EQ(WTSGetActiveConsoleSessionId(), 0u);
     machine::SetSetting("console_session", "3");
     EXPECT_EQ(WTSGetActiveConsoleSessionId(), 3u);
@@ -301,6 +396,7 @@ TEST_F(WtsSessions, ConsoleSessionIdComesFromTheMachine) {
 }
 
 TEST_F(WtsSessions, EachRootHasItsOwnTable) {
+    OVTEST_EMBEDDED_ONLY("the embedded session table per machine root");
     ASSERT_EQ(terminal::Logon(Remote(7, "erin")), ERROR_SUCCESS);
     const std::string other = ovtest::MakeTempDir("ovsvc-test-other-");
     machine::UseRoot(other);
@@ -350,6 +446,7 @@ OVTEST_CHILD(idle_in_session) {
 class WtsCurrentSession : public ovtest::MachineTest {};
 
 TEST_F(WtsCurrentSession, AProcessKnowsItsSessionEvenWithoutATableEntry) {
+    OVTEST_EMBEDDED_ONLY("starting processes in a chosen embedded session");
     terminal::Session s;
     s.id = 7;
     s.userName = u"alice";
@@ -360,7 +457,29 @@ TEST_F(WtsCurrentSession, AProcessKnowsItsSessionEvenWithoutATableEntry) {
     EXPECT_EQ(loggedOff.Wait(), 9);
 }
 
+TEST_F(WtsCurrentSession, AChildRunsInItsParentsSession) {
+    OVTEST_SKIP_UNDER_WINE("WTSQuerySessionInformationW does not answer WTSSessionId");
+    auto child = ovtest::Process::StartChild("own_session", {"any"});
+    EXPECT_EQ(child.Wait(), static_cast<int>(GetCurrentSessionId()));
+}
+
+TEST_F(WtsCurrentSession, ProcessIdsMapToSessions) {
+    DWORD self = 0xDEADBEEF;
+    SetLastError(0xDEADBEEF);
+    ASSERT_TRUE(ProcessIdToSessionId(GetCurrentProcessId(), &self));
+    EXPECT_EQ(self, GetCurrentSessionId());
+    DWORD id = 0xDEADBEEF;
+    SetLastError(0xDEADBEEF);
+    EXPECT_FALSE(ProcessIdToSessionId(0x7FFFFFF0, &id));
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+    EXPECT_EQ(id, 0xDEADBEEF);
+    SetLastError(0xDEADBEEF);
+    EXPECT_FALSE(ProcessIdToSessionId(GetCurrentProcessId(), nullptr));
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+}
+
 TEST_F(WtsCurrentSession, ProcessIdsOfOtherProcessesMapToTheirSessions) {
+    OVTEST_EMBEDDED_ONLY("starting processes in a chosen embedded session");
     auto child = ovtest::Process::StartChild("idle_in_session", {}, {"OVSVC_SESSION_ID=11"});
     // Until the child's program is in place it still has the parent's environment.
     DWORD id = 0xDEADBEEF;
@@ -375,13 +494,15 @@ TEST_F(WtsCurrentSession, ProcessIdsOfOtherProcessesMapToTheirSessions) {
     EXPECT_EQ(id, 11u);
     child.Kill();
     child.Wait();
-    DWORD self = 0xDEADBEEF;
-    ASSERT_TRUE(ProcessIdToSessionId(GetCurrentProcessId(), &self));
-    EXPECT_EQ(self, GetCurrentSessionId());
-    SetLastError(0xDEADBEEF);
-    EXPECT_FALSE(ProcessIdToSessionId(0x7FFFFFF0, &id));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
-    EXPECT_FALSE(ProcessIdToSessionId(GetCurrentProcessId(), nullptr));
+}
+
+TEST_F(WtsCurrentSession, AnotherProcessOfThisSessionMapsToIt) {
+    auto child = ovtest::Process::StartChild("idle_in_session");
+    DWORD id = 0xDEADBEEF;
+    ASSERT_TRUE(ProcessIdToSessionId(static_cast<DWORD>(child.pid()), &id));
+    EXPECT_EQ(id, GetCurrentSessionId());
+    child.Kill();
+    child.Wait();
 }
 
 }  // namespace

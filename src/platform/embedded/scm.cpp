@@ -200,7 +200,9 @@ SERVICE_STATUS CurrentStatus() {
     const bool stopping = recorded && ReadStopRequest(record.pid, &stop);
     if (!recorded || !IsAlive(record)) {
         status.dwCurrentState = SERVICE_STOPPED;
-        if (hasReport && reported.status.dwCurrentState == SERVICE_STOPPED) {
+        if (!recorded) {
+            status.dwWin32ExitCode = ERROR_SERVICE_NEVER_STARTED;
+        } else if (hasReport && reported.status.dwCurrentState == SERVICE_STOPPED) {
             status.dwWin32ExitCode = reported.status.dwWin32ExitCode;
         } else if (recorded && !stopping) {
             status.dwWin32ExitCode = ERROR_PROCESS_ABORTED;  // ended without being stopped

@@ -157,8 +157,12 @@ std::uint64_t VerSetConditionMask(std::uint64_t conditionMask, DWORD typeMask,
 
 bool VerifyVersionInfoA(const OSVERSIONINFOEXW* info, DWORD typeMask, std::uint64_t conditionMask) {
     OSVERSIONINFOEXW system;
-    if (info == nullptr || typeMask == 0 || conditionMask == 0 || !GetVersionExW(&system)) {
+    if (info == nullptr || !GetVersionExW(&system)) {
         SetLastError(ERROR_INVALID_PARAMETER);
+        return false;
+    }
+    if (typeMask == 0 || conditionMask == 0) {
+        SetLastError(ERROR_BAD_ARGUMENTS);
         return false;
     }
     const std::pair<DWORD, std::pair<DWORD, DWORD>> fields[] = {

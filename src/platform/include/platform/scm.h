@@ -34,6 +34,8 @@ inline constexpr DWORD ERROR_SERVICE_REQUEST_TIMEOUT = 1053;
 inline constexpr DWORD ERROR_DATABASE_DOES_NOT_EXIST = 1065;
 inline constexpr DWORD ERROR_PROCESS_ABORTED = 1067;
 inline constexpr DWORD ERROR_INVALID_SERVICE_LOCK = 1071;
+// The exit code a service that has never run reads with.
+inline constexpr DWORD ERROR_SERVICE_NEVER_STARTED = 1077;
 inline constexpr DWORD RPC_S_SERVER_UNAVAILABLE = 1722;
 
 // Manager rights.

@@ -37,6 +37,7 @@
 
 namespace platform {
 
+inline constexpr DWORD ERROR_BAD_ARGUMENTS = 160;
 inline constexpr DWORD ERROR_OLD_WIN_VERSION = 1150;
 // No session with the id asked for.
 inline constexpr DWORD ERROR_CTX_WINSTATION_NOT_FOUND = 7022;
@@ -154,9 +155,9 @@ std::uint64_t VerSetConditionMask(std::uint64_t conditionMask, DWORD typeMask,
 // and minor version named in typeMask, by OR into the mask; condition 0
 // (after masking to three bits) or an empty typeMask leave the mask as it is.
 // VerifyVersionInfoA: true when the running system matches every field named
-// in typeMask; otherwise false with ERROR_OLD_WIN_VERSION. No info, or a
-// typeMask or conditionMask of 0: ERROR_INVALID_PARAMETER. The suite mask is
-// what GetVersionExW reports.
+// in typeMask; otherwise false with ERROR_OLD_WIN_VERSION. No info:
+// ERROR_INVALID_PARAMETER; a typeMask or conditionMask of 0: Windows'
+// ERROR_BAD_ARGUMENTS. The suite mask is what GetVersionExW reports.
 bool VerifyVersionInfoA(const OSVERSIONINFOEXW* info, DWORD typeMask, std::uint64_t conditionMask);
 
 // ---- run-time binding ----------------------------------------------------------
