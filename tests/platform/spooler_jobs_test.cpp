@@ -13,6 +13,10 @@ using namespace platform;
 using spooltest::OpenAll;
 using spooltest::Poison;
 
+constexpr char kNoQueueUnderWine[] =
+    "Wine's spooler keeps no queue: it sends a job to its port when the document ends "
+    "(EndDocPrinter fails for LPT1: here) and its EnumJobsW lists nothing";
+
 class SpoolerJobs : public spooltest::SpoolerTest {
   protected:
     DWORD Jobs(const std::u16string& printer) {
@@ -32,7 +36,7 @@ class SpoolerJobs : public spooltest::SpoolerTest {
 };
 
 TEST_F(SpoolerJobs, QueuedJobsCountInTheRecordUntilDeleted) {
-    OVTEST_SKIP_UNDER_WINE("Wine's spooler lists no jobs and cannot end a document it started");
+    OVTEST_SKIP_UNDER_WINE(kNoQueueUnderWine);
     const auto name = Name(u"Office");
     AddPrinter(name);
     auto printer = OpenPrinterW(name);
@@ -80,7 +84,7 @@ TEST_F(SpoolerJobs, QueuedJobsCountInTheRecordUntilDeleted) {
 }
 
 TEST_F(SpoolerJobs, PrinterWithJobsIsDeletedWhenItsLastJobEnds) {
-    OVTEST_SKIP_UNDER_WINE("Wine's spooler lists no jobs and cannot end a document it started");
+    OVTEST_SKIP_UNDER_WINE(kNoQueueUnderWine);
     AddPrinter(Name(u"Busy"));
     auto printer = OpenAll(Name(u"Busy"));
     const DWORD job = Submit(printer.get(), u"long document");
@@ -103,7 +107,7 @@ TEST_F(SpoolerJobs, PrinterWithJobsIsDeletedWhenItsLastJobEnds) {
 }
 
 TEST_F(SpoolerJobs, PurgeRemovesEveryJob) {
-    OVTEST_SKIP_UNDER_WINE("Wine's spooler lists no jobs and cannot end a document it started");
+    OVTEST_SKIP_UNDER_WINE(kNoQueueUnderWine);
     AddPrinter(Name(u"Office"));
     auto printer = OpenAll(Name(u"Office"));
     for (int i = 0; i < 3; ++i) {
@@ -115,7 +119,7 @@ TEST_F(SpoolerJobs, PurgeRemovesEveryJob) {
 }
 
 TEST_F(SpoolerJobs, PauseAndResumeChangeOnlyTheStatus) {
-    OVTEST_SKIP_UNDER_WINE("Wine's spooler lists no jobs and cannot end a document it started");
+    OVTEST_SKIP_UNDER_WINE(kNoQueueUnderWine);
     AddPrinter(Name(u"Office"));
     auto printer = OpenAll(Name(u"Office"));
     const DWORD job = Submit(printer.get(), u"doc");
@@ -152,7 +156,7 @@ OVTEST_CHILD(spool_submit_jobs) {
 }
 
 TEST_F(SpoolerJobs, JobIdsStayUniqueWhenProcessesSubmitAtOnce) {
-    OVTEST_SKIP_UNDER_WINE("Wine's spooler lists no jobs and cannot end a document it started");
+    OVTEST_SKIP_UNDER_WINE(kNoQueueUnderWine);
     const auto name = Name(u"Shared Queue");
     AddPrinter(name);
     auto a = ovtest::Process::StartChild("spool_submit_jobs", {ovtest::U8(name), "20"});

@@ -80,7 +80,7 @@ TEST_F(SpoolerPrinters, GivenDeviceModeIsKeptAsGiven) {
 }
 
 TEST_F(SpoolerPrinters, DefaultDeviceModeOfALongNameHoldsItsFirst31Characters) {
-    OVTEST_SKIP_UNDER_WINE("Wine names a printer's default device mode after its driver");
+    OVTEST_SKIP_UNDER_WINE("Wine names a new printer's default device mode \"wineps.drv\"");
     const std::u16string name =
         Name(u"PC-WITH-A-LONG-NAME:12#Laser Printer on PC-WITH-A-LONG-NAME");
     auto printer = AddPrinterW(u"", Record(name));
@@ -92,7 +92,7 @@ TEST_F(SpoolerPrinters, DefaultDeviceModeOfALongNameHoldsItsFirst31Characters) {
 }
 
 TEST_F(SpoolerPrinters, AddRefusesDuplicatesWhateverTheCase) {
-    OVTEST_SKIP_UNDER_WINE("Wine's AddPrinterW overwrites an existing printer");
+    OVTEST_SKIP_UNDER_WINE("Wine's AddPrinterW accepts the name of an existing printer");
     AddPrinter(Name(u"Office"));
     Poison();
     EXPECT_FALSE(AddPrinterW(u"", Record(Upper(Name(u"Office")))));
@@ -676,7 +676,7 @@ OVTEST_CHILD(spool_race_same_name) {
 }
 
 TEST_F(SpoolerPrinters, OnlyOneOfTwoProcessesAddsTheSameName) {
-    OVTEST_SKIP_UNDER_WINE("Wine's AddPrinterW overwrites an existing printer");
+    OVTEST_SKIP_UNDER_WINE("Wine's AddPrinterW accepts the name of an existing printer");
     std::vector<ovtest::Process> children;
     for (int i = 0; i < 4; ++i) {
         children.push_back(

@@ -6,10 +6,21 @@
 #include <string>
 
 #include "channel/shm.h"
+#include "ovsvc.h"
 #include "ovtest.h"
 #include "platform/kernel.h"
 
 namespace channeltest {
+
+// The exports take OVCHAR texts (wchar_t on Windows, char16_t elsewhere;
+// UTF-16 on both); tests hold theirs as char16_t.
+static_assert(sizeof(OVCHAR) == sizeof(char16_t));
+inline const OVCHAR* Ov(const char16_t* text) {
+    return reinterpret_cast<const OVCHAR*>(text);
+}
+inline OVCHAR* Ov(char16_t* text) {
+    return reinterpret_cast<OVCHAR*>(text);
+}
 
 // Sets a REG_DWORD / REG_SZ value of the product key.
 void SetProductDword(const std::u16string& name, std::uint32_t value);

@@ -39,13 +39,14 @@ OVTEST_CHILD(client_call) {
         std::vector<char16_t> properties(100000, u'x');
         char16_t name[525] = u"Laser";
         char16_t cls[525] = u"PCL";
-        result = OVADLLAddPrinter(name, cls, u"10.0.0.1", 0, u"drv", 1, 3, u"client", u"user",
-                                  u"computer", properties.data(), 200000, 0, 0, 0);
+        result =
+            OVADLLAddPrinter(Ov(name), Ov(cls), Ov(u"10.0.0.1"), 0, Ov(u"drv"), 1, 3, Ov(u"client"),
+                             Ov(u"user"), Ov(u"computer"), Ov(properties.data()), 200000, 0, 0, 0);
     } else if (call == "add") {
         char16_t name[525] = u"Laser";
         char16_t cls[525] = u"PCL";
-        result = OVADLLAddPrinter(name, cls, u"10.0.0.1", 0, u"drv", 1, 3, u"client", u"user",
-                                  u"computer", nullptr, 0, 0, 0, 0);
+        result = OVADLLAddPrinter(Ov(name), Ov(cls), Ov(u"10.0.0.1"), 0, Ov(u"drv"), 1, 3,
+                                  Ov(u"client"), Ov(u"user"), Ov(u"computer"), nullptr, 0, 0, 0, 0);
         std::printf("name=[%s] class=[%s]\n", ovtest::U8(name).c_str(), ovtest::U8(cls).c_str());
     } else if (call == "enum") {
         std::uint32_t needed = 0;
@@ -239,8 +240,12 @@ TEST_F(ChannelTest, SecondServiceInstanceStepsBack) {
     ovtest::Process second = channeltest::StartServiceHost();
     EXPECT_EQ(second.Wait(10s), 0);
     EXPECT_NE(Trace().find("Event 'OVReq1' already exists!"), std::string::npos);
-    EXPECT_NE(ReadText(root() + "/eventlog.log").find("Can't create the event! Location: 7"),
-              std::string::npos);
+    if (!ovtest::IsWin32Platform()) {
+        // The embedded machine keeps its event log as a file in the root;
+        // Windows' own log is not read back here.
+        EXPECT_NE(ReadText(root() + "/eventlog.log").find("Can't create the event! Location: 7"),
+                  std::string::npos);
+    }
     // The first instance still serves.
     EXPECT_EQ(RunClient("repair"), -10);
     EXPECT_TRUE(service.Running());
@@ -266,7 +271,7 @@ TEST_F(ChannelTest, ServiceKilledDuringARequestLeavesClientsWithATimeout) {
     ASSERT_TRUE(WaitUntil([&] { return area.get()->Next == 0; }, 10s));
     platform::Sleep(200);  // the client now waits for its turn
     service.Kill();
-    EXPECT_EQ(service.Wait(10s), 128 + SIGKILL);
+    EXPECT_EQ(service.Wait(10s), 128 + 9);  // killed, as a shell reports SIGKILL
     ASSERT_EQ(client.Wait(20s), 0) << "the client must not hang";
     EXPECT_EQ(ParseResult(client.output()), -14);
     EXPECT_NE(Trace().find("didn't get OVAck1! Timeout occurred!"), std::string::npos);
@@ -299,8 +304,9 @@ OVTEST_CHILD(translate_many) {
         const std::u16string printer =
             ovtest::U16("c" + std::to_string(client) + "-r" + std::to_string(i));
         std::vector<char16_t> templates(4200, u'?');
-        const std::int32_t result = OVADLLTranslate(u"10.1.2.3", u"client", u"driver",
-                                                    printer.c_str(), u"PCL", 3, templates.data());
+        const std::int32_t result =
+            OVADLLTranslate(Ov(u"10.1.2.3"), Ov(u"client"), Ov(u"driver"), Ov(printer.c_str()),
+                            Ov(u"PCL"), 3, Ov(templates.data()));
         if (result <= 0 || std::u16string(templates.data()) != printer + u"-T") {
             ++wrong;
             std::printf("request %d: result %d, template %s\n", i, result,
@@ -350,6 +356,7 @@ TEST_F(ChannelTest, ManyClientProcessesEachGetTheirOwnReplies) {
 }
 
 TEST_F(ChannelTest, WithoutTheGlobalNamespaceEveryProcessUsesLocalNames) {
+    OVTEST_EMBEDDED_ONLY("the machine switch that makes Global\\ names unavailable");
     platform::machine::SetSetting("global_namespace", "0");
     ovtest::Process service = channeltest::StartServiceHost();
     ASSERT_TRUE(WaitUntil(

@@ -13,6 +13,11 @@ namespace {
 
 class OvasctlAccountTest : public ovtest::MachineTest {
   protected:
+    void SetUp() override {
+        OVTEST_EMBEDDED_ONLY(
+            "ovasctl account administers the account table of an embedded machine");
+        MachineTest::SetUp();
+    }
     int Run(const std::vector<std::string>& args) {
         auto process = ovtest::Process::Start(ovtest::BinDir() + "/ovasctl", args);
         const int code = process.Wait(std::chrono::seconds(60));

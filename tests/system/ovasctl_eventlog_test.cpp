@@ -12,6 +12,10 @@ using namespace platform;
 
 class EventLogCommand : public ovtest::MachineTest {
   protected:
+    void SetUp() override {
+        OVTEST_EMBEDDED_ONLY("ovasctl eventlog reads the event log file of an embedded machine");
+        MachineTest::SetUp();
+    }
     static void Report(std::u16string_view source, WORD type, const std::u16string& text) {
         UniqueEventSource log(RegisterEventSourceW(u"", source));
         ASSERT_TRUE(log);
@@ -42,8 +46,7 @@ TEST_F(EventLogCommand, TableAndJsonWithFilters) {
     EXPECT_EQ(json.find("SHM"), std::string::npos) << json;
 
     const std::string other = Run({"eventlog", "--json", "--source", "Other"});
-    EXPECT_NE(other.find("\"text\":\"two\\nlines \\\"quoted\\\"\""), std::string::npos)
-        << other;
+    EXPECT_NE(other.find("\"text\":\"two\\nlines \\\"quoted\\\"\""), std::string::npos) << other;
 }
 
 TEST_F(EventLogCommand, EmptyLogGivesAnEmptyList) {

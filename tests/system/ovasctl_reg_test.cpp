@@ -96,12 +96,14 @@ TEST_F(OvasctlRegTest, ExportThenImportRestoresTheKey) {
 
 TEST_F(OvasctlRegTest, AMalformedImportNamesItsLineAndChangesNothing) {
     const std::string path = root() + "/bad.reg";
+    // A key no other test (or earlier run on a real machine) has made.
+    const std::string key = "HKLM\\Software\\OvasctlTest\\" + ovtest::UniqueName("bad");
     {
         std::ofstream out(path);
-        out << "Windows Registry Editor Version 5.00\n\n[HKLM\\Software\\Orvelle\\Ovaspool]\n"
-               "\"DebugLevel\"=dword:1\n\"Broken\"=hex:0g\n";
+        out << "Windows Registry Editor Version 5.00\n\n[" << key << "]\n"
+            << "\"DebugLevel\"=dword:1\n\"Broken\"=hex:0g\n";
     }
     EXPECT_EQ(Run({"reg", "import", path}), 1);
     EXPECT_NE(out_.find("line 5: invalid byte"), std::string::npos) << out_;
-    EXPECT_EQ(Run({"reg", "get", kProduct}), 1) << "nothing of the file was applied";
+    EXPECT_EQ(Run({"reg", "get", key}), 1) << "nothing of the file was applied";
 }

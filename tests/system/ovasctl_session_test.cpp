@@ -16,6 +16,10 @@ namespace {
 
 class OvasctlSessionTest : public ovtest::MachineTest {
   protected:
+    void SetUp() override {
+        OVTEST_EMBEDDED_ONLY("ovasctl session and service commands administer an embedded machine");
+        MachineTest::SetUp();
+    }
     int Run(const std::vector<std::string>& args) {
         auto process = ovtest::Process::Start(ovtest::BinDir() + "/ovasctl", args);
         const int code = process.Wait(std::chrono::seconds(60));

@@ -24,12 +24,13 @@ OVTEST_CHILD(rules_translate) {
     const std::u16string ip = ovtest::U16(args.at(0));
     const std::u16string printer = ovtest::U16(args.at(1));
     const std::uint32_t type = static_cast<std::uint32_t>(std::stoul(args.at(2)));
-    std::vector<OVCHAR> templates(8400, u'\0');
+    std::vector<char16_t> templates(8400, u'\0');
     const std::int32_t result =
-        OVADLLTranslate(ip.c_str(), u"CLIENT7", u"HP PCL 6", printer.c_str(), u"HP LaserJet", type,
-                        templates.data());
+        OVADLLTranslate(channeltest::Ov(ip.c_str()), channeltest::Ov(u"CLIENT7"),
+                        channeltest::Ov(u"HP PCL 6"), channeltest::Ov(printer.c_str()),
+                        channeltest::Ov(u"HP LaserJet"), type, channeltest::Ov(templates.data()));
     std::printf("result=%d\n", result);
-    const OVCHAR* p = templates.data();
+    const char16_t* p = templates.data();
     for (int i = 0; i < 3 && *p != 0; ++i) {
         const std::u16string name(p);
         std::printf("t%d=[%s]\n", i, ovtest::U8(name).c_str());

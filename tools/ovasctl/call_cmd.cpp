@@ -64,16 +64,26 @@ std::u16string PropertiesList(const std::vector<std::string>& entries) {
     return list;
 }
 
+// The exports take OVCHAR texts: wchar_t on Windows, char16_t elsewhere,
+// UTF-16 on both.
+static_assert(sizeof(OVCHAR) == sizeof(char16_t));
+const OVCHAR* Ov(const std::u16string& text) {
+    return reinterpret_cast<const OVCHAR*>(text.c_str());
+}
+std::u16string FromOv(const OVCHAR* text) {
+    return std::u16string(reinterpret_cast<const char16_t*>(text));
+}
+
 void RunTranslate(const CallOptions& o) {
     std::vector<OVCHAR> templates(4200, 0);
-    const int32_t result = OVADLLTranslate(Utf16(o.ip).c_str(), Utf16(o.client).c_str(),
-                                           Utf16(o.driver).c_str(), Utf16(o.printer).c_str(),
-                                           Utf16(o.printerClass).c_str(), o.type, templates.data());
+    const int32_t result =
+        OVADLLTranslate(Ov(Utf16(o.ip)), Ov(Utf16(o.client)), Ov(Utf16(o.driver)),
+                        Ov(Utf16(o.printer)), Ov(Utf16(o.printerClass)), o.type, templates.data());
     std::vector<std::pair<std::string, std::string>> fields;
     if (result >= 0) {
         const OVCHAR* p = templates.data();
         for (int i = 0; i < 3; ++i) {
-            std::u16string name(p);
+            const std::u16string name = FromOv(p);
             fields.emplace_back("template" + std::to_string(i + 1), Utf8(name));
             p += name.size() + 1;
         }
@@ -92,7 +102,7 @@ void RunEnum(const CallOptions& o) {
     }
     std::vector<OVCHAR> buffer(needed / 2 + 1, 0);
     result = OVADLLEnumPrinters(buffer.data(), needed, &needed);
-    PrintResult(o, "enum", result, {{"text", Utf8(std::u16string(buffer.data()))}});
+    PrintResult(o, "enum", result, {{"text", Utf8(FromOv(buffer.data()))}});
     ExitCode() = result < 0 ? 1 : 0;
 }
 
@@ -117,14 +127,13 @@ void RunAdd(const CallOptions& o) {
             parts = 3;
         }
     }
-    const int32_t result = OVADLLAddPrinter(
-        name.data(), cls.data(), Utf16(o.ip).c_str(), o.type, Utf16(o.driver).c_str(), o.printerId,
-        o.session, Utf16(o.client).c_str(), Utf16(o.user).c_str(), Utf16(o.computer).c_str(),
-        parts != 0 ? properties.data() : nullptr, static_cast<uint32_t>(properties.size() * 2),
-        parts, 0, o.flags);
+    const int32_t result =
+        OVADLLAddPrinter(name.data(), cls.data(), Ov(Utf16(o.ip)), o.type, Ov(Utf16(o.driver)),
+                         o.printerId, o.session, Ov(Utf16(o.client)), Ov(Utf16(o.user)),
+                         Ov(Utf16(o.computer)), parts != 0 ? properties.data() : nullptr,
+                         static_cast<uint32_t>(properties.size() * 2), parts, 0, o.flags);
     PrintResult(o, "add", result,
-                {{"printer", Utf8(std::u16string(name.data()))},
-                 {"class", Utf8(std::u16string(cls.data()))}});
+                {{"printer", Utf8(FromOv(name.data()))}, {"class", Utf8(FromOv(cls.data()))}});
     ExitCode() = result < 0 ? 1 : 0;
 }
 

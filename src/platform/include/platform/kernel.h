@@ -22,7 +22,14 @@
 // Paths given to the file functions are Windows paths. The embedded platform
 // maps a drive path ("C:\dir\file") into the machine root and takes absolute
 // POSIX paths as they are. Existing path components are matched ignoring
-// case. Sharing modes are accepted but not enforced.
+// case. Sharing modes are accepted but not enforced. On Windows, paths are
+// the system's own, sharing modes are enforced and a newly written file
+// reports FILE_ATTRIBUTE_ARCHIVE (0x20); names with characters Windows
+// refuses in file names (':' after the drive, wildcards, control
+// characters) fail with ERROR_INVALID_NAME on both platforms.
+//
+// On Windows, processes of session 0 have no session namespace of their
+// own: there, session names and "Global\" names are the same objects.
 #pragma once
 
 #include <atomic>
