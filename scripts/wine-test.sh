@@ -20,6 +20,10 @@ cleanup() {
 trap cleanup EXIT
 
 wineboot -i >/dev/null 2>&1
+# A first boot can leave two service managers running, and service calls
+# then reach either one; the run starts from a single fresh one instead.
+wineserver -k >/dev/null 2>&1
+wineserver -w >/dev/null 2>&1
 wineserver -p >/dev/null 2>&1
 wine --version
 

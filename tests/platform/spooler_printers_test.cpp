@@ -456,6 +456,32 @@ TEST_F(SpoolerPrinters, RenameThatOnlyChangesCaseKeepsEverything) {
     EXPECT_EQ(PrinterCount(), 1u);
 }
 
+TEST_F(SpoolerPrinters, DeletedPrinterDataIsGoneAndOthersStay) {
+    OVTEST_SKIP_UNDER_WINE(
+        "winspool has no DeletePrinterDataW, and its DeletePrinterDataExW deletes nothing "
+        "(error 87)");
+    AddPrinter(Name(u"Office"));
+    auto printer = OpenAll(Name(u"Office"));
+    const DWORD trays = 2;
+    const DWORD duplex = 1;
+    ASSERT_EQ(SetPrinterDataW(printer.get(), u"OptionTrays", REG_DWORD, &trays, sizeof(trays)),
+              ERROR_SUCCESS);
+    ASSERT_EQ(SetPrinterDataW(printer.get(), u"Duplex", REG_DWORD, &duplex, sizeof(duplex)),
+              ERROR_SUCCESS);
+
+    Poison();
+    EXPECT_EQ(DeletePrinterDataW(printer.get(), u"optiontrays"), ERROR_SUCCESS);
+    DWORD value = 0;
+    EXPECT_EQ(
+        GetPrinterDataW(printer.get(), u"OptionTrays", nullptr, &value, sizeof(value), nullptr),
+        ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(GetPrinterDataW(printer.get(), u"Duplex", nullptr, &value, sizeof(value), nullptr),
+              ERROR_SUCCESS);
+    EXPECT_EQ(value, 1u);
+    // A second delete finds nothing.
+    EXPECT_EQ(DeletePrinterDataW(printer.get(), u"OptionTrays"), ERROR_FILE_NOT_FOUND);
+}
+
 TEST_F(SpoolerPrinters, Level8ReplacesTheDeviceMode) {
     AddPrinter(Name(u"Office"));
     auto printer = OpenAll(Name(u"Office"));

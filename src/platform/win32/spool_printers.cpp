@@ -301,9 +301,12 @@ DWORD GetPrinterDataW(HANDLE printer, std::u16string_view valueName, DWORD* type
     return Status(status);
 }
 
+// Printer data without a key lives in the printer's "PrinterDriverData" key;
+// the keyed call says so explicitly, and unlike DeletePrinterDataW it exists
+// in every winspool, Wine's included.
 DWORD DeletePrinterDataW(HANDLE printer, std::u16string_view valueName) {
     const std::u16string value(valueName);
-    return Status(::DeletePrinterDataW(printer, In(value)));
+    return Status(::DeletePrinterDataExW(printer, L"PrinterDriverData", In(value)));
 }
 
 }  // namespace platform
