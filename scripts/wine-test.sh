@@ -41,7 +41,13 @@ failed=0
 for p in "${programs[@]}"; do
   name=$(basename "$p" .exe)
   echo "=== $name"
-  if ! timeout 900 wine "$p" --gtest_color=no "$@" >"$logs/$name.log" 2>&1; then
+  # Into a file, not a pipe: Wine's own background processes inherit the
+  # output and would hold a pipe open. Windows programs end their lines
+  # with CR LF; the log keeps LF only.
+  timeout 900 wine "$p" --gtest_color=no "$@" >"$logs/$name.log" 2>&1
+  rc=$?
+  sed -i 's/\r$//' "$logs/$name.log"
+  if [ $rc -ne 0 ]; then
     failed=1
     cat "$logs/$name.log"
   fi
@@ -54,7 +60,7 @@ for p in "${programs[@]}"; do
   # gtest prints the reason two lines above the test's SKIPPED line.
   awk -v prog="$name" '
     /Wine lacks this: |embedded platform feature: / { reason = $0; sub(/^.*(Wine lacks this: )/, "Wine lacks: ", reason); sub(/^.*(embedded platform feature: )/, "embedded only: ", reason) }
-    /^\[  SKIPPED \] .* \([0-9]+ ms\)$/ { print "  " prog ": " $3 " -- " reason; reason = "" }
+    /^\[  SKIPPED \] .* \([0-9]+ ms\)$/ { print "  " prog ": " $4 " -- " reason; reason = "" }
   ' "$logs/$name.log"
 done
 rm -rf "$logs"

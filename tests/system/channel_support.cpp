@@ -20,6 +20,13 @@ void SetValue(const std::u16string& name, platform::DWORD type, const void* data
 }
 }  // namespace
 
+void ResetProductKey() {
+    const platform::LSTATUS status =
+        platform::RegDeleteTreeW(platform::HKEY_LOCAL_MACHINE, kProductKey);
+    EXPECT_TRUE(status == platform::ERROR_SUCCESS || status == platform::ERROR_FILE_NOT_FOUND)
+        << "deleting the product key: " << status;
+}
+
 void SetProductDword(const std::u16string& name, std::uint32_t value) {
     SetValue(name, platform::REG_DWORD, &value, sizeof(value));
 }

@@ -22,6 +22,10 @@ inline OVCHAR* Ov(char16_t* text) {
     return reinterpret_cast<OVCHAR*>(text);
 }
 
+// Removes the product key with all its settings. A fresh embedded machine
+// has none; on Windows the registry is the machine's own, and an earlier
+// test may have left settings (a faulty translation list, say) behind.
+void ResetProductKey();
 // Sets a REG_DWORD / REG_SZ value of the product key.
 void SetProductDword(const std::u16string& name, std::uint32_t value);
 void SetProductString(const std::u16string& name, const std::u16string& value);

@@ -136,6 +136,7 @@ class ChannelTest : public ovtest::MachineTest {
   protected:
     void SetUp() override {
         MachineTest::SetUp();
+        ResetProductKey();
         trace_ = EnableTrace(root());
     }
     std::string Trace() const { return ReadText(trace_); }

@@ -69,6 +69,11 @@ std::string MultiSzHex(const std::vector<std::string>& lines) {
 
 class TranslationSystemTest : public ovtest::MachineTest {
   protected:
+    void SetUp() override {
+        ovtest::MachineTest::SetUp();
+        channeltest::ResetProductKey();
+    }
+
     void TearDown() override {
         if (service_.Running()) {
             service_.Terminate();
