@@ -41,14 +41,14 @@ std::vector<std::u16string> SplitList(const std::string& text) {
 }
 
 // "name=..,class=..,driver=..,id=..[,trays=a;*b][,papers=..][,resolutions=..][,duplex=N]"
-bool ParsePrinter(const std::string& spec, terminal::ClientPrinter* p, std::string* error) {
+bool ParsePrinter(const std::string& text, terminal::ClientPrinter* p, std::string* error) {
     std::size_t start = 0;
-    while (start < spec.size()) {
-        std::size_t end = spec.find(',', start);
+    while (start < text.size()) {
+        std::size_t end = text.find(',', start);
         if (end == std::string::npos) {
-            end = spec.size();
+            end = text.size();
         }
-        const std::string field = spec.substr(start, end - start);
+        const std::string field = text.substr(start, end - start);
         start = end + 1;
         const auto eq = field.find('=');
         if (eq == std::string::npos) {
@@ -192,10 +192,10 @@ void InstallSessionCommands(CLI::App& app) {
         s.clientName = Utf16(logon->client);
         s.clientAddress = Utf16(logon->address);
         s.winStationName = Utf16(logon->station);
-        for (const auto& spec : logon->printers) {
+        for (const auto& text : logon->printers) {
             terminal::ClientPrinter p;
             std::string error;
-            if (!ParsePrinter(spec, &p, &error)) {
+            if (!ParsePrinter(text, &p, &error)) {
                 std::cerr << "ovasctl: " << error << "\n";
                 ExitCode() = 2;
                 return;
