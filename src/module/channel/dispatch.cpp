@@ -3,7 +3,10 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <new>
+#include <utility>
 
+#include "cache/printer_cache.h"
 #include "channel/service_loop.h"
 #include "common/module_state.h"
 #include "common/ovstring.h"
@@ -15,22 +18,36 @@ namespace ovsvc {
 
 namespace {
 
-std::int32_t HandleEnumerate(SHM* /*area*/) {
+std::u16string_view FieldText(const char16_t* field, std::size_t units) {
+    return std::u16string_view(field, std::find(field, field + units, u'\0') - field);
+}
+
+std::int32_t HandleDelete(const SHM* area) {
+    if (area->PID == 1) {
+        OVTRACE(INF | MAIN, "calling UninstallPrintersAll()...");
+        return static_cast<std::int32_t>(UninstallPrintersAll());
+    }
+    OVTRACE(INF | MAIN, "calling UninstallPrinter()...");
+    return static_cast<std::int32_t>(UninstallPrinter(u"", area->SID));
+}
+
+std::int32_t HandleEnumerate(const SHM* area) {
     OVTRACE(INF | MAIN, "calling MyEnumPrinter()...");
     if (pthePrinterList == nullptr) {
         TraceCheck("pthePrinterList != NULL", __FILE__, __LINE__);
         return kResultNoCache;
     }
-    return kResultNoCache;
+    return static_cast<std::int32_t>(
+        pthePrinterList->MyEnumPrinters(FieldText(area->PN, kNameUnits)));
 }
 
-std::int32_t HandleRepair(SHM* /*area*/) {
+std::int32_t HandleRepair() {
     OVTRACE(INF | MAIN, "calling Repair()...");
     if (pthePrinterList == nullptr) {
         TraceCheck("pthePrinterList != NULL", __FILE__, __LINE__);
         return kResultNoCache;
     }
-    return kResultNoCache;
+    return pthePrinterList->Repair();
 }
 
 // Writes `text` at `byteOffset` of the area, cut to `units` - 1 characters and
@@ -39,10 +56,6 @@ void PutString(SHM* area, std::size_t byteOffset, std::size_t units, std::u16str
     auto* slot = reinterpret_cast<unsigned char*>(area) + byteOffset;
     std::memset(slot, 0, units * 2);
     std::memcpy(slot, text.data(), std::min(text.size(), units - 1) * 2);
-}
-
-std::u16string_view FieldText(const char16_t* field, std::size_t units) {
-    return std::u16string_view(field, std::find(field, field + units, u'\0') - field);
 }
 
 std::int32_t HandleTranslate(SHM* area) {
@@ -79,13 +92,14 @@ std::int32_t HandleReload() {
 
 }  // namespace
 
-// The printer cache is not part of this build yet: no cache is created, and
-// the requests that need one answer kResultNoCache.
 bool InitPrinterList() {
+    if (pthePrinterList == nullptr) {
+        pthePrinterList = new (std::nothrow) OVACache();
+    }
     return pthePrinterList != nullptr;
 }
 void DestroyPrinterList() {
-    pthePrinterList = nullptr;
+    delete std::exchange(pthePrinterList, nullptr);
 }
 
 bool LoadTranslationTableAtStart() {
@@ -94,11 +108,14 @@ bool LoadTranslationTableAtStart() {
 
 void Dispatch(SHM* area) {
     switch (area->Command) {
+        case CMDDelPrinter:
+            area->Result = HandleDelete(area);
+            break;
         case CMDEnumPrinter:
             area->Result = HandleEnumerate(area);
             break;
         case CMDRepair:
-            area->Result = HandleRepair(area);
+            area->Result = HandleRepair();
             break;
         case CMDTranslate:
             area->Result = HandleTranslate(area);

@@ -141,7 +141,8 @@ void ModuleDetach() {
     }
     DestroyPrinterList();
     // The translation table belongs to its own subsystem, which frees it.
-    if (WTSLayer().IsTerminalServicesLibraryLoaded()) {
+    // Unloading must not load anything: only a library already held is let go.
+    if (WTSLayer().HoldsLibrary()) {
         WTSLayer().ExitInstance();
     }
 }

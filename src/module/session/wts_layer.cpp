@@ -218,6 +218,11 @@ bool CWTSAbstractionLayer::IsTerminalServicesLibraryLoaded() {
     return m_hWTSApi32 != nullptr;
 }
 
+bool CWTSAbstractionLayer::HoldsLibrary() {
+    std::lock_guard lock(m_lock);
+    return m_hWTSApi32 != nullptr;
+}
+
 CWTSAbstractionLayer& WTSLayer() {
     static auto* layer = new CWTSAbstractionLayer;  // outlives late trace calls at exit
     return *layer;

@@ -49,6 +49,9 @@ class CWTSAbstractionLayer {
     void FreeMemory(std::vector<platform::WTS_SESSION_INFOW>* sessions);
     DWORD GetActiveConsoleSessionId();
     bool IsTerminalServicesLibraryLoaded();
+    // Whether the library is loaded now, without checking the system again
+    // (so without loading anything).
+    bool HoldsLibrary();
 
   private:
     // Loads when terminal services are enabled, releases when not.
