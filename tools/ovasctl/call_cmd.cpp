@@ -1,5 +1,6 @@
 // ovasctl call ...: invokes the module's client exports from the command line
 // and prints their result and reply strings.
+#include <algorithm>
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -30,7 +31,97 @@ struct CallOptions {
     std::vector<std::string> resolutions;
     // del
     bool all = false;
+    // enum
+    bool raw = false;
 };
+
+// One printer of the enumeration record.
+struct EnumeratedPrinter {
+    std::string name;
+    std::string references;
+    std::vector<std::pair<std::string, std::string>> sessions;  // id, user
+};
+
+// Decodes the record's token fields (tag, decimal length in UTF-16 units,
+// ":", value): P and R per printer, then S and U per session. False for a
+// text that is not such a record.
+bool DecodeEnumRecord(std::u16string_view text, std::vector<EnumeratedPrinter>* printers) {
+    std::size_t at = 0;
+    while (at < text.size()) {
+        const char16_t tag = text[at++];
+        std::size_t length = 0;
+        const std::size_t digits = at;
+        while (at < text.size() && text[at] >= u'0' && text[at] <= u'9' && at - digits < 9) {
+            length = length * 10 + static_cast<std::size_t>(text[at++] - u'0');
+        }
+        if (at == digits || at >= text.size() || text[at] != u':' ||
+            text.size() - at - 1 < length) {
+            return false;
+        }
+        const std::string value = Utf8(std::u16string(text.substr(at + 1, length)));
+        at += 1 + length;
+        if (tag == u'P') {
+            printers->push_back({value, "", {}});
+        } else if (printers->empty()) {
+            return false;
+        } else if (tag == u'R') {
+            printers->back().references = value;
+        } else if (tag == u'S') {
+            printers->back().sessions.emplace_back(value, "");
+        } else if (tag == u'U' && !printers->back().sessions.empty()) {
+            printers->back().sessions.back().second = value;
+        } else {
+            return false;
+        }
+    }
+    return true;
+}
+
+void PrintEnumRecord(const std::vector<EnumeratedPrinter>& printers, bool json) {
+    if (json) {
+        std::string out = "[";
+        for (const auto& p : printers) {
+            out += out.size() > 1 ? "," : "";
+            out += "{\"printer\":" + JsonString(p.name) +
+                   ",\"references\":" + (p.references.empty() ? "0" : p.references) +
+                   ",\"sessions\":[";
+            for (std::size_t i = 0; i < p.sessions.size(); ++i) {
+                out += (i != 0 ? "," : "") + std::string("{\"session\":") + p.sessions[i].first +
+                       ",\"user\":" + JsonString(p.sessions[i].second) + "}";
+            }
+            out += "]}";
+        }
+        std::printf("%s]\n", out.c_str());
+        return;
+    }
+    std::vector<std::vector<std::string>> rows;
+    for (const auto& p : printers) {
+        if (p.sessions.empty()) {
+            rows.push_back({p.name, p.references, "", ""});
+        }
+        for (const auto& [session, user] : p.sessions) {
+            rows.push_back({p.name, p.references, session, user});
+        }
+    }
+    std::vector<std::size_t> width = {7, 10, 7, 4};
+    for (const auto& row : rows) {
+        for (std::size_t c = 0; c < row.size(); ++c) {
+            width[c] = std::max(width[c], row[c].size());
+        }
+    }
+    const auto line = [&](const std::vector<std::string>& row) {
+        std::string text;
+        for (std::size_t c = 0; c < row.size(); ++c) {
+            text +=
+                row[c] + (c + 1 < row.size() ? std::string(width[c] - row[c].size() + 2, ' ') : "");
+        }
+        std::printf("%s\n", text.c_str());
+    };
+    line({"PRINTER", "REFERENCES", "SESSION", "USER"});
+    for (const auto& row : rows) {
+        line(row);
+    }
+}
 
 void PrintResult(const CallOptions& options, const char* call, int32_t result,
                  const std::vector<std::pair<std::string, std::string>>& fields = {}) {
@@ -102,7 +193,18 @@ void RunEnum(const CallOptions& o) {
     }
     std::vector<OVCHAR> buffer(needed / 2 + 1, 0);
     result = OVADLLEnumPrinters(buffer.data(), needed, &needed);
-    PrintResult(o, "enum", result, {{"text", Utf8(FromOv(buffer.data()))}});
+    const std::u16string text = FromOv(buffer.data());
+    std::vector<EnumeratedPrinter> printers;
+    if (o.raw || result != 1) {
+        PrintResult(o, "enum", result, {{"text", Utf8(text)}});
+    } else if (!DecodeEnumRecord(text, &printers)) {
+        std::fprintf(stderr, "ovasctl call enum: the service's record is malformed: %s\n",
+                     Utf8(text).c_str());
+        ExitCode() = 1;
+        return;
+    } else {
+        PrintEnumRecord(printers, o.json);
+    }
     ExitCode() = result < 0 ? 1 : 0;
 }
 
@@ -160,7 +262,10 @@ void Install(CLI::App& app) {
     translate->add_option("--type", o.type, "Client type code");
     translate->callback([] { RunTranslate(o); });
 
-    call->add_subcommand("enum", "OVADLLEnumPrinters (both calls)")->callback([] { RunEnum(o); });
+    auto* enumerate = call->add_subcommand(
+        "enum", "OVADLLEnumPrinters (both calls): the autocreated printers and their sessions");
+    enumerate->add_flag("--raw", o.raw, "Print the record's token text as the service sent it");
+    enumerate->callback([] { RunEnum(o); });
     call->add_subcommand("repair", "OVADLLRepair")->callback([] {
         const int32_t r = OVADLLRepair();
         PrintResult(o, "repair", r);
