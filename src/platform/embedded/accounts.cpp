@@ -17,6 +17,7 @@
 #include <cstring>
 
 #include "accounts_store.h"
+#include "fault.h"
 #include "platform/machine.h"
 #include "platform/registry.h"
 #include "platform/security.h"
@@ -621,6 +622,9 @@ void CopyOut(std::u16string_view text, char16_t* buffer, DWORD* length) {
 
 bool LookupAccountNameW(std::u16string_view systemName, std::u16string_view accountName, void* sid,
                         DWORD* sidSize, char16_t* domain, DWORD* domainLength, SID_NAME_USE* use) {
+    if (fault::Inject("LookupAccountNameW")) {
+        return false;
+    }
     if (sidSize == nullptr || domainLength == nullptr || use == nullptr) {
         SetLastError(ERROR_INVALID_PARAMETER);
         return false;
@@ -651,6 +655,9 @@ bool LookupAccountNameW(std::u16string_view systemName, std::u16string_view acco
 bool LookupAccountSidW(std::u16string_view systemName, const Sid& sid, char16_t* name,
                        DWORD* nameLength, char16_t* domain, DWORD* domainLength,
                        SID_NAME_USE* use) {
+    if (fault::Inject("LookupAccountSidW")) {
+        return false;
+    }
     if (nameLength == nullptr || domainLength == nullptr || use == nullptr) {
         SetLastError(ERROR_INVALID_PARAMETER);
         return false;

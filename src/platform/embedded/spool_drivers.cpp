@@ -3,6 +3,7 @@
 #include <cstring>
 #include <filesystem>
 
+#include "fault.h"
 #include "platform/machine.h"
 #include "spool_caller.h"
 #include "spool_store.h"
@@ -287,6 +288,9 @@ std::optional<DriverInfo6> GetPrinterDriverW(HANDLE printer, std::u16string_view
 }
 
 bool AddPrinterDriverW(std::u16string_view serverName, DWORD level, const DriverInfo6& info) {
+    if (fault::Inject("AddPrinterDriverW")) {
+        return false;
+    }
     if (!serverName.empty()) {
         return Fail(ERROR_INVALID_NAME);
     }
@@ -386,6 +390,9 @@ bool AddPrinterDriverW(std::u16string_view serverName, DWORD level, const Driver
 
 bool DeletePrinterDriverExW(std::u16string_view serverName, std::u16string_view environment,
                             std::u16string_view driverName, DWORD deleteFlags, DWORD versionFlag) {
+    if (fault::Inject("DeletePrinterDriverExW")) {
+        return false;
+    }
     if (!serverName.empty()) {
         return Fail(ERROR_INVALID_NAME);
     }

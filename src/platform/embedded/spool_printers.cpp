@@ -2,6 +2,7 @@
 // printer data and the owner of a printer's security.
 #include <cstring>
 
+#include "fault.h"
 #include "spool_caller.h"
 #include "spool_store.h"
 
@@ -313,6 +314,9 @@ LSTATUS RemovePrinterKey(std::u16string_view name) {
 
 std::optional<std::vector<PrinterInfo2>> EnumPrintersW(DWORD flags, std::u16string_view name,
                                                        DWORD level) {
+    if (fault::Inject("EnumPrintersW")) {
+        return std::nullopt;
+    }
     if (level != 2) {
         SetLastError(ERROR_INVALID_LEVEL);
         return std::nullopt;
@@ -340,6 +344,9 @@ std::optional<std::vector<PrinterInfo2>> EnumPrintersW(DWORD flags, std::u16stri
 }
 
 UniquePrinter OpenPrinterW(std::u16string_view name, const PrinterDefaults* defaults) {
+    if (fault::Inject("OpenPrinterW")) {
+        return {};
+    }
     constexpr std::u16string_view kXcvMonitor = u",XcvMonitor ";
     constexpr std::u16string_view kXcvPort = u",XcvPort ";
     Lock lock;
@@ -407,6 +414,9 @@ bool ClosePrinter(HANDLE printer) noexcept {
 // ---- get and set -----------------------------------------------------------------
 
 bool GetPrinterW(HANDLE printer, PrinterInfo2* info) {
+    if (fault::Inject("GetPrinterW")) {
+        return false;
+    }
     auto h = PrinterHandle(printer);
     if (!h) {
         return false;
@@ -464,6 +474,9 @@ bool GetPrinterW(HANDLE printer, PrinterInfo8* info) {
 }
 
 bool SetPrinterW(HANDLE printer, const PrinterInfo2& info, DWORD command) {
+    if (fault::Inject("SetPrinterW")) {
+        return false;
+    }
     auto h = PrinterHandle(printer);
     if (!h) {
         return false;
@@ -519,6 +532,9 @@ bool SetPrinterW(HANDLE printer, const PrinterInfo2& info, DWORD command) {
 }
 
 bool SetPrinterW(HANDLE printer, const PrinterInfo3& info, DWORD command) {
+    if (fault::Inject("SetPrinterW")) {
+        return false;
+    }
     auto h = PrinterHandle(printer);
     if (!h) {
         return false;
@@ -623,6 +639,9 @@ bool SetPrinterW(HANDLE printer, DWORD command, DWORD status) {
 // ---- add and delete ----------------------------------------------------------------
 
 UniquePrinter AddPrinterW(std::u16string_view serverName, const PrinterInfo2& info) {
+    if (fault::Inject("AddPrinterW")) {
+        return {};
+    }
     if (!serverName.empty()) {
         SetLastError(ERROR_INVALID_NAME);
         return {};
@@ -677,6 +696,9 @@ UniquePrinter AddPrinterW(std::u16string_view serverName, const PrinterInfo2& in
 }
 
 bool DeletePrinter(HANDLE printer) {
+    if (fault::Inject("DeletePrinter")) {
+        return false;
+    }
     auto h = PrinterHandle(printer);
     if (!h) {
         return false;
@@ -709,6 +731,9 @@ bool DeletePrinter(HANDLE printer) {
 
 DWORD SetPrinterDataW(HANDLE printer, std::u16string_view valueName, DWORD type, const void* data,
                       DWORD size) {
+    if (fault::Inject("SetPrinterDataW")) {
+        return GetLastError();
+    }
     auto h = PrinterHandle(printer);
     if (!h) {
         return GetLastError();

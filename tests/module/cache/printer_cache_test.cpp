@@ -12,6 +12,7 @@
 #include "common/module_state.h"
 #include "config/product_key.h"
 #include "ovtest.h"
+#include "platform/machine.h"
 #include "platform/registry.h"
 #include "spooler/printer_acl.h"
 #include "trace/trace.h"
@@ -215,6 +216,57 @@ TEST_F(CacheTest, EveryCacheOperationRefusesAClientProcess) {
     EXPECT_TRUE(ovtest::ReadPrinter(u"P"));
     EXPECT_NE(Trace().find("(\"illegal call\", fIsService)"), std::string::npos);
     fIsService = true;
+}
+
+// Failures of single spooler calls, injected through the machine's switch.
+TEST_F(CacheTest, ReleaseFailuresLeaveTheSpecifiedState) {
+    struct Case {
+        const char* fault;
+        int result;
+        bool sessionKept;  // the record still holds session 3
+        Ids location;      // the Location field afterwards
+        bool printerExists;
+        const char* line;
+    };
+    const Case cases[] = {
+        // The Location write fails: the record is restored, nothing changed.
+        {"SetPrinterW=1:5",
+         0,
+         true,
+         {3, 5},
+         true,
+         "Printer Location String can't be set, local entry will not be removed"},
+        // The ACL write fails: the release stands.
+        {"SetPrinterW=2:5", 1, false, {5}, true, "(\"ACL not been set\", success)"},
+    };
+    for (const Case& c : cases) {
+        const std::u16string name = ovtest::U16(c.fault).substr(0, 13);
+        ASSERT_TRUE(ovtest::AddAutocreatedPrinter(ovtest::PrinterSpec(name, {{3, ann}, {5, bob}})));
+        OVACache cache;
+        cache.AddSessionIDUserName(name, 3, ann);
+        cache.AddSessionIDUserName(name, 5, bob);
+        platform::machine::SetSetting(
+            std::string("fault.") + std::string(c.fault).substr(0, std::string(c.fault).find('=')),
+            std::string(c.fault).substr(std::string(c.fault).find('=') + 1));
+        EXPECT_EQ(cache.DeletePrinterFromList(name, 3), c.result) << c.fault;
+        platform::machine::SetSetting("fault.SetPrinterW", "");
+        EXPECT_EQ(cache.Find(name)->HasSession(3), c.sessionKept) << c.fault;
+        EXPECT_EQ(LocationOf(name), c.location) << c.fault;
+        EXPECT_NE(Trace().find(c.line), std::string::npos) << c.fault;
+    }
+    // The printer cannot be deleted: it stays, pending, and goes at the
+    // next release once the spooler lets it.
+    ASSERT_TRUE(ovtest::AddAutocreatedPrinter(ovtest::PrinterSpec(u"Last", {{8, ann}})));
+    OVACache cache;
+    platform::machine::SetSetting("fault.DeletePrinter", "1:5");
+    EXPECT_EQ(cache.DeleteSessionPrinters(u"", 8), 1u);
+    EXPECT_TRUE(ovtest::ReadPrinter(u"Last"));
+    EXPECT_NE(Trace().find("Printer can't be deleted, local entry will not be removed"),
+              std::string::npos);
+    EXPECT_EQ(cache.Find(u"Last")->GetRefCount(), 0u);
+    EXPECT_EQ(cache.DeleteSessionPrinters(u"", 42), 0u);
+    EXPECT_FALSE(ovtest::ReadPrinter(u"Last"));
+    EXPECT_EQ(cache.IsPrinterInList(u"Last"), 0);
 }
 
 // ---- access rights ------------------------------------------------------------------

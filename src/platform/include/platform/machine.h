@@ -14,6 +14,14 @@
 // machine.conf keys:
 //   global_namespace=0        "Global\" object names are unavailable
 //   os_version=MAJOR.MINOR.BUILD   what GetVersionExW reports (default 6.1.7601)
+//   fault.<Operation>=N:E     the Nth call (from 1) of the platform operation
+//                             fails with error E ("*:E": every call); calls are
+//                             counted per process since it first saw the line.
+//                             Operations: OpenPrinterW, GetPrinterW, SetPrinterW,
+//                             AddPrinterW, DeletePrinter, EnumPrintersW,
+//                             SetPrinterDataW, AddPrinterDriverW,
+//                             DeletePrinterDriverExW, LookupAccountNameW,
+//                             LookupAccountSidW
 //
 // The process's terminal session is $OVSVC_SESSION_ID (default 0).
 #pragma once
