@@ -123,42 +123,53 @@ DWORD LoadPrinter(std::u16string_view keyName, PrinterInfo2* info) {
     return ERROR_SUCCESS;
 }
 
-// Writes the record's fields; the device mode and descriptor only when given.
+// Writes the record's values; the device mode and descriptor only when
+// given. With the record as stored (`current`), only
+// the values that change are written: each value is its own registry write,
+// and a changed Location or descriptor should not cost the whole record.
 LSTATUS StorePrinter(HKEY key, const PrinterInfo2& info, const std::vector<std::byte>& devMode,
-                     const std::vector<std::byte>& security) {
+                     const std::vector<std::byte>& security,
+                     const PrinterInfo2* current = nullptr) {
     LSTATUS rc = ERROR_SUCCESS;
-    auto str = [&](std::u16string_view name, std::u16string_view value) {
-        if (rc == ERROR_SUCCESS) {
+    auto str = [&](std::u16string_view name, std::u16string_view value,
+                   const std::u16string* stored) {
+        if (rc == ERROR_SUCCESS && (stored == nullptr || *stored != value)) {
             rc = WriteString(key, name, value);
         }
     };
-    auto dword = [&](std::u16string_view name, DWORD value) {
-        if (rc == ERROR_SUCCESS) {
+    auto dword = [&](std::u16string_view name, DWORD value, const DWORD* stored) {
+        if (rc == ERROR_SUCCESS && (stored == nullptr || *stored != value)) {
             rc = WriteDword(key, name, value);
         }
     };
-    str(u"Name", info.printerName);
-    str(u"Share Name", info.shareName);
-    str(u"Port", info.portName);
-    str(u"Printer Driver", info.driverName);
-    str(u"Description", info.comment);
-    str(u"Location", info.location);
-    str(u"Print Processor", info.printProcessor);
-    str(u"Datatype", info.datatype.empty() ? std::u16string(u"RAW") : info.datatype);
-    str(u"Parameters", info.parameters);
-    str(u"Separator File", info.sepFile);
-    dword(u"Attributes", info.attributes);
-    dword(u"Priority", info.priority == 0 ? kDefaultPriority : info.priority);
-    dword(u"Default Priority", info.defaultPriority);
-    dword(u"StartTime", info.startTime);
-    dword(u"UntilTime", info.untilTime);
-    if (rc == ERROR_SUCCESS && !devMode.empty()) {
+    const auto* c = current;
+    str(u"Name", info.printerName, c ? &c->printerName : nullptr);
+    str(u"Share Name", info.shareName, c ? &c->shareName : nullptr);
+    str(u"Port", info.portName, c ? &c->portName : nullptr);
+    str(u"Printer Driver", info.driverName, c ? &c->driverName : nullptr);
+    str(u"Description", info.comment, c ? &c->comment : nullptr);
+    str(u"Location", info.location, c ? &c->location : nullptr);
+    str(u"Print Processor", info.printProcessor, c ? &c->printProcessor : nullptr);
+    str(u"Datatype", info.datatype.empty() ? std::u16string(u"RAW") : info.datatype,
+        c ? &c->datatype : nullptr);
+    str(u"Parameters", info.parameters, c ? &c->parameters : nullptr);
+    str(u"Separator File", info.sepFile, c ? &c->sepFile : nullptr);
+    dword(u"Attributes", info.attributes, c ? &c->attributes : nullptr);
+    dword(u"Priority", info.priority == 0 ? kDefaultPriority : info.priority,
+          c ? &c->priority : nullptr);
+    dword(u"Default Priority", info.defaultPriority, c ? &c->defaultPriority : nullptr);
+    dword(u"StartTime", info.startTime, c ? &c->startTime : nullptr);
+    dword(u"UntilTime", info.untilTime, c ? &c->untilTime : nullptr);
+    if (rc == ERROR_SUCCESS && !devMode.empty() &&
+        (c == nullptr || !c->devMode || c->devMode->Serialize() != devMode)) {
         rc = WriteBinary(key, u"Default DevMode", devMode);
     }
-    if (rc == ERROR_SUCCESS && !security.empty()) {
+    if (rc == ERROR_SUCCESS && !security.empty() &&
+        (c == nullptr || c->securityDescriptor != security)) {
         rc = WriteBinary(key, u"Security", security);
     }
-    if (rc == ERROR_SUCCESS) {
+    if (rc == ERROR_SUCCESS &&
+        (c == nullptr || c->shareName != info.shareName || c->printerName != info.printerName)) {
         rc = RememberShareName(info.shareName, info.printerName);
     }
     return rc;
@@ -525,7 +536,10 @@ bool SetPrinterW(HANDLE printer, const PrinterInfo2& info, DWORD command) {
     if (const LSTATUS rc = OpenKey(PrinterKey(target), KEY_ALL_ACCESS, &key); rc != ERROR_SUCCESS) {
         return Fail(rc);
     }
-    if (const LSTATUS rc = StorePrinter(key.get(), info, devMode, security); rc != ERROR_SUCCESS) {
+    // A renamed printer's key holds the old record under the new name.
+    const PrinterInfo2* stored = target == h->name ? &current : nullptr;
+    if (const LSTATUS rc = StorePrinter(key.get(), info, devMode, security, stored);
+        rc != ERROR_SUCCESS) {
         return Fail(rc);
     }
     return Succeed();
