@@ -269,6 +269,53 @@ TEST_F(CacheTest, ReleaseFailuresLeaveTheSpecifiedState) {
     EXPECT_EQ(cache.IsPrinterInList(u"Last"), 0);
 }
 
+// Malformed and hostile spooler contents get the specified result and no
+// other effect.
+TEST_F(CacheTest, HostileLocationsAclsAndMappings) {
+    std::u16string many;
+    for (int id = 1; id <= 10000; ++id) {
+        many += ovtest::U16(std::to_string(id)) + u';';
+    }
+    ovtest::PrinterSpec crowded(u"Crowded", {});
+    crowded.location = many;
+    crowded.locationGiven = true;
+    ASSERT_TRUE(ovtest::AddAutocreatedPrinter(crowded));
+    ovtest::PrinterSpec garbage(u"Garbage", {});
+    garbage.location = std::u16string(32768, u'x');
+    garbage.locationGiven = true;
+    ASSERT_TRUE(ovtest::AddAutocreatedPrinter(garbage));
+    ASSERT_TRUE(ovtest::AddAutocreatedPrinter(ovtest::PrinterSpec(u"Vanishing", {{3, ann}})));
+
+    OVACache cache;
+    EXPECT_EQ(cache.Find(u"Crowded")->GetRefCount(), 10000u);
+    EXPECT_EQ(cache.Find(u"Garbage")->GetRefCount(), 0u);
+    EXPECT_EQ(cache.DeleteSessionPrinters(u"", 5000), 1u);
+    EXPECT_EQ(LocationOf(u"Crowded").size(), 9999u);
+    // A pending printer whose Location field is not empty is left alone.
+    EXPECT_TRUE(ovtest::ReadPrinter(u"Garbage"));
+    EXPECT_NE(Trace().find("Printer <Garbage> with reference count == zero with non empty "
+                           "location string"),
+              std::string::npos);
+
+    // Deleted behind the service's back: the release fails and changes
+    // nothing; the cache keeps the session until a repair.
+    {
+        const platform::PrinterDefaults all{u"", std::nullopt, platform::PRINTER_ALL_ACCESS};
+        const platform::UniquePrinter printer = platform::OpenPrinterW(u"Vanishing", &all);
+        ASSERT_TRUE(printer && platform::DeletePrinter(printer.get()));
+    }
+    EXPECT_EQ(cache.DeletePrinterFromList(u"Vanishing", 3), 0);
+    EXPECT_TRUE(cache.Find(u"Vanishing")->HasSession(3));
+
+    // A client's mapping smaller than the record: the copy is refused.
+    const platform::UniqueMapping small =
+        platform::CreateFileMappingW(nullptr, platform::PAGE_READWRITE, 64, u"small-enum");
+    ASSERT_TRUE(small);
+    EXPECT_GT(cache.MyEnumPrinters(u""), 64u);
+    EXPECT_EQ(cache.MyEnumPrinters(u"small-enum"), 0xFFFFFFFFu);
+    EXPECT_EQ(cache.MyEnumPrinters(u"no-such-mapping"), 0xFFFFFFFFu);
+}
+
 // ---- access rights ------------------------------------------------------------------
 
 TEST_F(CacheTest, RightsCodesGiveTheirEntriesOnce) {
