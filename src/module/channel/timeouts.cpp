@@ -1,7 +1,7 @@
 #include "channel/timeouts.h"
 
 #include "config/product_key.h"
-#include "platform/registry.h"
+#include "config/product_values.h"
 #include "trace/trace.h"
 
 namespace ovsvc {
@@ -9,28 +9,17 @@ namespace ovsvc {
 bool ReadTimeOutValue(std::u16string_view valueName, std::uint32_t defaultValue,
                       std::uint32_t* value) {
     *value = defaultValue;
-    platform::UniqueKey key;
-    if (platform::RegOpenKeyExW(platform::HKEY_LOCAL_MACHINE, kProductKey, 0, platform::KEY_READ,
-                                &key) != platform::ERROR_SUCCESS) {
-        OVTRACE(ERR | NORM, "cannot open regkey <%s>", kProductKey);
-        return false;
-    }
-    platform::DWORD type = 0;
-    platform::DWORD size = 0;
-    if (platform::RegQueryValueExW(key.get(), valueName, &type, nullptr, &size) !=
-            platform::ERROR_SUCCESS ||
-        type != platform::REG_DWORD || size == 0) {
-        return false;
-    }
     std::uint32_t data = 0;
-    size = sizeof(data);
-    if (platform::RegQueryValueExW(key.get(), valueName, &type, &data, &size) !=
-            platform::ERROR_SUCCESS ||
-        type != platform::REG_DWORD || size == 0) {
-        return false;
+    switch (config::ReadNumber(valueName, config::NumberRule::kDwordOnly, &data)) {
+        case config::ReadStatus::kRead:
+            *value = data;
+            return true;
+        case config::ReadStatus::kNoKey:
+            OVTRACE(ERR | NORM, "cannot open regkey <%s>", kProductKey);
+            return false;
+        default:
+            return false;
     }
-    *value = data;
-    return true;
 }
 
 std::uint32_t QueryTimeOutValue(std::uint32_t id) {

@@ -4,9 +4,10 @@
 #include <new>
 
 #include "config/product_key.h"
+#include "config/product_values.h"
+#include "config/registry_list.h"
 #include "platform/registry.h"
 #include "res/resources.h"
-#include "rules/registry_list.h"
 #include "rules/rule_text.h"
 #include "rules/string_parser.h"
 #include "trace/trace.h"
@@ -245,9 +246,8 @@ namespace {
 // Stores the corrected form of a faulty list and drops the older form.
 void WriteCorrectedList(std::span<const std::u16string> list) {
     platform::UniqueKey key;
-    if (platform::RegOpenKeyExW(platform::HKEY_LOCAL_MACHINE, kProductKey, 0,
-                                platform::KEY_ALL_ACCESS,
-                                &key) != static_cast<platform::LSTATUS>(platform::ERROR_SUCCESS)) {
+    if (config::OpenProductKey(platform::KEY_ALL_ACCESS, &key) !=
+        static_cast<platform::LSTATUS>(platform::ERROR_SUCCESS)) {
         OVTRACE(ERR | NORM, "cannot open Registry Key: Orvelle\\OVAS");
         return;
     }
@@ -276,8 +276,7 @@ int LoadTranslationList() {
     }
     try {
         platform::UniqueKey key;
-        if (platform::RegOpenKeyExW(platform::HKEY_LOCAL_MACHINE, kProductKey, 0,
-                                    platform::KEY_READ, &key) !=
+        if (config::OpenProductKey(platform::KEY_READ, &key) !=
             static_cast<platform::LSTATUS>(platform::ERROR_SUCCESS)) {
             OVTRACE(ERR | NORM, "no cannot open OVAS REGKey CTranslationTable");
             ReportServiceEvent(LoadOwnString(IDS_KEY_CREATE_FAILED), kEventError, 14);

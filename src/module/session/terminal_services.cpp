@@ -3,7 +3,7 @@
 #include <cstring>
 #include <optional>
 
-#include "config/product_key.h"
+#include "config/product_values.h"
 #include "platform/registry.h"
 #include "session/wts_layer.h"
 #include "trace/trace.h"
@@ -68,7 +68,7 @@ bool SuitesAllowTerminalServices() {
 }  // namespace
 
 bool IsTerminalServicesEnabled() {
-    if (ReadDword(kProductKey, u"ForceListenToWTS").value_or(0) != 0) {
+    if (config::ForceListenToWTS()) {
         OVTRACE(INF | NORM, "dwForceWTS == TRUE found, IsTerminalServicesEnabled return TRUE");
         return true;
     }

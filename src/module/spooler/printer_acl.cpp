@@ -4,9 +4,8 @@
 #include <span>
 
 #include "common/ovstring.h"
-#include "config/product_key.h"
+#include "config/product_values.h"
 #include "platform/kernel.h"
-#include "platform/registry.h"
 #include "res/resources.h"
 #include "spooler/win_printer.h"
 #include "trace/trace.h"
@@ -39,21 +38,29 @@ const std::vector<RightsSet>& RightsSets() {
         {201, u"Access-Mask for 'Drucken' in WinNT or Win2000...", {{0x00020008, 2}}, 8},
         {202,
          u"Access-Mask for 'Dokumente verwalten' in WinNT...",
-         {{0x10000000, 9}, {0x00020000, 2}}, 20},
-        {203, u"Access-Maske for 'Vollzugriff' in WinNT...", {{0x10000000, 9}, {0x000F000C, 2}}, 20},
+         {{0x10000000, 9}, {0x00020000, 2}},
+         20},
+        {203,
+         u"Access-Maske for 'Vollzugriff' in WinNT...",
+         {{0x10000000, 9}, {0x000F000C, 2}},
+         20},
         {204, u"Access-Mask for 'Drucken' in WinNT or Win2000...", {{0x00020008, 0}}, 8},
         {205,
          u"Access-Maske for 'Dokumente verwalten' in Win2000...",
-         {{0x00020000, 10}, {0x000F0010, 9}}, 20},
+         {{0x00020000, 10}, {0x000F0010, 9}},
+         20},
         {206,
          u"Access-Maske for 'Drucken und Dokumente verwalten' in Win2000...",
-         {{0x00020008, 0}, {0x00020000, 10}, {0x000F0030, 9}}, 32},
+         {{0x00020008, 0}, {0x00020000, 10}, {0x000F0030, 9}},
+         32},
         {207,
          u"Access-Maske for 'Drucken, Dokumente und Drucker verwalten' in Win2000...",
-         {{0x000F000C, 0}, {0x000F0030, 9}}, 20},
+         {{0x000F000C, 0}, {0x000F0030, 9}},
+         20},
         {208,
          u"Access-Maske for 'Drucken und Drucker verwalten' in Win2000...",
-         {{0x000F000C, 0}}, 8},
+         {{0x000F000C, 0}},
+         8},
     };
     return sets;
 }
@@ -67,20 +74,8 @@ const RightsSet* FindRights(std::int32_t code) {
     return nullptr;
 }
 
-// Reads a DWORD of the product key; nullopt when missing or of another type.
-std::optional<DWORD> ReadRightsValue(platform::HKEY key, std::u16string_view name) {
-    DWORD type = 0;
-    DWORD value = 0;
-    DWORD size = sizeof(value);
-    if (platform::RegQueryValueExW(key, name, &type, &value, &size) != platform::ERROR_SUCCESS ||
-        type != platform::REG_DWORD || size != sizeof(value)) {
-        return std::nullopt;
-    }
-    return value;
-}
-
-std::int32_t MapRights(DWORD value, std::initializer_list<std::int32_t> byIndex,
-                       std::int32_t first, std::int32_t last, std::int32_t invalid) {
+std::int32_t MapRights(DWORD value, std::initializer_list<std::int32_t> byIndex, std::int32_t first,
+                       std::int32_t last, std::int32_t invalid) {
     if (value < byIndex.size()) {
         return *(byIndex.begin() + value);
     }
@@ -101,8 +96,7 @@ bool LookupSid(std::u16string_view user, platform::Sid* sid) {
     DWORD sidSize = 0;
     DWORD domainLength = 0;
     platform::SID_NAME_USE use{};
-    if (platform::LookupAccountNameW(u"", user, nullptr, &sidSize, nullptr, &domainLength,
-                                     &use) ||
+    if (platform::LookupAccountNameW(u"", user, nullptr, &sidSize, nullptr, &domainLength, &use) ||
         platform::GetLastError() != platform::ERROR_INSUFFICIENT_BUFFER) {
         return false;
     }
@@ -121,8 +115,7 @@ bool LookupName(const platform::Sid& sid, std::u16string* full) {
     DWORD nameLength = 0;
     DWORD domainLength = 0;
     platform::SID_NAME_USE use{};
-    if (platform::LookupAccountSidW(u"", sid, nullptr, &nameLength, nullptr, &domainLength,
-                                    &use) ||
+    if (platform::LookupAccountSidW(u"", sid, nullptr, &nameLength, nullptr, &domainLength, &use) ||
         platform::GetLastError() != platform::ERROR_INSUFFICIENT_BUFFER) {
         return false;
     }
@@ -156,11 +149,12 @@ int AccessRightsFailed(int step) {
 }  // namespace
 
 std::int32_t QueryAccessRightsFromRegistry() {
-    platform::UniqueKey key;
-    if (platform::RegOpenKeyExW(platform::HKEY_LOCAL_MACHINE, kProductKey, 0, platform::KEY_READ,
-                                &key) != platform::ERROR_SUCCESS) {
-        OVTRACE(ERR | NORM, "%s", LoadOwnString(IDS_KEY_OPEN_FAILED));
-        return -1;
+    {
+        platform::UniqueKey key;
+        if (config::OpenProductKey(platform::KEY_READ, &key) != platform::ERROR_SUCCESS) {
+            OVTRACE(ERR | NORM, "%s", LoadOwnString(IDS_KEY_OPEN_FAILED));
+            return -1;
+        }
     }
     platform::OSVERSIONINFOEXW version;
     if (!platform::GetVersionExW(&version)) {
@@ -173,20 +167,20 @@ std::int32_t QueryAccessRightsFromRegistry() {
         return -9;
     }
     if (version.dwMajorVersion <= 4) {
-        const std::optional<DWORD> value = ReadRightsValue(key.get(), u"RightsWinNT");
-        if (!value) {
+        std::uint32_t value = 0;
+        if (config::RightsWinNT(&value) != config::ReadStatus::kRead) {
             OVTRACE(ERR | NORM, "%s", LoadOwnString(IDS_RIGHTS_QUERY_FAILED));
             return -3;
         }
-        return MapRights(*value, {203, 201, 202}, 201, 203, -5);
+        return MapRights(value, {203, 201, 202}, 201, 203, -5);
     }
     if (version.dwMajorVersion <= 6) {
-        const std::optional<DWORD> value = ReadRightsValue(key.get(), u"RightsWin2000");
-        if (!value) {
+        std::uint32_t value = 0;
+        if (config::RightsWin2000(&value) != config::ReadStatus::kRead) {
             OVTRACE(ERR | NORM, "%s", LoadOwnString(IDS_RIGHTS_QUERY_FAILED));
             return -4;
         }
-        return MapRights(*value, {207, 204, 205, 206, 208}, 204, 208, -8);
+        return MapRights(value, {207, 204, 205, 206, 208}, 204, 208, -8);
     }
     return 0;
 }
@@ -201,10 +195,9 @@ int AddAccessRights(int mode, const std::vector<std::byte>& oldDescriptor,
     }
     platform::Sid admins;
     platform::Sid system;
-    if (!platform::AllocateAndInitializeSid(platform::SECURITY_NT_AUTHORITY, 2,
-                                            platform::SECURITY_BUILTIN_DOMAIN_RID,
-                                            platform::DOMAIN_ALIAS_RID_ADMINS, 0, 0, 0, 0, 0, 0,
-                                            &admins)) {
+    if (!platform::AllocateAndInitializeSid(
+            platform::SECURITY_NT_AUTHORITY, 2, platform::SECURITY_BUILTIN_DOMAIN_RID,
+            platform::DOMAIN_ALIAS_RID_ADMINS, 0, 0, 0, 0, 0, 0, &admins)) {
         return AccessRightsFailed(1);
     }
     if (!platform::AllocateAndInitializeSid(platform::SECURITY_NT_AUTHORITY, 1,
@@ -306,11 +299,14 @@ int AddAccessRights(int mode, const std::vector<std::byte>& oldDescriptor,
             } else {
                 const bool nt4 = nAccessRights <= 203;
                 const std::vector<std::pair<AceSpec, const platform::Sid*>> defaults =
-                    nt4 ? std::vector<std::pair<AceSpec, const platform::Sid*>>{
-                              {{0x10000000, 9}, &system},
-                              {{0x000F000C, 2}, &system},
-                              {{0x10000000, 9}, &admins},
-                              {{0x000F000C, 2}, &admins}}
+                    nt4 ? std::vector<std::pair<AceSpec, const platform::Sid*>>{{{0x10000000, 9},
+                                                                                 &system},
+                                                                                {{0x000F000C, 2},
+                                                                                 &system},
+                                                                                {{0x10000000, 9},
+                                                                                 &admins},
+                                                                                {{0x000F000C, 2},
+                                                                                 &admins}}
                         : std::vector<std::pair<AceSpec, const platform::Sid*>>{
                               {{0x000F000C, 0}, &admins},
                               {{0x000F0030, 9}, &admins},
@@ -382,8 +378,9 @@ int SetPrinterACL(int mode, std::u16string_view printerName, std::u16string_view
 
 int GetUserNamesFromACL(std::u16string_view printerName, std::vector<std::u16string>* names) {
     const auto failed = [](int step) {
-        OVTRACE(ERR | NORM, "WinPrinter::Get-UserNamesFormACL failed LNUMBER=(%d), GetLastError=(%d)",
-                step, platform::GetLastError());
+        OVTRACE(ERR | NORM,
+                "WinPrinter::Get-UserNamesFormACL failed LNUMBER=(%d), GetLastError=(%d)", step,
+                platform::GetLastError());
         return 1;
     };
     const platform::UniquePrinter printer = OpenPrinterFullAccess(printerName);

@@ -6,7 +6,7 @@
 
 #include "common/module_state.h"
 #include "common/ovstring.h"
-#include "config/product_key.h"
+#include "config/product_values.h"
 #include "platform/error.h"
 #include "platform/kernel.h"
 #include "platform/registry.h"
@@ -37,35 +37,12 @@ std::mutex& WriterLock() {
 
 // Reads DebugLevel and DebugFile; on any failure tracing goes off for good.
 bool ReadConfiguration(std::u16string* path) {
-    using namespace platform;
-    UniqueKey key;
-    if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, kProductKey, 0, KEY_READ, &key) != ERROR_SUCCESS) {
+    const std::optional<config::TraceSettings> settings = config::ReadTraceSettings();
+    if (!settings) {
         return false;
     }
-    DWORD type = 0;
-    DWORD level = 0;
-    DWORD size = sizeof level;
-    if (RegQueryValueExW(key.get(), u"DebugLevel", &type, &level, &size) != ERROR_SUCCESS ||
-        type != REG_DWORD) {
-        return false;
-    }
-    level &= 0x00FFFFFF;
-    if (level == 0) {
-        return false;
-    }
-    char16_t buffer[kMaxPathChars + 1] = {};
-    size = sizeof buffer;
-    if (RegQueryValueExW(key.get(), u"DebugFile", &type, buffer, &size) != ERROR_SUCCESS ||
-        type != REG_SZ) {
-        return false;
-    }
-    std::u16string_view text(buffer, size / sizeof(char16_t));
-    text = text.substr(0, text.find(u'\0'));
-    if (text.size() > kMaxPathChars) {
-        return false;  // no room for the terminator: too long
-    }
-    path->assign(text);
-    g_level.store(level, std::memory_order_relaxed);
+    *path = settings->file;
+    g_level.store(settings->level, std::memory_order_relaxed);
     return true;
 }
 

@@ -12,7 +12,7 @@
 #include "config/product_key.h"
 #include "ovtest.h"
 #include "platform/registry.h"
-#include "rules/registry_list.h"
+#include "config/registry_list.h"
 #include "rules/translation_table.h"
 
 namespace ovsvc {

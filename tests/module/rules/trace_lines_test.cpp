@@ -11,7 +11,7 @@
 #include "ovtest.h"
 #include "platform/registry.h"
 #include "rules/printer_create_list.h"
-#include "rules/registry_list.h"
+#include "config/registry_list.h"
 #include "rules/translation_table.h"
 #include "trace/trace.h"
 

@@ -1,4 +1,4 @@
-#include "rules/registry_list.h"
+#include "config/registry_list.h"
 
 #include <cstring>
 
