@@ -10,6 +10,7 @@
 #include "channel/service_loop.h"
 #include "common/module_state.h"
 #include "common/ovstring.h"
+#include "create/install_printer.h"
 #include "rules/translation_rule.h"
 #include "rules/translation_table.h"
 #include "trace/trace.h"
@@ -20,6 +21,38 @@ namespace {
 
 std::u16string_view FieldText(const char16_t* field, std::size_t units) {
     return std::u16string_view(field, std::find(field, field + units, u'\0') - field);
+}
+
+// Writes `text` at `byteOffset` of the area, cut to `units` - 1 characters and
+// zero-padded to the end of its slot.
+void PutString(SHM* area, std::size_t byteOffset, std::size_t units, std::u16string_view text);
+
+std::int32_t HandleCreate(SHM* area) {
+    OVTRACE(INF | MAIN, "calling Install-Printer()...");
+    CreateRequest request;
+    request.PN = FieldText(area->PN, kNameUnits);
+    request.PC = FieldText(area->PC, kNameUnits);
+    request.IP = FieldText(area->IP, kAddressUnits);
+    request.TYPE = area->TYPE;
+    request.DRIVER = FieldText(area->DRIVER, kNameUnits);
+    request.PID = static_cast<std::int32_t>(area->PID);
+    request.SID = area->SID;
+    request.ADDR = FieldText(area->ADDR, kNameUnits);
+    request.UN = FieldText(area->UN, kNameUnits);
+    request.CN = FieldText(area->CN, kNameUnits);
+    if (area->PropertiesLength != 0) {
+        request.PrinterProperties = area->PrinterProperties;
+        request.PropertiesLength = std::min(area->PropertiesLength, kMaxPropertiesBytes);
+    }
+    request.PropertiesParts = area->PropertiesParts;
+    request.nPrinterPropertiesOptions = area->nPrinterPropertiesOptions;
+    request.nFlags = area->nFlags;
+    std::u16string name;
+    std::u16string templateName;
+    const std::int32_t result = InstallPrinter(request, &name, &templateName);
+    PutString(area, kCreatedNameOffset, kCreatedNameUnits, name);
+    PutString(area, kCreatedClassOffset, kCreatedNameUnits, templateName);
+    return result;
 }
 
 std::int32_t HandleDelete(const SHM* area) {
@@ -108,6 +141,9 @@ bool LoadTranslationTableAtStart() {
 
 void Dispatch(SHM* area) {
     switch (area->Command) {
+        case CMDAddPrinter:
+            area->Result = HandleCreate(area);
+            break;
         case CMDDelPrinter:
             area->Result = HandleDelete(area);
             break;

@@ -1,0 +1,106 @@
+// A client printer becomes a server printer: the service finds the template
+// through the translation table, names the printer by the port monitor's
+// format and the naming scheme, and records the session; a second session
+// shares the printer; logoffs take it away again.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "autocreated_printers.h"
+#include "channel_support.h"
+#include "ovtest.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+struct CtlResult {
+    int exit = -1;
+    std::string out;
+};
+
+CtlResult Ctl(const std::vector<std::string>& args) {
+    ovtest::Process ctl = ovtest::Process::Start(ovtest::BinDir() + "/ovasctl", args);
+    CtlResult result;
+    result.exit = ctl.Wait(60s);
+    result.out = ctl.output();
+    return result;
+}
+
+class CreatePrinterTest : public ovtest::MachineTest {
+  protected:
+    void SetUp() override {
+        MachineTest::SetUp();
+        OVTEST_EMBEDDED_ONLY("needs the embedded account table and ovasctl spool administration");
+        channeltest::ResetProductKey();
+        trace_ = channeltest::EnableTrace(root());
+        channeltest::SetProductDword(u"RightsWin2000", 1);
+        ASSERT_TRUE(ovtest::EnsureUsers({u"OVDOMAIN\\ann", u"OVDOMAIN\\bob"}));
+        for (const auto& args : std::vector<std::vector<std::string>>{
+                 {"spool", "port", "add", "Orvelle Port", "OVAS1:", "--info",
+                  "Protocol=3\\nOVASScheme=%A:%I#%N"},
+                 {"spool", "template", "add", "Relay", "--driver", "Generic / Text Only", "--port",
+                  "OVAS1:"},
+                 {"reg", "set", "HKLM\\Software\\Orvelle\\Ovaspool", "NameTranslationEx", "--type",
+                  "multi_sz", "IP,Client,Driver,Printer,Class,T1,T2,T4,T8,Template,Flag",
+                  "*,*,*,*,PCL,true,true,true,true,Relay,",
+                  "*,*,*,*,NET,true,true,true,true,\\\\srv\\q,"}}) {
+            const CtlResult r = Ctl(args);
+            ASSERT_EQ(r.exit, 0) << r.out;
+        }
+    }
+    static CtlResult Add(const std::string& printer, const std::string& cls,
+                         const std::string& session, const std::string& user,
+                         const std::string& flags = "0") {
+        return Ctl({"call", "add", "--printer", printer, "--class", cls, "--client", "PC1", "--id",
+                    "3", "--session", session, "--user", user, "--computer", "PC1", "--flags",
+                    flags});
+    }
+    std::string trace_;
+};
+
+TEST_F(CreatePrinterTest, SessionsGetSharePrinterAndLoseItAtLogoff) {
+    ovtest::Process service = channeltest::StartService();
+    const std::u16string name = u"PC1:3#HP 4 on PC1";
+
+    CtlResult r = Add("\\\\PC1\\HP 4", "PCL", "5", "OVDOMAIN\\ann");
+    EXPECT_NE(r.out.find("add: result 0"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("PC1:3#HP 4 on PC1"), std::string::npos) << r.out;
+    auto printer = ovtest::ReadPrinter(name);
+    ASSERT_TRUE(printer);
+    EXPECT_TRUE(printer->comment.starts_with(ovtest::kAutocreatedMarker));
+    EXPECT_EQ(printer->location, u"5;");
+    EXPECT_EQ(printer->portName, u"OVAS1:");
+    EXPECT_EQ(ovtest::PrintingUsers(name), (std::vector<std::u16string>{u"OVDOMAIN\\ann"}));
+
+    // The same client printer from another session shares the printer.
+    r = Add("\\\\PC1\\HP 4", "PCL", "7", "OVDOMAIN\\bob");
+    EXPECT_NE(r.out.find("add: result 0"), std::string::npos) << r.out;
+    EXPECT_EQ(ovtest::LocationIds(ovtest::ReadPrinter(name)->location),
+              (std::vector<std::uint32_t>{5, 7}));
+    EXPECT_EQ(ovtest::PrintingUsers(name),
+              (std::vector<std::u16string>{u"OVDOMAIN\\ann", u"OVDOMAIN\\bob"}));
+    r = Ctl({"call", "enum", "--raw"});
+    EXPECT_NE(r.out.find("R1:2S1:5U12:OVDOMAIN\\annS1:7U12:OVDOMAIN\\bob"), std::string::npos)
+        << r.out;
+
+    // Logoffs: ann's session first (bob keeps the printer, ann loses it),
+    // then bob's through the create request's delete mode.
+    r = Ctl({"call", "del", "--session", "5"});
+    EXPECT_NE(r.out.find("del: result 1"), std::string::npos) << r.out;
+    EXPECT_EQ(ovtest::PrintingUsers(name), (std::vector<std::u16string>{u"OVDOMAIN\\bob"}));
+    r = Add("\\\\PC1\\HP 4", "PCL", "7", "OVDOMAIN\\bob", "8");
+    EXPECT_NE(r.out.find("add: result 0"), std::string::npos) << r.out;
+    EXPECT_FALSE(ovtest::ReadPrinter(name));
+
+    // Network printers and unknown classes are not created.
+    r = Add("Other", "NET", "5", "OVDOMAIN\\ann");
+    EXPECT_NE(r.out.find("add: result 222"), std::string::npos) << r.out;
+    r = Add("Other", "XYZ", "5", "OVDOMAIN\\ann");
+    EXPECT_NE(r.out.find("add: result 221"), std::string::npos) << r.out;
+    service.Terminate();
+    EXPECT_EQ(service.Wait(10s), 0);
+}
+
+}  // namespace
