@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # The main job: builds (installing what is missing), then runs OVSvc on a fresh
 # embedded machine: the service started through service control, two users
-# logged on from their client machines, client calls answered by the service,
-# the machine's sessions and printers listed, and the service stopped.
+# logged on from their client machines, a server printer created for each
+# client printer (usable only by its user), the printers listed, one user
+# logging off and his printer going, and the service stopped.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/deps.sh
@@ -16,14 +17,22 @@ key='HKLM\Software\Orvelle\Ovaspool'
 "$ctl" reg set "$key" DebugLevel dword:000000ff
 "$ctl" reg set "$key" DebugFile "$OVSVC_ROOT/trace.log"
 "$ctl" reg set "$key" TimeOutService dword:000003e8
+"$ctl" reg set "$key" RightsWin2000 dword:00000001   # users may print
 "$ctl" reg set "$key" NameTranslationEx --type multi_sz \
   'IP,Client,Driver,Printer,Class,T1,T2,T4,T8,Template,Flag' \
   '*,*,HP*,*,*,true,true,true,true,HP Universal,' \
   '*,*,*,*,PS,true,true,true,true,Generic PostScript,'
 
-echo; echo "== template printers the translated names point at"
-"$ctl" spool template add 'HP Universal' --driver 'Generic / Text Only' --port LPT1:
-"$ctl" spool template add 'Generic PostScript' --driver 'Generic / Text Only' --port FILE:
+echo; echo "== the product's port monitor and the template printers the translated names point at"
+"$ctl" spool port add 'Orvelle Port' OVAS1: --info 'Protocol=3\nOVASScheme=%A:%I#%N'
+"$ctl" spool port add 'Orvelle Port' OVAS2: --info 'Protocol=3\nOVASScheme=%A:%I#%N'
+"$ctl" spool template add 'HP Universal' --driver 'Generic / Text Only' --port OVAS1:
+"$ctl" spool template add 'Generic PostScript' --driver 'Generic / Text Only' --port OVAS2:
+# Printers made from a template keep its ACL: only SYSTEM and Administrators.
+"$ctl" spool acl '_#HP Universal'
+"$ctl" spool acl '_#Generic PostScript'
+"$ctl" account add 'ORVELLE\alice'
+"$ctl" account add 'ORVELLE\bob'
 
 echo; echo "== a client call before the service runs (no service: -16)"
 "$ctl" call repair || true
@@ -53,8 +62,24 @@ echo; echo "== client calls answered by the service"
 "$ctl" call reload
 "$ctl" call repair || true
 
-echo; echo "== printers of the machine (printers for client printers come with the create request)"
+echo; echo "== each session's client printer is created on the server (as the client program asks)"
+"$ctl" call add --printer 'HP LaserJet 4' --class PCL --ip 10.0.0.21 --client ALICE-PC \
+  --driver 'HP LaserJet 4' --type 3 --id 1 --session 2 --user 'ORVELLE\alice' --computer ALICE-PC
+"$ctl" call add --printer 'Office PS' --class PS --ip 10.0.0.22 --client BOB-PC \
+  --driver 'Generic PS' --type 3 --id 7 --session 3 --user 'ORVELLE\bob' --computer BOB-PC
 "$ctl" spool printers
+"$ctl" call enum
+
+echo; echo "== only its user may print to a printer"
+"$ctl" spool job add 'ALICE-PC:1#HP LaserJet 4' --as 'ORVELLE\alice'
+"$ctl" spool job add 'ALICE-PC:1#HP LaserJet 4' --as 'ORVELLE\bob' || true
+"$ctl" spool job finish 'ALICE-PC:1#HP LaserJet 4'
+
+echo; echo "== alice logs off: her session is released and her printer goes"
+"$ctl" session logoff --id 2
+"$ctl" call del --session 2
+"$ctl" spool printers
+"$ctl" call enum
 
 echo; echo "== stopping the service"
 "$ctl" service stop
