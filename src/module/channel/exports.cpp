@@ -7,6 +7,7 @@
 #include "channel/service_loop.h"
 #include "channel/startup.h"
 #include "channel/timeouts.h"
+#include "common/boundary.h"
 #include "common/module_state.h"
 #include "common/ovstring.h"
 #include "ovsvc.h"
@@ -28,6 +29,7 @@ const char16_t* Utf16(const OVCHAR* text) {
 constexpr std::int32_t kInterfaceVersion = 8;
 constexpr OVHRESULT kS_OK = 0;
 constexpr OVHRESULT kS_FALSE = 1;
+constexpr OVHRESULT kE_FAIL = static_cast<OVHRESULT>(0x80004005u);
 constexpr OVHRESULT kE_NOTIMPL = static_cast<OVHRESULT>(0x80004001u);
 constexpr OVHRESULT kCLASS_E_CLASSNOTAVAILABLE = static_cast<OVHRESULT>(0x80040111u);
 
@@ -129,12 +131,14 @@ using namespace ovsvc;
 extern "C" {
 
 OVSVC_API int32_t OVSVC_CALL OVADLLRunMain(void* statusHandle, OVSERVICE_STATUS* status) {
-    OVTRACE(INF | MAIN, "size of shared memory = %d", static_cast<int>(sizeof(SHM)));
-    return ServiceLoop(statusHandle, status);
+    return RunAtBoundary("OVADLLRunMain", int32_t(0), [&] {
+        OVTRACE(INF | MAIN, "size of shared memory = %d", static_cast<int>(sizeof(SHM)));
+        return ServiceLoop(statusHandle, status);
+    });
 }
 
 OVSVC_API void OVSVC_CALL OVADLLServiceStoped(void) {
-    ServiceStop();
+    RunAtBoundary("OVADLLServiceStoped", [&] { ServiceStop(); });
 }
 
 OVSVC_API int32_t OVSVC_CALL OVADLLAddPrinter(
@@ -143,63 +147,70 @@ OVSVC_API int32_t OVSVC_CALL OVADLLAddPrinter(
     uint32_t nSessionID, const OVCHAR* strClientName, const OVCHAR* strUserName,
     const OVCHAR* strComputerName, const void* PrinterProperties, uint32_t PropertiesLength,
     uint32_t PropertiesParts, uint32_t nPrinterPropertiesOptions, uint32_t nFlags) {
-    OVTRACE(INF | SYNC, "ClientSync() wird ausgeführt...");
-    OVTRACE(INF | SYNC,
-            "AddPrinter: PN=%s,PC=%s,IP=%s,TYPE=%d,DRIVER=%s,PID=%d,SID=%d,ADDR=%s,UN=%s,CN=%s",
-            View(Utf16(strPrinterName)), View(Utf16(strPrinterClass)), View(Utf16(strClientIP)),
-            nClientType, View(Utf16(strClientDriverName)), nPrinterId, nSessionID,
-            View(Utf16(strClientName)), View(Utf16(strUserName)), View(Utf16(strComputerName)));
-    ClientRequest request{};
-    ReplyBuffer reply{};
-    request.Command = CMDAddPrinter;
-    request.PN = Utf16(strPrinterName);
-    request.PC = Utf16(strPrinterClass);
-    request.IP = Utf16(strClientIP);
-    request.TYPE = nClientType;
-    request.DRIVER = Utf16(strClientDriverName);
-    request.PID = nPrinterId;
-    request.SID = nSessionID;
-    request.ADDR = Utf16(strClientName);
-    request.UN = Utf16(strUserName);
-    request.CN = Utf16(strComputerName);
-    request.PrinterProperties = PrinterProperties;
-    request.PropertiesLength = PropertiesLength;
-    request.PropertiesParts = PropertiesParts;
-    request.nPrinterPropertiesOptions = nPrinterPropertiesOptions;
-    request.nFlags = nFlags;
-    TrimProperties(&request);
-    const std::int32_t result = ClientSync(&request, &reply);
-    if (strPrinterName != nullptr) {
-        CopyReplyString(reply, kCreatedNameOffset - kReplyOffset, kCreatedNameUnits,
-                        Utf16(strPrinterName));
-    }
-    if (strPrinterClass != nullptr) {
-        CopyReplyString(reply, kCreatedClassOffset - kReplyOffset, kCreatedNameUnits,
-                        Utf16(strPrinterClass));
-    }
-    return result;
+    return RunAtBoundary("OVADLLAddPrinter", int32_t(kResultUnknownCommand), [&] {
+        OVTRACE(INF | SYNC, "ClientSync() wird ausgeführt...");
+        OVTRACE(INF | SYNC,
+                "AddPrinter: PN=%s,PC=%s,IP=%s,TYPE=%d,DRIVER=%s,PID=%d,SID=%d,ADDR=%s,UN=%s,CN=%s",
+                View(Utf16(strPrinterName)), View(Utf16(strPrinterClass)), View(Utf16(strClientIP)),
+                nClientType, View(Utf16(strClientDriverName)), nPrinterId, nSessionID,
+                View(Utf16(strClientName)), View(Utf16(strUserName)), View(Utf16(strComputerName)));
+        ClientRequest request{};
+        ReplyBuffer reply{};
+        request.Command = CMDAddPrinter;
+        request.PN = Utf16(strPrinterName);
+        request.PC = Utf16(strPrinterClass);
+        request.IP = Utf16(strClientIP);
+        request.TYPE = nClientType;
+        request.DRIVER = Utf16(strClientDriverName);
+        request.PID = nPrinterId;
+        request.SID = nSessionID;
+        request.ADDR = Utf16(strClientName);
+        request.UN = Utf16(strUserName);
+        request.CN = Utf16(strComputerName);
+        request.PrinterProperties = PrinterProperties;
+        request.PropertiesLength = PropertiesLength;
+        request.PropertiesParts = PropertiesParts;
+        request.nPrinterPropertiesOptions = nPrinterPropertiesOptions;
+        request.nFlags = nFlags;
+        TrimProperties(&request);
+        const std::int32_t result = ClientSync(&request, &reply);
+        if (strPrinterName != nullptr) {
+            CopyReplyString(reply, kCreatedNameOffset - kReplyOffset, kCreatedNameUnits,
+                            Utf16(strPrinterName));
+        }
+        if (strPrinterClass != nullptr) {
+            CopyReplyString(reply, kCreatedClassOffset - kReplyOffset, kCreatedNameUnits,
+                            Utf16(strPrinterClass));
+        }
+        return result;
+    });
 }
 
 OVSVC_API int32_t OVSVC_CALL OVADLLDelPrinter(uint32_t nSessionID, uint32_t fAll) {
-    OVTRACE(INF | SYNC, "ClientSync() wird ausgeführt...");
-    ClientRequest request{};
-    request.Command = CMDDelPrinter;
-    request.SID = nSessionID;
-    request.PID = fAll;
-    return ClientSync(&request, nullptr);
+    return RunAtBoundary("OVADLLDelPrinter", int32_t(kResultUnknownCommand), [&] {
+        OVTRACE(INF | SYNC, "ClientSync() wird ausgeführt...");
+        ClientRequest request{};
+        request.Command = CMDDelPrinter;
+        request.SID = nSessionID;
+        request.PID = fAll;
+        return ClientSync(&request, nullptr);
+    });
 }
 
 OVSVC_API int32_t OVSVC_CALL OVADLLEnumPrinters(void* buffer, uint32_t bufferSize,
                                                 uint32_t* neededSize) {
-    return EnumPrinters(buffer, bufferSize, neededSize);
+    return RunAtBoundary("OVADLLEnumPrinters", int32_t(kResultUnknownCommand),
+                         [&] { return EnumPrinters(buffer, bufferSize, neededSize); });
 }
 
 OVSVC_API int32_t OVSVC_CALL OVADLLRepair(void) {
-    return SendSimpleCommand(CMDRepair);
+    return RunAtBoundary("OVADLLRepair", int32_t(kResultUnknownCommand),
+                         [&] { return SendSimpleCommand(CMDRepair); });
 }
 
 OVSVC_API int32_t OVSVC_CALL OVADLLLoadTranslationList(void) {
-    return SendSimpleCommand(CMDLoadTranslationList);
+    return RunAtBoundary("OVADLLLoadTranslationList", int32_t(kResultUnknownCommand),
+                         [&] { return SendSimpleCommand(CMDLoadTranslationList); });
 }
 
 OVSVC_API int32_t OVSVC_CALL OVADLLTranslate(const OVCHAR* strClientIP, const OVCHAR* strClientName,
@@ -207,75 +218,96 @@ OVSVC_API int32_t OVSVC_CALL OVADLLTranslate(const OVCHAR* strClientIP, const OV
                                              const OVCHAR* strPrinterName,
                                              const OVCHAR* strPrinterClass, uint32_t nClientType,
                                              OVCHAR* templates) {
-    ClientRequest request{};
-    ReplyBuffer reply{};
-    OVTRACE(INF | SYNC, "ClientSync() wird ausgeführt (OVADLLTranslate)...");
-    request.Command = CMDTranslate;
-    request.IP = Utf16(strClientIP);
-    request.ADDR = Utf16(strClientName);
-    request.DRIVER = Utf16(strClientDriverName);
-    request.PN = Utf16(strPrinterName);
-    request.PC = Utf16(strPrinterClass);
-    request.TYPE = nClientType;
-    const std::int32_t result = ClientSync(&request, &reply);
-    if (result < 0) {
-        OVTRACE(ERR | SYNC, "ClientSync() returned error (OVADLLTranslate).");
-        return result;
-    }
-    if (templates != nullptr) {
-        char16_t* out = Utf16(templates);
-        for (std::size_t offset : kTemplateOffsets) {
-            out = AppendReplyString(reply, offset - kReplyOffset, out);
+    return RunAtBoundary("OVADLLTranslate", int32_t(kResultUnknownCommand), [&] {
+        ClientRequest request{};
+        ReplyBuffer reply{};
+        OVTRACE(INF | SYNC, "ClientSync() wird ausgeführt (OVADLLTranslate)...");
+        request.Command = CMDTranslate;
+        request.IP = Utf16(strClientIP);
+        request.ADDR = Utf16(strClientName);
+        request.DRIVER = Utf16(strClientDriverName);
+        request.PN = Utf16(strPrinterName);
+        request.PC = Utf16(strPrinterClass);
+        request.TYPE = nClientType;
+        const std::int32_t result = ClientSync(&request, &reply);
+        if (result < 0) {
+            OVTRACE(ERR | SYNC, "ClientSync() returned error (OVADLLTranslate).");
+            return result;
         }
-        *out = 0;
-    }
-    return result;
+        if (templates != nullptr) {
+            char16_t* out = Utf16(templates);
+            for (std::size_t offset : kTemplateOffsets) {
+                out = AppendReplyString(reply, offset - kReplyOffset, out);
+            }
+            *out = 0;
+        }
+        return result;
+    });
 }
 
 OVSVC_API int32_t OVSVC_CALL OVADLLGetVersion(void) {
-    return kInterfaceVersion;
+    return RunAtBoundary("OVADLLGetVersion", int32_t(kInterfaceVersion),
+                         [&] { return kInterfaceVersion; });
 }
 
 OVSVC_API uint32_t OVSVC_CALL OVADLLQueryTimeOutValue(uint32_t id) {
-    return QueryTimeOutValue(id);
+    return RunAtBoundary("OVADLLQueryTimeOutValue", uint32_t(0u),
+                         [&] { return QueryTimeOutValue(id); });
 }
 
 OVSVC_API void OVSVC_CALL OVADLLDbgMessage(const OVCHAR* sourceFile, uint32_t line,
                                            const OVCHAR* message, const OVCHAR* section,
                                            uint32_t code) {
-    TraceDbgMessage(View(Utf16(sourceFile)), line, View(Utf16(message)), View(Utf16(section)),
-                    code);
+    RunAtBoundary("OVADLLDbgMessage", [&] {
+        TraceDbgMessage(View(Utf16(sourceFile)), line, View(Utf16(message)), View(Utf16(section)),
+                        code);
+    });
 }
 
 // The logon manager's notifications arrive with the session subsystem.
-OVSVC_API void OVSVC_CALL TSEventLogon(OVWLX_NOTIFICATION_INFO*) {}
-OVSVC_API void OVSVC_CALL TSEventLogoff(OVWLX_NOTIFICATION_INFO*) {}
-OVSVC_API void OVSVC_CALL TSEventReconnect(OVWLX_NOTIFICATION_INFO*) {}
-OVSVC_API void OVSVC_CALL TSEventDisconnect(OVWLX_NOTIFICATION_INFO*) {}
-OVSVC_API void OVSVC_CALL TSEventStartup(OVWLX_NOTIFICATION_INFO*) {}
-OVSVC_API void OVSVC_CALL TSEventShutdown(OVWLX_NOTIFICATION_INFO*) {}
+OVSVC_API void OVSVC_CALL TSEventLogon(OVWLX_NOTIFICATION_INFO*) {
+    RunAtBoundary("TSEventLogon", [] {});
+}
+OVSVC_API void OVSVC_CALL TSEventLogoff(OVWLX_NOTIFICATION_INFO*) {
+    RunAtBoundary("TSEventLogoff", [] {});
+}
+OVSVC_API void OVSVC_CALL TSEventReconnect(OVWLX_NOTIFICATION_INFO*) {
+    RunAtBoundary("TSEventReconnect", [] {});
+}
+OVSVC_API void OVSVC_CALL TSEventDisconnect(OVWLX_NOTIFICATION_INFO*) {
+    RunAtBoundary("TSEventDisconnect", [] {});
+}
+OVSVC_API void OVSVC_CALL TSEventStartup(OVWLX_NOTIFICATION_INFO*) {
+    RunAtBoundary("TSEventStartup", [] {});
+}
+OVSVC_API void OVSVC_CALL TSEventShutdown(OVWLX_NOTIFICATION_INFO*) {
+    RunAtBoundary("TSEventShutdown", [] {});
+}
 
 // Without the management framework there is no provider to register.
 OVSVC_API OVHRESULT OVSVC_CALL OVASRegister(void) {
-    return kS_OK;
+    return RunAtBoundary("OVASRegister", OVHRESULT(kE_FAIL), [&] { return kS_OK; });
 }
 OVSVC_API OVHRESULT OVSVC_CALL OVASUnregister(void) {
-    return kS_OK;
+    return RunAtBoundary("OVASUnregister", OVHRESULT(kE_FAIL), [&] { return kS_OK; });
 }
 OVSVC_API OVHRESULT OVSVC_CALL DllRegisterServer(void) {
-    return kE_NOTIMPL;
+    return RunAtBoundary("DllRegisterServer", OVHRESULT(kE_FAIL), [&] { return kE_NOTIMPL; });
 }
 OVSVC_API OVHRESULT OVSVC_CALL DllUnregisterServer(void) {
-    return kE_NOTIMPL;
+    return RunAtBoundary("DllUnregisterServer", OVHRESULT(kE_FAIL), [&] { return kE_NOTIMPL; });
 }
 OVSVC_API OVHRESULT OVSVC_CALL DllGetClassObject(const void*, const void*, void** object) {
-    if (object != nullptr) {
-        *object = nullptr;
-    }
-    return kCLASS_E_CLASSNOTAVAILABLE;
+    return RunAtBoundary("DllGetClassObject", OVHRESULT(kE_FAIL), [&] {
+        if (object != nullptr) {
+            *object = nullptr;
+        }
+        return kCLASS_E_CLASSNOTAVAILABLE;
+    });
 }
 OVSVC_API OVHRESULT OVSVC_CALL DllCanUnloadNow(void) {
-    return fFrameworkLogin ? kS_FALSE : kS_OK;
+    return RunAtBoundary("DllCanUnloadNow", OVHRESULT(kS_FALSE),
+                         [&] { return fFrameworkLogin ? kS_FALSE : kS_OK; });
 }
 
 }  // extern "C"

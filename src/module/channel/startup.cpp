@@ -1,5 +1,8 @@
 #include "channel/startup.h"
 
+#include <atomic>
+#include <mutex>
+
 #include "common/module_state.h"
 #include "res/resources.h"
 #include "session/wts_layer.h"
@@ -129,6 +132,29 @@ void ModuleAttach() {
     CreateSharedMemory();
     fIsService = false;
     pthePrinterList = nullptr;
+}
+
+namespace {
+std::once_flag g_started;
+std::atomic<bool> g_startedFlag{false};
+}  // namespace
+
+void EnsureModuleStarted() {
+    std::call_once(g_started, [] {
+        ModuleAttach();
+        g_startedFlag = true;
+    });
+}
+
+bool ModuleStarted() {
+    return g_startedFlag;
+}
+
+void ModuleReleaseQuietly() {
+    ModuleState& state = State();
+    state.shmView.reset();
+    state.shmMapping.reset();
+    DestroyPrinterList();
 }
 
 void ModuleDetach() {

@@ -44,4 +44,17 @@ bool CreateSharedMemory();
 void ModuleAttach();
 void ModuleDetach();
 
+// Runs the attach once per process, on the first call a host makes into
+// the module (thread-safe; every exported entry point calls it). On Windows
+// the attach cannot run inside the library's entry point: it reads the
+// registry and the version resource and creates kernel objects, which under
+// the loader's lock can deadlock; so the entry point leaves it to the first
+// call.
+void EnsureModuleStarted();
+bool ModuleStarted();
+// What an explicit unload may do under the loader's lock: the shared area
+// unmapped and closed and the printer cache freed, with nothing traced,
+// loaded or read from the registry.
+void ModuleReleaseQuietly();
+
 }  // namespace ovsvc

@@ -156,6 +156,11 @@ void UnregisterModuleResources(const ModuleResources* resources) {
     }
 }
 
+bool DisableThreadLibraryCalls(HMODULE /*module*/) {
+    SetLastError(ERROR_SUCCESS);
+    return true;
+}
+
 HMODULE GetModuleHandleW(std::u16string_view fileName) {
     Table& t = table();
     std::lock_guard lock(t.mutex);

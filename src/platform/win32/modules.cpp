@@ -6,6 +6,10 @@
 
 namespace platform {
 
+bool DisableThreadLibraryCalls(HMODULE module) {
+    return ::DisableThreadLibraryCalls(reinterpret_cast<::HMODULE>(module)) != FALSE;
+}
+
 HMODULE GetModuleHandleW(std::u16string_view fileName) {
     const std::u16string name(fileName);
     ::HMODULE module = ::GetModuleHandleW(name.empty() ? nullptr : win32::Wide(name));

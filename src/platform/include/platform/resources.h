@@ -70,6 +70,10 @@ struct ModuleResources {
 HMODULE RegisterModuleResources(const ModuleResources* resources);
 void UnregisterModuleResources(const ModuleResources* resources);
 
+// Switches off the thread attach and detach notifications of a library's
+// entry point. The embedded platform sends none, and answers true.
+bool DisableThreadLibraryCalls(HMODULE module);
+
 // Null when no such module is loaded (ERROR_MOD_NOT_FOUND).
 HMODULE GetModuleHandleW(std::u16string_view fileName);
 // The module's full path (Windows form).
