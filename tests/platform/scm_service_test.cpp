@@ -187,6 +187,10 @@ TEST_F(ServiceControl, StopEndsTheProcessAndReadsStopped) {
     SERVICE_STATUS s;
     s.dwCurrentState = kPoison;
     ASSERT_TRUE(ControlService(service_.get(), SERVICE_CONTROL_STOP, &s));
+    // The call returns once the control is delivered, before the service ends.
+    EXPECT_TRUE(s.dwCurrentState == SERVICE_STOP_PENDING || s.dwCurrentState == SERVICE_STOPPED)
+        << s.dwCurrentState;
+    s = WaitFor(SERVICE_STOPPED);
     EXPECT_EQ(s.dwCurrentState, SERVICE_STOPPED);
     EXPECT_EQ(s.dwWin32ExitCode, ERROR_SUCCESS);
     // The process ends once it has reported stopped.
@@ -230,6 +234,7 @@ TEST_F(ServiceControl, ReportedStepsShowStateCheckpointAndWaitHint) {
     EXPECT_EQ(s.dwCurrentState, SERVICE_RUNNING);
     EXPECT_EQ(s.dwCheckPoint, 0u);
     ASSERT_TRUE(ControlService(service_.get(), SERVICE_CONTROL_STOP, &s));
+    s = WaitFor(SERVICE_STOPPED);
     EXPECT_EQ(s.dwCurrentState, SERVICE_STOPPED);
     EXPECT_EQ(s.dwWin32ExitCode, ERROR_SUCCESS);
 }

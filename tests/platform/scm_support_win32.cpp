@@ -189,6 +189,11 @@ TEST(ServiceHost, TheHostProgramRunsAsAServiceAndStops) {
     EXPECT_EQ(s.dwCurrentState, static_cast<DWORD>(SERVICE_RUNNING));
     EXPECT_NE(s.dwControlsAccepted & SERVICE_ACCEPT_STOP, 0u);
     EXPECT_TRUE(platform::ControlService(service.get(), SERVICE_CONTROL_STOP, &s));
+    const auto stopDeadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (s.dwCurrentState != SERVICE_STOPPED && std::chrono::steady_clock::now() < stopDeadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        ASSERT_TRUE(platform::QueryServiceStatus(service.get(), &s));
+    }
     EXPECT_EQ(s.dwCurrentState, static_cast<DWORD>(SERVICE_STOPPED));
     EXPECT_EQ(s.dwWin32ExitCode, static_cast<DWORD>(NO_ERROR));
     RemoveService(std::string(), name);

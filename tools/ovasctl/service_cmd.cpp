@@ -111,6 +111,20 @@ void InstallServiceCommands(CLI::App& app) {
             ExitCode() = Fail("stop", GetLastError());
             return;
         }
+        // The stop control only asks; wait until the service reports stopped.
+        constexpr DWORD kStopWaitMs = 30000;
+        const std::uint64_t deadline = GetTickCount64() + kStopWaitMs;
+        while (status.dwCurrentState != SERVICE_STOPPED) {
+            if (GetTickCount64() > deadline) {
+                ExitCode() = Fail("stop: the service did not stop within 30 s", ERROR_TIMEOUT);
+                return;
+            }
+            Sleep(20);
+            if (!QueryServiceStatus(svc.get(), &status)) {
+                ExitCode() = Fail("status", GetLastError());
+                return;
+            }
+        }
         Print(status, *json);
     });
 

@@ -41,7 +41,6 @@ namespace {
 
 constexpr char kServiceName[] = "OvaspoolSvc";
 constexpr char kServiceProgram[] = "ovaspoolsvc";
-constexpr DWORD kStopWaitMs = 30000;
 constexpr DWORD kStopWaitHint = 30000;
 
 // Granted to every caller; anything else needs an administrator.
@@ -440,11 +439,13 @@ bool ControlService(SC_HANDLE service, DWORD control, SERVICE_STATUS* status) {
                             std::to_string(record.pid) + " " + std::to_string(NowMs()) + "\n");
         kill(record.pid, SIGTERM);
     }
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kStopWaitMs);
-    while (IsAlive(record) && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
+    // As on Windows, the call returns once the control is delivered; waiting
+    // for the stopped state is the caller's business. A service that has not
+    // reported stopping yet reads as stop pending.
     *status = CurrentStatus();
+    if (status->dwCurrentState == SERVICE_RUNNING) {
+        status->dwCurrentState = SERVICE_STOP_PENDING;
+    }
     SetLastError(ERROR_SUCCESS);
     return true;
 }

@@ -71,6 +71,7 @@ inline constexpr DWORD ERROR_INVALID_PRIORITY = 1800;
 inline constexpr DWORD ERROR_INVALID_DATATYPE = 1804;
 inline constexpr DWORD ERROR_INVALID_PRINTER_STATE = 1906;
 inline constexpr DWORD ERROR_INVALID_SHARENAME = 1215;
+inline constexpr DWORD ERROR_TIMEOUT = 1460;
 inline constexpr DWORD ERROR_UNKNOWN_PRINT_MONITOR = 3000;
 
 // Last error of the calling thread (GetLastError / SetLastError).
