@@ -28,22 +28,11 @@ std::u16string_view View(const char16_t* text) noexcept {
 }
 
 char16_t FoldCase(char16_t c) noexcept {
-    if ((c >= u'a' && c <= u'z') || (c >= 0xE0 && c <= 0xFE && c != 0xF7)) {
-        return static_cast<char16_t>(c - 0x20);
-    }
-    return c;
+    return platform::UpcaseChar(c);
 }
 
 bool EqualsNoCase(std::u16string_view a, std::u16string_view b) noexcept {
-    if (a.size() != b.size()) {
-        return false;
-    }
-    for (std::size_t i = 0; i < a.size(); ++i) {
-        if (FoldCase(a[i]) != FoldCase(b[i])) {
-            return false;
-        }
-    }
-    return true;
+    return platform::NamesEqual(a, b);
 }
 
 }  // namespace ovsvc

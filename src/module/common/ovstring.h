@@ -15,8 +15,8 @@ std::size_t StrLen(const char16_t* text) noexcept;
 // The text of a zero-terminated UTF-16 string, or empty for null.
 std::u16string_view View(const char16_t* text) noexcept;
 
-// Case-insensitive comparison the way Windows compares names (ASCII and
-// Latin-1 letters folded).
+// Case-insensitive comparison the way Windows compares names (the
+// platform's one upper-case table).
 bool EqualsNoCase(std::u16string_view a, std::u16string_view b) noexcept;
 char16_t FoldCase(char16_t c) noexcept;
 

@@ -28,24 +28,8 @@ int HexValue(char16_t c) {
     return -1;
 }
 
-char16_t AsciiUpper(char16_t c) {
-    return (c >= u'a' && c <= u'z') ? c - (u'a' - u'A') : c;
-}
-
-bool EqualsAsciiNoCase(std::u16string_view a, std::u16string_view b) {
-    if (a.size() != b.size()) {
-        return false;
-    }
-    for (std::size_t i = 0; i < a.size(); ++i) {
-        if (AsciiUpper(a[i]) != AsciiUpper(b[i])) {
-            return false;
-        }
-    }
-    return true;
-}
-
 bool StartsWithNoCase(std::u16string_view text, std::u16string_view prefix) {
-    return text.size() >= prefix.size() && EqualsAsciiNoCase(text.substr(0, prefix.size()), prefix);
+    return text.size() >= prefix.size() && NamesEqual(text.substr(0, prefix.size()), prefix);
 }
 
 std::u16string_view TrimLeft(std::u16string_view s) {
@@ -388,11 +372,9 @@ bool SplitKeyPath(std::u16string_view path, HKEY* root, std::u16string* subKey,
                   std::string* error) {
     const auto slash = path.find(u'\\');
     const std::u16string_view rootName = path.substr(0, slash);
-    if (EqualsAsciiNoCase(rootName, u"HKEY_LOCAL_MACHINE") ||
-        EqualsAsciiNoCase(rootName, u"HKLM")) {
+    if (NamesEqual(rootName, u"HKEY_LOCAL_MACHINE") || NamesEqual(rootName, u"HKLM")) {
         *root = HKEY_LOCAL_MACHINE;
-    } else if (EqualsAsciiNoCase(rootName, u"HKEY_CLASSES_ROOT") ||
-               EqualsAsciiNoCase(rootName, u"HKCR")) {
+    } else if (NamesEqual(rootName, u"HKEY_CLASSES_ROOT") || NamesEqual(rootName, u"HKCR")) {
         *root = HKEY_CLASSES_ROOT;
     } else {
         *error = "unknown root key \"" + Narrow(rootName) + "\"";

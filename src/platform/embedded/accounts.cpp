@@ -21,6 +21,7 @@
 #include "platform/machine.h"
 #include "platform/registry.h"
 #include "platform/security.h"
+#include "platform/text.h"
 
 namespace platform {
 
@@ -307,13 +308,7 @@ bool ValidNamePart(std::u16string_view name) {
 namespace accounts {
 
 std::u16string Upper(std::u16string_view text) {
-    std::u16string out(text);
-    for (char16_t& c : out) {
-        if ((c >= u'a' && c <= u'z') || (c >= 0xE0 && c <= 0xFE && c != 0xF7)) {
-            c = static_cast<char16_t>(c - 32);
-        }
-    }
-    return out;
+    return UpcaseName(text);
 }
 
 std::u16string IndexName(std::u16string_view domain, std::u16string_view name) {

@@ -9,7 +9,7 @@
 
 namespace platform::accounts {
 
-// Case folding used for account names (ASCII and Latin-1).
+// Account names upper-cased as Windows compares names.
 std::u16string Upper(std::u16string_view text);
 // Key of an account in the name index: "DOMAIN\NAME" upper-cased.
 std::u16string IndexName(std::u16string_view domain, std::u16string_view name);

@@ -22,6 +22,7 @@
 #include "native_error.h"
 #include "platform/kernel.h"
 #include "platform/machine.h"
+#include "platform/text.h"
 #include "process_internal.h"
 #include "utf.h"
 
@@ -34,20 +35,8 @@ namespace {
 constexpr DWORD kErrorNegativeSeek = 131;
 constexpr DWORD kErrorDirectory = 267;
 
-char Lower(char c) {
-    return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c;
-}
-
 bool SameIgnoringCase(const std::string& a, const std::string& b) {
-    if (a.size() != b.size()) {
-        return false;
-    }
-    for (std::size_t i = 0; i < a.size(); ++i) {
-        if (Lower(a[i]) != Lower(b[i])) {
-            return false;
-        }
-    }
-    return true;
+    return NamesEqual(ToUtf16(a), ToUtf16(b));
 }
 
 bool Exists(const std::string& path) {
@@ -111,7 +100,8 @@ DWORD Resolve(std::u16string_view path, std::string* host) {
         *host = std::move(p);
         return ERROR_SUCCESS;
     }
-    std::string base = machine::Root() + "/drive_" + Lower(static_cast<char>(path[0]));
+    std::string base =
+        machine::Root() + "/drive_" + static_cast<char>(UpcaseChar(path[0]) - u'A' + u'a');
     ::mkdir(base.c_str(), 0777);
     path.remove_prefix(2);
     std::vector<std::u16string_view> parts;

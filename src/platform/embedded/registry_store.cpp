@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "platform/machine.h"
+#include "platform/text.h"
 
 namespace platform::registry_store {
 
@@ -18,52 +19,13 @@ namespace {
 
 constexpr int kBusyTimeoutMs = 30000;
 
-// Upper case as the registry compares names: ASCII, Latin-1, Latin
-// Extended-A, Greek, Cyrillic and full-width Latin letters.
+// Names are compared upper-cased by the common table.
 char16_t Upcase(char16_t c) {
-    if (c < 0x80) {
-        return (c >= u'a' && c <= u'z') ? static_cast<char16_t>(c - 32) : c;
-    }
-    if (c >= 0xE0 && c <= 0xFE && c != 0xF7) {
-        return static_cast<char16_t>(c - 32);
-    }
-    if (c == 0xFF) {
-        return 0x178;
-    }
-    if (c >= 0x100 && c <= 0x17F) {
-        const bool oddUpper = (c >= 0x139 && c <= 0x148) || (c >= 0x179 && c <= 0x17E);
-        if (c == 0x130 || c == 0x131 || c == 0x138 || c == 0x149 || c == 0x17F) {
-            return c;
-        }
-        if (oddUpper) {
-            return (c % 2 == 0) ? static_cast<char16_t>(c - 1) : c;
-        }
-        return (c % 2 == 1) ? static_cast<char16_t>(c - 1) : c;
-    }
-    if (c >= 0x3B1 && c <= 0x3CB && c != 0x3C2) {
-        return static_cast<char16_t>(c - 32);
-    }
-    if (c == 0x3C2) {
-        return 0x3A3;
-    }
-    if (c >= 0x430 && c <= 0x44F) {
-        return static_cast<char16_t>(c - 32);
-    }
-    if (c >= 0x450 && c <= 0x45F) {
-        return static_cast<char16_t>(c - 80);
-    }
-    if (c >= 0xFF41 && c <= 0xFF5A) {
-        return static_cast<char16_t>(c - 32);
-    }
-    return c;
+    return UpcaseChar(c);
 }
 
 std::u16string Fold(std::u16string_view name) {
-    std::u16string out(name.size(), u'\0');
-    for (std::size_t i = 0; i < name.size(); ++i) {
-        out[i] = Upcase(name[i]);
-    }
-    return out;
+    return UpcaseName(name);
 }
 
 // The folded name as stored: big-endian UTF-16.

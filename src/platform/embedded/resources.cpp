@@ -1,6 +1,7 @@
 // Module resources on the embedded platform: modules register their resource
 // data under their Windows file name; look-ups find it by that name.
 #include "platform/resources.h"
+#include "platform/text.h"
 
 #include <dlfcn.h>
 
@@ -17,23 +18,8 @@ struct ModuleObject {
 
 namespace {
 
-char16_t Fold(char16_t c) {
-    if ((c >= u'a' && c <= u'z') || (c >= 0xE0 && c <= 0xFE && c != 0xF7)) {
-        return static_cast<char16_t>(c - 0x20);
-    }
-    return c;
-}
-
 bool SameName(std::u16string_view a, std::u16string_view b) {
-    if (a.size() != b.size()) {
-        return false;
-    }
-    for (std::size_t i = 0; i < a.size(); ++i) {
-        if (Fold(a[i]) != Fold(b[i])) {
-            return false;
-        }
-    }
-    return true;
+    return NamesEqual(a, b);
 }
 
 // The file-name part of a module name; ".dll" is implied when the name has

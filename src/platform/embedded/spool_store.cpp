@@ -17,16 +17,7 @@
 
 namespace platform::spool {
 
-namespace {
-
-char16_t Fold(char16_t c) {
-    if ((c >= u'a' && c <= u'z') || (c >= 0xE0 && c <= 0xFE && c != 0xF7)) {
-        return static_cast<char16_t>(c - 0x20);
-    }
-    return c;
-}
-
-}  // namespace
+namespace {}  // namespace
 
 std::string ToUtf8(std::u16string_view text) {
     return platform::ToUtf8(text);
@@ -73,15 +64,7 @@ std::vector<std::byte> StringBytes(std::u16string_view value) {
 }  // namespace
 
 bool SameName(std::u16string_view a, std::u16string_view b) {
-    if (a.size() != b.size()) {
-        return false;
-    }
-    for (std::size_t i = 0; i < a.size(); ++i) {
-        if (Fold(a[i]) != Fold(b[i])) {
-            return false;
-        }
-    }
-    return true;
+    return NamesEqual(a, b);
 }
 
 std::u16string Join(std::u16string_view a, std::u16string_view b) {

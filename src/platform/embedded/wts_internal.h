@@ -12,8 +12,8 @@ namespace platform::detail {
 std::string Utf8(std::u16string_view text);
 std::u16string Utf16(std::string_view text);
 
-// ASCII case folding, the way Windows compares file and library names.
-bool EqualsIgnoreCase(std::string_view a, std::string_view b) noexcept;
+// File and library names compared as Windows compares names.
+bool EqualsIgnoreCase(std::string_view a, std::string_view b);
 
 // Writes the terminal server's registry defaults and the session table's
 // built-in sessions the first time a machine root is used for them.

@@ -13,17 +13,8 @@ std::u16string Utf16(std::string_view text) {
     return platform::ToUtf16(text);
 }
 
-bool EqualsIgnoreCase(std::string_view a, std::string_view b) noexcept {
-    if (a.size() != b.size()) {
-        return false;
-    }
-    for (std::size_t i = 0; i < a.size(); ++i) {
-        auto fold = [](char c) { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c + 32) : c; };
-        if (fold(a[i]) != fold(b[i])) {
-            return false;
-        }
-    }
-    return true;
+bool EqualsIgnoreCase(std::string_view a, std::string_view b) {
+    return NamesEqual(platform::ToUtf16(a), platform::ToUtf16(b));
 }
 
 std::optional<DWORD> ParseDword(std::string_view text) noexcept {
