@@ -193,10 +193,29 @@ TEST_F(ChannelTest, TicketsAreServedInOrder) {
     ASSERT_EQ(second.Wait(30s), 0);
     EXPECT_EQ(ParseResult(first.output()), 0);
     EXPECT_EQ(ParseResult(second.output()), 0);
-    const auto finished = [](const std::string& out) {
-        return std::stoll(out.substr(out.find("finished=") + 9));
+    // The holder of ticket 0 hands its request over before the holder of
+    // ticket 1 (told apart by the thread ids of their trace lines).
+    const std::string trace = Trace();
+    const auto threadOf = [&](const std::string& marker) {
+        const std::size_t at = trace.find(marker);
+        const std::size_t line = trace.rfind('\n', at) + 1;
+        const std::size_t id = trace.find(" Id:", line);
+        return trace.substr(id, trace.find(' ', id + 1) - id);
     };
-    EXPECT_LE(finished(first.output()), finished(second.output()));
+    const std::string firstId = threadOf("setting OVReq1... (MyNr: 0)");
+    const std::string secondId = threadOf("setting OVReq1... (MyNr: 1)");
+    ASSERT_NE(firstId, secondId);
+    const auto handedOver = [&](const std::string& id) {
+        std::size_t at = 0;
+        while ((at = trace.find("copy data into SHM", at + 1)) != std::string::npos) {
+            const std::size_t line = trace.rfind('\n', at) + 1;
+            if (trace.compare(trace.find(" Id:", line), id.size(), id) == 0) {
+                return at;
+            }
+        }
+        return std::string::npos;
+    };
+    EXPECT_LT(handedOver(firstId), handedOver(secondId));
     EXPECT_EQ(area.get()->Act, 2);
 }
 
