@@ -32,17 +32,16 @@ std::optional<DWORD> ReadDword(std::u16string_view keyPath, std::u16string_view 
     return value;
 }
 
-using PFNVerSetConditionMask = std::uint64_t (*)(std::uint64_t, DWORD, std::uint8_t) noexcept;
-using PFNVerifyVersionInfo = bool (*)(const OSVERSIONINFOEXW*, DWORD, std::uint64_t);
-
 bool SuitesAllowTerminalServices() {
     HLIBRARY ntdll = LoadLibraryW(u"ntdll.dll");
     HLIBRARY kernel32 = LoadLibraryW(u"KERNEL32.DLL");
     bool result = false;
-    auto setMask = reinterpret_cast<PFNVerSetConditionMask>(
-        ntdll != nullptr ? GetProcAddress(ntdll, "VerSetConditionMask") : nullptr);
-    auto verify = reinterpret_cast<PFNVerifyVersionInfo>(
-        kernel32 != nullptr ? GetProcAddress(kernel32, "VerifyVersionInfoA") : nullptr);
+    auto setMask = ntdll != nullptr
+                       ? GetProcAddressAs<&VerSetConditionMask>(ntdll, "VerSetConditionMask")
+                       : nullptr;
+    auto verify = kernel32 != nullptr
+                      ? GetProcAddressAs<&VerifyVersionInfoA>(kernel32, "VerifyVersionInfoA")
+                      : nullptr;
     if (setMask != nullptr && verify != nullptr) {
         const std::uint64_t mask = setMask(0, VER_SUITENAME, VER_AND);
         OSVERSIONINFOEXW wanted;

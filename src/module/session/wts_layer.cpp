@@ -16,11 +16,6 @@ using namespace platform;
 
 constexpr DWORD kSimulatedSessionId = 0xFFFFFFFF;
 
-template <typename F>
-F Resolve(HLIBRARY library, const char* name) {
-    return reinterpret_cast<F>(GetProcAddress(library, name));
-}
-
 void PutText(std::vector<std::byte>* buffer, DWORD* bytes, std::u16string_view text) {
     buffer->assign((text.size() + 1) * sizeof(char16_t), std::byte{0});
     std::memcpy(buffer->data(), text.data(), text.size() * sizeof(char16_t));
@@ -61,26 +56,27 @@ void CWTSAbstractionLayer::InitInstance(bool load) {
         TraceCheck("m_hWTSApi32", __FILE__, __LINE__);
         OVTRACE(INF | NORM, "no Terminal Serices found 'wtsapi32.dll'!");
     } else {
-        m_pWTSQuerySessionInformation =
-            Resolve<PFNQuerySessionInformation>(m_hWTSApi32, "WTSQuerySessionInformationW");
+        m_pWTSQuerySessionInformation = GetProcAddressAs<&WTSQuerySessionInformationW>(
+            m_hWTSApi32, "WTSQuerySessionInformationW");
         if (m_pWTSQuerySessionInformation == nullptr) {
             TraceCheck("m_pWTSQuerySessionInformation", __FILE__, __LINE__);
         }
         m_pWTSEnumerateSessions =
-            Resolve<PFNEnumerateSessions>(m_hWTSApi32, "WTSEnumerateSessionsW");
+            GetProcAddressAs<&WTSEnumerateSessionsW>(m_hWTSApi32, "WTSEnumerateSessionsW");
         if (m_pWTSEnumerateSessions == nullptr) {
             TraceCheck("m_pWTSEnumerateSessions", __FILE__, __LINE__);
         }
         m_pWTSEnumerateProcesses =
-            Resolve<PFNEnumerateProcesses>(m_hWTSApi32, "WTSEnumerateProcessesW");
+            GetProcAddressAs<&WTSEnumerateProcessesW>(m_hWTSApi32, "WTSEnumerateProcessesW");
         if (m_pWTSEnumerateProcesses == nullptr) {
             TraceCheck("m_pWTSEnumerateProcesses", __FILE__, __LINE__);
         }
-        m_pWTSFreeMemory = Resolve<PFNFreeMemory>(m_hWTSApi32, "WTSFreeMemory");
+        m_pWTSFreeMemory = GetProcAddressAs<&WTSFreeMemory>(m_hWTSApi32, "WTSFreeMemory");
         if (m_pWTSFreeMemory == nullptr) {
             TraceCheck("m_pWTSFreeMemory", __FILE__, __LINE__);
         }
-        m_pWTSWaitSystemEvent = Resolve<PFNWaitSystemEvent>(m_hWTSApi32, "WTSWaitSystemEvent");
+        m_pWTSWaitSystemEvent =
+            GetProcAddressAs<&WTSWaitSystemEvent>(m_hWTSApi32, "WTSWaitSystemEvent");
         if (m_pWTSWaitSystemEvent == nullptr) {
             TraceCheck("m_pWTSWaitSystemEvent", __FILE__, __LINE__);
         }
@@ -90,8 +86,8 @@ void CWTSAbstractionLayer::InitInstance(bool load) {
         OVTRACE(INF | NORM, "Get Active-ConsoleSessionId hXPKernel32 = %d",
                 reinterpret_cast<std::uintptr_t>(hXPKernel32));
         if (hXPKernel32 != nullptr) {
-            m_pWTSGetActiveConsoleSessionId =
-                Resolve<PFNGetActiveConsoleSessionId>(hXPKernel32, "WTSGetActiveConsoleSessionId");
+            m_pWTSGetActiveConsoleSessionId = GetProcAddressAs<&WTSGetActiveConsoleSessionId>(
+                hXPKernel32, "WTSGetActiveConsoleSessionId");
         }
         OVTRACE(INF | NORM, "Funktion Pointer Active-ConsoleSessionId = %d",
                 reinterpret_cast<std::uintptr_t>(m_pWTSGetActiveConsoleSessionId));

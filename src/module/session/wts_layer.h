@@ -20,14 +20,13 @@ using platform::HANDLE;
 
 class CWTSAbstractionLayer {
   public:
-    using PFNQuerySessionInformation = bool (*)(HANDLE, DWORD, platform::WTS_INFO_CLASS,
-                                                std::vector<std::byte>*);
-    using PFNEnumerateSessions = bool (*)(HANDLE, DWORD, DWORD,
-                                          std::vector<platform::WTS_SESSION_INFOW>*);
-    using PFNEnumerateProcesses = bool (*)(HANDLE, DWORD, DWORD);
-    using PFNFreeMemory = void (*)(std::vector<std::byte>*) noexcept;
-    using PFNWaitSystemEvent = bool (*)(HANDLE, DWORD, DWORD*);
-    using PFNGetActiveConsoleSessionId = DWORD (*)() noexcept;
+    // The entries are typed from the platform's declarations of them.
+    using PFNQuerySessionInformation = decltype(&platform::WTSQuerySessionInformationW);
+    using PFNEnumerateSessions = decltype(&platform::WTSEnumerateSessionsW);
+    using PFNEnumerateProcesses = decltype(&platform::WTSEnumerateProcessesW);
+    using PFNFreeMemory = decltype(&platform::WTSFreeMemory);
+    using PFNWaitSystemEvent = decltype(&platform::WTSWaitSystemEvent);
+    using PFNGetActiveConsoleSessionId = decltype(&platform::WTSGetActiveConsoleSessionId);
 
     CWTSAbstractionLayer() = default;
     CWTSAbstractionLayer(const CWTSAbstractionLayer&) = delete;

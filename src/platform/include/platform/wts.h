@@ -169,9 +169,15 @@ using FARPROC = void (*)();
 
 // Null with ERROR_MOD_NOT_FOUND when the library does not exist.
 HLIBRARY LoadLibraryW(std::u16string_view fileName);
-// Null with ERROR_PROC_NOT_FOUND when the library has no such export. The
-// caller casts the result to the export's type (the declarations above).
+// Null with ERROR_PROC_NOT_FOUND when the library has no such export.
 FARPROC GetProcAddress(HLIBRARY library, std::string_view procName);
+// The export typed as the platform's own declaration of it, never by a
+// hand-written signature: GetProcAddressAs<&WTSEnumerateSessionsW>(library,
+// "WTSEnumerateSessionsW").
+template <auto Declared>
+decltype(Declared) GetProcAddressAs(HLIBRARY library, std::string_view procName) {
+    return reinterpret_cast<decltype(Declared)>(GetProcAddress(library, procName));
+}
 bool FreeLibrary(HLIBRARY library);
 
 }  // namespace platform
