@@ -62,11 +62,9 @@ echo; echo "== client calls answered by the service"
 "$ctl" call reload
 "$ctl" call repair || true
 
-echo; echo "== each session's client printer is created on the server (as the client program asks)"
-"$ctl" call add --printer 'HP LaserJet 4' --class PCL --ip 10.0.0.21 --client ALICE-PC \
-  --driver 'HP LaserJet 4' --type 3 --id 1 --session 2 --user 'ORVELLE\alice' --computer ALICE-PC
-"$ctl" call add --printer 'Office PS' --class PS --ip 10.0.0.22 --client BOB-PC \
-  --driver 'Generic PS' --type 3 --id 7 --session 3 --user 'ORVELLE\bob' --computer BOB-PC
+echo; echo "== in each session the client program creates the client machine's printers"
+OVSVC_SESSION_ID=2 "$PWD/build/default/bin/ovaspool"
+OVSVC_SESSION_ID=3 "$PWD/build/default/bin/ovaspool"
 "$ctl" spool printers
 "$ctl" call enum
 
@@ -75,9 +73,8 @@ echo; echo "== only its user may print to a printer"
 "$ctl" spool job add 'ALICE-PC:1#HP LaserJet 4' --as 'ORVELLE\bob' || true
 "$ctl" spool job finish 'ALICE-PC:1#HP LaserJet 4'
 
-echo; echo "== alice logs off: her session is released and her printer goes"
+echo; echo "== alice logs off: the logoff runs the client program's delete command, her printer goes"
 "$ctl" session logoff --id 2
-"$ctl" call del --session 2
 "$ctl" spool printers
 "$ctl" call enum
 

@@ -103,4 +103,34 @@ TEST_F(CreatePrinterTest, SessionsGetSharePrinterAndLoseItAtLogoff) {
     EXPECT_EQ(service.Wait(10s), 0);
 }
 
+// The whole story of a session: its client program creates the printers of
+// the client machine at logon; the logoff runs its delete command.
+TEST_F(CreatePrinterTest, LogonCreatesTheSessionsPrintersAndLogoffRemovesThem) {
+    ovtest::Process service = channeltest::StartService();
+    CtlResult r =
+        Ctl({"session", "logon", "--id", "4", "--user", "OVDOMAIN\\ann", "--client", "ANN-PC",
+             "--address", "10.0.0.4", "--printer", "name=HP 4,class=PCL,driver=HP,id=2",
+             "--printer", "name=Unmapped,class=XYZ,driver=x,id=3"});
+    ASSERT_EQ(r.exit, 0) << r.out;
+    ovtest::Process client =
+        ovtest::Process::Start(ovtest::BinDir() + "/ovaspool", {}, {"OVSVC_SESSION_ID=4"});
+    EXPECT_EQ(client.Wait(60s), 2) << "one client printer has no template: " << client.output();
+    EXPECT_NE(client.output().find("Create \"ANN-PC:2#HP 4\" from \"_#Relay\""), std::string::npos)
+        << client.output();
+    EXPECT_NE(client.output().find("\"Unmapped\" was not created: the service answered 221"),
+              std::string::npos)
+        << client.output();
+    EXPECT_EQ(ovtest::PrintingUsers(u"ANN-PC:2#HP 4"),
+              (std::vector<std::u16string>{u"OVDOMAIN\\ann"}));
+
+    r = Ctl({"session", "logoff", "--id", "4"});
+    EXPECT_EQ(r.exit, 0) << r.out;
+    EXPECT_FALSE(ovtest::ReadPrinter(u"ANN-PC:2#HP 4"));
+    EXPECT_NE(channeltest::ReadText(trace_).find(
+                  "WINLOGON: TSEventLogoff: Process <Ovaspool -q -d> ended"),
+              std::string::npos);
+    service.Terminate();
+    EXPECT_EQ(service.Wait(10s), 0);
+}
+
 }  // namespace

@@ -7,13 +7,20 @@
 #include <vector>
 
 #include "command.h"
+#include "ovsvc.h"
+#include "platform/kernel.h"
+#include "platform/security.h"
 #include "platform/wts.h"
 
 namespace ovasctl {
 
 namespace {
 
+using platform::CreateTokenForAccount;
 using platform::DWORD;
+using platform::GetLastError;
+using platform::SetEnvironmentVariableW;
+using platform::UniqueToken;
 namespace terminal = platform::terminal;
 
 std::string JsonList(const std::vector<std::u16string>& list) {
@@ -165,6 +172,34 @@ struct LogonOptions {
     std::vector<std::string> printers;
 };
 
+// Tells the module of the logoff as the session's logon manager would: in
+// the session, with a token of its user, before the session ends.
+void NotifyLogoff(DWORD id) {
+    terminal::Session session;
+    if (terminal::GetSession(id, &session) != 0 || session.userName.empty()) {
+        return;
+    }
+    std::u16string account = session.userName;
+    if (!session.domainName.empty()) {
+        account = session.domainName + u'\\' + session.userName;
+    }
+    UniqueToken token;
+    if (!CreateTokenForAccount(account, id, &token)) {
+        std::fprintf(stderr, "ovasctl session: no token for %s (error %u); logoff not announced\n",
+                     Utf8(account).c_str(), GetLastError());
+        return;
+    }
+    SetEnvironmentVariableW(u"OVSVC_SESSION_ID", Utf16(std::to_string(id)));
+    std::u16string station = session.winStationName;
+    OVWLX_NOTIFICATION_INFO info{};
+    info.Size = sizeof info;
+    info.UserName = const_cast<OVCHAR*>(reinterpret_cast<const OVCHAR*>(session.userName.c_str()));
+    info.Domain = const_cast<OVCHAR*>(reinterpret_cast<const OVCHAR*>(session.domainName.c_str()));
+    info.WindowStation = const_cast<OVCHAR*>(reinterpret_cast<const OVCHAR*>(station.c_str()));
+    info.hToken = token.get();
+    TSEventLogoff(&info);
+}
+
 void InstallSessionCommands(CLI::App& app) {
     auto* session = app.add_subcommand("session", "terminal sessions of the machine");
     session->require_subcommand(1);
@@ -224,6 +259,7 @@ void InstallSessionCommands(CLI::App& app) {
     auto* cmdLogoff = session->add_subcommand("logoff", "log the session's user off");
     cmdLogoff->add_option("--id", *logoffId, "session id")->required();
     cmdLogoff->callback([logoffId] {
+        NotifyLogoff(*logoffId);
         if (DWORD rc = terminal::Logoff(*logoffId); rc != 0) {
             ExitCode() = Fail("logoff", rc);
             return;

@@ -12,6 +12,7 @@
 #include "common/ovstring.h"
 #include "ovsvc.h"
 #include "platform/kernel.h"
+#include "session/logon_events.h"
 #include "trace/trace.h"
 
 namespace ovsvc {
@@ -264,12 +265,20 @@ OVSVC_API void OVSVC_CALL OVADLLDbgMessage(const OVCHAR* sourceFile, uint32_t li
     });
 }
 
-// The logon manager's notifications arrive with the session subsystem.
+// The logon manager's notifications: only the logoff has work to do.
 OVSVC_API void OVSVC_CALL TSEventLogon(OVWLX_NOTIFICATION_INFO*) {
     RunAtBoundary("TSEventLogon", [] {});
 }
-OVSVC_API void OVSVC_CALL TSEventLogoff(OVWLX_NOTIFICATION_INFO*) {
-    RunAtBoundary("TSEventLogoff", [] {});
+OVSVC_API void OVSVC_CALL TSEventLogoff(OVWLX_NOTIFICATION_INFO* info) {
+    RunAtBoundary("TSEventLogoff", [&] {
+        if (info == nullptr) {
+            return;
+        }
+        OVTRACE(INF | NORM, "PWLX_NOTIFICATION_INFO: %s %d %d %d %s %s", View(Utf16(info->Domain)),
+                info->Flags, info->hDesktop, info->Size, View(Utf16(info->UserName)),
+                View(Utf16(info->WindowStation)));
+        OnLogoff(info->hToken);
+    });
 }
 OVSVC_API void OVSVC_CALL TSEventReconnect(OVWLX_NOTIFICATION_INFO*) {
     RunAtBoundary("TSEventReconnect", [] {});

@@ -11,6 +11,7 @@
 
 #include "platform/kernel.h"
 #include "platform/machine.h"
+#include "platform/text.h"
 
 namespace platform {
 
@@ -53,6 +54,22 @@ Version ConfiguredVersion() {
 DWORD GetCurrentThreadId() noexcept {
     thread_local const DWORD id = static_cast<DWORD>(::syscall(SYS_gettid));
     return id;
+}
+
+bool SetEnvironmentVariableW(std::u16string_view name, std::u16string_view value) {
+    const std::string n = ToUtf8(name);
+    if (n.empty() || n.find('=') != std::string::npos) {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return false;
+    }
+    const int rc =
+        value.empty() ? unsetenv(n.c_str()) : setenv(n.c_str(), ToUtf8(value).c_str(), 1);
+    if (rc != 0) {
+        SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+        return false;
+    }
+    SetLastError(ERROR_SUCCESS);
+    return true;
 }
 
 DWORD GetCurrentProcessId() noexcept {

@@ -10,6 +10,13 @@ DWORD GetCurrentThreadId() noexcept {
     return static_cast<DWORD>(::GetCurrentThreadId());
 }
 
+bool SetEnvironmentVariableW(std::u16string_view name, std::u16string_view value) {
+    const std::u16string n(name);
+    const std::u16string v(value);
+    return ::SetEnvironmentVariableW(win32::Wide(n), value.empty() ? nullptr : win32::Wide(v)) !=
+           FALSE;
+}
+
 DWORD GetCurrentProcessId() noexcept {
     return static_cast<DWORD>(::GetCurrentProcessId());
 }

@@ -103,15 +103,14 @@ DWORD WaitForSingleObject(HANDLE object, DWORD milliseconds);
 // Page-file-backed mapping of `maximumSize` bytes. An existing mapping of the
 // name is opened instead (ERROR_ALREADY_EXISTS) and keeps its own size.
 [[nodiscard]] UniqueMapping CreateFileMappingW(const SecurityAttributes* attributes, DWORD protect,
-                                               std::uint64_t maximumSize,
-                                               std::u16string_view name);
+                                               std::uint64_t maximumSize, std::u16string_view name);
 [[nodiscard]] UniqueMapping OpenFileMappingW(DWORD desiredAccess, bool inheritHandle,
                                              std::u16string_view name);
 
 // A mapped view; unmapped when the owner goes away. The view keeps its
 // mapping alive even after the mapping's handle is closed.
 class MappedView {
-public:
+  public:
     MappedView() noexcept = default;
     MappedView(void* base, std::size_t size) noexcept : base_(base), size_(size) {}
     MappedView(MappedView&& other) noexcept
@@ -133,7 +132,7 @@ public:
     explicit operator bool() const noexcept { return base_ != nullptr; }
     void reset() noexcept;
 
-private:
+  private:
     void* base_ = nullptr;
     std::size_t size_ = 0;
 };
@@ -149,12 +148,12 @@ bool UnmapViewOfFile(const void* base);
 
 // A recursive lock (CRITICAL_SECTION); usable with std::lock_guard.
 class CriticalSection {
-public:
+  public:
     void lock() { mutex_.lock(); }
     bool try_lock() { return mutex_.try_lock(); }
     void unlock() { mutex_.unlock(); }
 
-private:
+  private:
     std::recursive_mutex mutex_;
 };
 
@@ -180,6 +179,10 @@ inline LONG InterlockedRead(const LONG* value) noexcept {
 
 DWORD GetCurrentThreadId() noexcept;
 DWORD GetCurrentProcessId() noexcept;
+// Sets (or, with an empty value, removes) one of this process's environment
+// variables, seen by programs it starts later. On the embedded machine
+// OVSVC_SESSION_ID is the terminal session the process belongs to.
+bool SetEnvironmentVariableW(std::u16string_view name, std::u16string_view value);
 // The terminal session the calling process runs in.
 DWORD GetCurrentSessionId() noexcept;
 void Sleep(DWORD milliseconds) noexcept;
@@ -240,9 +243,8 @@ inline constexpr DWORD FILE_CURRENT = 1;
 inline constexpr DWORD FILE_END = 2;
 inline constexpr DWORD INVALID_SET_FILE_POINTER = 0xFFFFFFFF;
 
-[[nodiscard]] UniqueFile CreateFileW(std::u16string_view path, DWORD desiredAccess,
-                                     DWORD shareMode, DWORD creationDisposition,
-                                     DWORD flagsAndAttributes);
+[[nodiscard]] UniqueFile CreateFileW(std::u16string_view path, DWORD desiredAccess, DWORD shareMode,
+                                     DWORD creationDisposition, DWORD flagsAndAttributes);
 bool ReadFile(HANDLE file, void* buffer, DWORD bytesToRead, DWORD* bytesRead);
 bool WriteFile(HANDLE file, const void* buffer, DWORD bytesToWrite, DWORD* bytesWritten);
 DWORD SetFilePointer(HANDLE file, LONG distance, LONG* distanceHigh, DWORD moveMethod);
