@@ -45,7 +45,13 @@ for _ in $(seq 200); do   # until the service answers requests
 done
 "$ctl" service status
 
-echo; echo "== two users log on from their client machines"
+# Stops the demo when the machine is not in the state a step expects.
+expect() {  # expect <what> <command...>: the command must succeed
+  local what=$1; shift
+  if ! "$@" >/dev/null 2>&1; then echo "demo: expected $what, but it is not so" >&2; exit 1; fi
+}
+
+echo; echo "== two users log on; each session's client program ("Ovaspool -q") creates its client printers"
 "$ctl" session logon --id 2 --user 'ORVELLE\alice' --client ALICE-PC --address 10.0.0.21 \
   --printer 'name=HP LaserJet 4,class=PCL,driver=HP LaserJet 4,id=1'
 "$ctl" session logon --id 3 --user 'ORVELLE\bob' --client BOB-PC --address 10.0.0.22 \
@@ -62,21 +68,27 @@ echo; echo "== client calls answered by the service"
 "$ctl" call reload
 "$ctl" call repair || true
 
-echo; echo "== in each session the client program creates the client machine's printers"
-OVSVC_SESSION_ID=2 "$PWD/build/default/bin/ovaspool"
-OVSVC_SESSION_ID=3 "$PWD/build/default/bin/ovaspool"
+echo; echo "== the printers of both sessions: marked, listing their session, printable by their user"
 "$ctl" spool printers
 "$ctl" call enum
+expect "alice's printer" "$ctl" spool show 'ALICE-PC:1#HP LaserJet 4'
+expect "bob's printer" "$ctl" spool show 'BOB-PC:7#Office PS'
 
 echo; echo "== only its user may print to a printer"
 "$ctl" spool job add 'ALICE-PC:1#HP LaserJet 4' --as 'ORVELLE\alice'
-"$ctl" spool job add 'ALICE-PC:1#HP LaserJet 4' --as 'ORVELLE\bob' || true
+if "$ctl" spool job add 'ALICE-PC:1#HP LaserJet 4' --as 'ORVELLE\bob'; then
+  echo "demo: bob could print to alice's printer" >&2; exit 1
+fi
 "$ctl" spool job finish 'ALICE-PC:1#HP LaserJet 4'
 
 echo; echo "== alice logs off: the logoff runs the client program's delete command, her printer goes"
 "$ctl" session logoff --id 2
 "$ctl" spool printers
 "$ctl" call enum
+if "$ctl" spool show 'ALICE-PC:1#HP LaserJet 4' >/dev/null 2>&1; then
+  echo "demo: alice's printer outlived her session" >&2; exit 1
+fi
+expect "bob's printer to stay" "$ctl" spool show 'BOB-PC:7#Office PS'
 
 echo; echo "== stopping the service"
 "$ctl" service stop

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "autocreated_printers.h"
@@ -103,29 +104,44 @@ TEST_F(CreatePrinterTest, SessionsGetSharePrinterAndLoseItAtLogoff) {
     EXPECT_EQ(service.Wait(10s), 0);
 }
 
-// The whole story of a session: its client program creates the printers of
-// the client machine at logon; the logoff runs its delete command.
-TEST_F(CreatePrinterTest, LogonCreatesTheSessionsPrintersAndLogoffRemovesThem) {
+// The whole story of sessions: at logon the client program creates the
+// printers of the client machine; the logoff runs its delete command. Two
+// users, one of them logged on twice from the same client machine.
+TEST_F(CreatePrinterTest, LogonsCreateTheSessionsPrintersAndLogoffsRemoveThem) {
     ovtest::Process service = channeltest::StartService();
-    CtlResult r =
-        Ctl({"session", "logon", "--id", "4", "--user", "OVDOMAIN\\ann", "--client", "ANN-PC",
-             "--address", "10.0.0.4", "--printer", "name=HP 4,class=PCL,driver=HP,id=2",
-             "--printer", "name=Unmapped,class=XYZ,driver=x,id=3"});
-    ASSERT_EQ(r.exit, 0) << r.out;
-    ovtest::Process client =
-        ovtest::Process::Start(ovtest::BinDir() + "/ovaspool", {}, {"OVSVC_SESSION_ID=4"});
-    EXPECT_EQ(client.Wait(60s), 2) << "one client printer has no template: " << client.output();
-    EXPECT_NE(client.output().find("Create \"ANN-PC:2#HP 4\" from \"_#Relay\""), std::string::npos)
-        << client.output();
-    EXPECT_NE(client.output().find("\"Unmapped\" was not created: the service answered 221"),
-              std::string::npos)
-        << client.output();
-    EXPECT_EQ(ovtest::PrintingUsers(u"ANN-PC:2#HP 4"),
-              (std::vector<std::u16string>{u"OVDOMAIN\\ann"}));
+    struct Logon {
+        const char* id;
+        const char* user;
+        const char* client;
+        const char16_t* printer;
+    };
+    const Logon logons[] = {{"4", "OVDOMAIN\\ann", "ANN-PC", u"ANN-PC:2#HP 4"},
+                            {"5", "OVDOMAIN\\bob", "BOB-PC", u"BOB-PC:2#HP 4"},
+                            {"6", "OVDOMAIN\\ann", "ANN-PC", u"ANN-PC:2#HP 4"}};
+    for (const Logon& l : logons) {
+        const CtlResult r =
+            Ctl({"session", "logon", "--id", l.id, "--user", l.user, "--client", l.client,
+                 "--address", "10.0.0.4", "--printer", "name=HP 4,class=PCL,driver=HP,id=2",
+                 "--printer", "name=Unmapped,class=XYZ,driver=x,id=3"});
+        ASSERT_EQ(r.exit, 0) << r.out;
+        EXPECT_NE(r.out.find("\"Unmapped\" was not created: the service answered 221"),
+                  std::string::npos)
+            << r.out;
+        EXPECT_TRUE(ovtest::ReadPrinter(l.printer)) << r.out;
+    }
+    EXPECT_EQ(ovtest::LocationIds(ovtest::ReadPrinter(u"ANN-PC:2#HP 4")->location),
+              (std::vector<std::uint32_t>{4, 6}));
+    EXPECT_EQ(ovtest::PrintingUsers(u"BOB-PC:2#HP 4"),
+              (std::vector<std::u16string>{u"OVDOMAIN\\bob"}));
 
-    r = Ctl({"session", "logoff", "--id", "4"});
-    EXPECT_EQ(r.exit, 0) << r.out;
-    EXPECT_FALSE(ovtest::ReadPrinter(u"ANN-PC:2#HP 4"));
+    // Logoffs: ann's first session leaves her printer to her second one.
+    for (const auto& [id, annsLeft, bobsLeft] :
+         {std::tuple{"4", true, true}, {"5", true, false}, {"6", false, false}}) {
+        const CtlResult r = Ctl({"session", "logoff", "--id", id});
+        EXPECT_EQ(r.exit, 0) << r.out;
+        EXPECT_EQ(static_cast<bool>(ovtest::ReadPrinter(u"ANN-PC:2#HP 4")), annsLeft) << id;
+        EXPECT_EQ(static_cast<bool>(ovtest::ReadPrinter(u"BOB-PC:2#HP 4")), bobsLeft) << id;
+    }
     EXPECT_NE(channeltest::ReadText(trace_).find(
                   "WINLOGON: TSEventLogoff: Process <Ovaspool -q -d> ended"),
               std::string::npos);

@@ -1,7 +1,9 @@
 // ovasctl session: log users on and off the embedded terminal server.
 #include <cstdio>
+#include <cstring>
 #include <iostream>
 #include <memory>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -9,6 +11,8 @@
 #include "command.h"
 #include "ovsvc.h"
 #include "platform/kernel.h"
+#include "platform/process.h"
+#include "platform/registry.h"
 #include "platform/security.h"
 #include "platform/wts.h"
 
@@ -172,6 +176,52 @@ struct LogonOptions {
     std::vector<std::string> printers;
 };
 
+// A text or number of the product key, or nullopt.
+std::optional<std::u16string> ProductText(std::u16string_view name) {
+    platform::UniqueKey key;
+    if (platform::RegOpenKeyExW(platform::HKEY_LOCAL_MACHINE, u"Software\\Orvelle\\Ovaspool", 0,
+                                platform::KEY_READ, &key) != 0) {
+        return std::nullopt;
+    }
+    platform::RegistryValue value;
+    if (platform::RegGetValue(key.get(), name, &value) != 0 || value.type != platform::REG_SZ) {
+        return std::nullopt;
+    }
+    std::u16string text(value.data.size() / 2, u'\0');
+    std::memcpy(text.data(), value.data.data(), text.size() * 2);
+    return text.substr(0, text.find(u'\0'));
+}
+
+// What a new session starts, as the real system does at logon: the
+// client program's create command (ListenToWTSCreatCmd, "Ovaspool -q"), as
+// the session's user in the session, waited for.
+void RunCreateCommand(const terminal::Session& session) {
+    std::u16string account = session.userName;
+    if (!session.domainName.empty()) {
+        account = session.domainName + u'\\' + session.userName;
+    }
+    std::u16string command = ProductText(u"ListenToWTSCreatCmd").value_or(u"Ovaspool -q");
+    if (const auto at = command.find(u"%d"); at != std::u16string::npos) {
+        command.replace(at, 2, Utf16(std::to_string(session.id)));
+    }
+    UniqueToken token;
+    if (!CreateTokenForAccount(account, session.id, &token)) {
+        std::printf("session %u: no account %s, so no printers are created\n", session.id,
+                    Utf8(account).c_str());
+        return;
+    }
+    platform::STARTUPINFOW startup;
+    platform::PROCESS_INFORMATION process;
+    if (!platform::CreateProcessAsUserW(token.get(), u"", command, nullptr, nullptr, false,
+                                        platform::CREATE_NO_WINDOW, nullptr, u"", startup,
+                                        &process)) {
+        std::printf("session %u: \"%s\" cannot be started (error %u)\n", session.id,
+                    Utf8(command).c_str(), GetLastError());
+        return;
+    }
+    platform::WaitForSingleObject(process.hProcess.get(), platform::INFINITE);
+}
+
 // Tells the module of the logoff as the session's logon manager would: in
 // the session, with a token of its user, before the session ends.
 void NotifyLogoff(DWORD id) {
@@ -242,6 +292,8 @@ void InstallSessionCommands(CLI::App& app) {
             return;
         }
         std::printf("session %u: %s logged on\n", s.id, logon->user.c_str());
+        std::fflush(stdout);
+        RunCreateCommand(s);
     });
 
     auto disconnectId = std::make_shared<DWORD>(0);
