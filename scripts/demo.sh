@@ -90,6 +90,44 @@ if "$ctl" spool show 'ALICE-PC:1#HP LaserJet 4' >/dev/null 2>&1; then
 fi
 expect "bob's printer to stay" "$ctl" spool show 'BOB-PC:7#Office PS'
 
+echo; echo "== a job keeps bob's printer past his logoff; once it is printed, a repair removes the printer"
+"$ctl" spool job add 'BOB-PC:7#Office PS' --as 'ORVELLE\bob'
+"$ctl" session logoff --id 3
+expect "bob's printer to wait for its job" "$ctl" spool show 'BOB-PC:7#Office PS'
+"$ctl" call enum
+"$ctl" spool job finish 'BOB-PC:7#Office PS'
+"$ctl" call repair
+if "$ctl" spool show 'BOB-PC:7#Office PS' >/dev/null 2>&1; then
+  echo "demo: bob's printer stayed after its job" >&2; exit 1
+fi
+
+echo; echo "== both log on again; the service is killed, bob's session ends meanwhile, the restarted service repairs"
+"$ctl" session logon --id 4 --user 'ORVELLE\alice' --client ALICE-PC --address 10.0.0.21 \
+  --printer 'name=HP LaserJet 4,class=PCL,driver=HP LaserJet 4,id=1'
+"$ctl" session logon --id 5 --user 'ORVELLE\bob' --client BOB-PC --address 10.0.0.22 \
+  --printer 'name=Office PS,class=PS,driver=Generic PS,id=7'
+pkill -KILL -f "$PWD/build/default/bin/ovaspoolsvc" || true
+"$ctl" session logoff --id 5 2>/dev/null || true   # its delete command finds no service
+"$ctl" service start >/dev/null
+for _ in $(seq 200); do   # until the new service answers
+  "$ctl" call enum --raw 2>/dev/null | grep -q 'result -16' || break
+  sleep 0.05
+done
+"$ctl" call enum
+"$ctl" call repair
+"$ctl" spool printers
+expect "alice's printer for her new session" "$ctl" spool show 'ALICE-PC:1#HP LaserJet 4'
+if "$ctl" spool show 'BOB-PC:7#Office PS' >/dev/null 2>&1; then
+  echo "demo: the repair left the printer of a session that is gone" >&2; exit 1
+fi
+
+echo; echo "== alice logs off: no autocreated printer is left"
+"$ctl" session logoff --id 4
+"$ctl" call enum
+if "$ctl" spool printers | grep -q 'Printer created by Ovaspool'; then
+  echo "demo: an autocreated printer is left" >&2; exit 1
+fi
+
 echo; echo "== stopping the service"
 "$ctl" service stop
 echo; echo "== the service's trace (its last lines; the whole file: $OVSVC_ROOT/trace.log)"
