@@ -36,6 +36,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -179,6 +180,34 @@ inline LONG InterlockedRead(const LONG* value) noexcept {
 
 DWORD GetCurrentThreadId() noexcept;
 DWORD GetCurrentProcessId() noexcept;
+
+// ---- UUIDs, the system directory, the ANSI code page ---------------------------
+
+// A UUID (GUID) as Windows lays it out.
+struct GUID {
+    std::uint32_t Data1 = 0;
+    std::uint16_t Data2 = 0;
+    std::uint16_t Data3 = 0;
+    std::uint8_t Data4[8] = {};
+    friend bool operator==(const GUID&, const GUID&) = default;
+};
+inline constexpr long RPC_S_OK = 0;
+// A new random (version 4) UUID; RPC_S_OK.
+long UuidCreate(GUID* uuid);
+// "{xxxxxxxx-xxxx-xxxx-xxxx-xxxxxxxxxxxx}" in upper case, as StringFromGUID2.
+std::u16string GuidToString(const GUID& guid);
+
+// "C:\Windows\System32" on the embedded machine (its directory is made on
+// first use); the system's own on Windows. Nullopt with the last error set
+// when it cannot be told.
+std::optional<std::u16string> GetSystemDirectoryW();
+
+// Text in the system's ANSI code page (CP_ACP) as UTF-16: Windows-1252 on
+// the embedded machine, the system's code page on Windows. Bytes the code
+// page leaves undefined become the code point of the same value, as Windows
+// converts them.
+inline constexpr unsigned CP_ACP = 0;
+std::u16string AnsiToWide(std::string_view bytes);
 // Sets (or, with an empty value, removes) one of this process's environment
 // variables, seen by programs it starts later. On the embedded machine
 // OVSVC_SESSION_ID is the terminal session the process belongs to.

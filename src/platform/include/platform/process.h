@@ -31,6 +31,7 @@ inline constexpr DWORD DETACHED_PROCESS = 0x00000008;
 inline constexpr DWORD CREATE_NEW_PROCESS_GROUP = 0x00000200;
 inline constexpr DWORD CREATE_UNICODE_ENVIRONMENT = 0x00000400;
 inline constexpr DWORD CREATE_NO_WINDOW = 0x08000000;
+inline constexpr DWORD NORMAL_PRIORITY_CLASS = 0x00000020;
 
 inline constexpr DWORD STARTF_USESHOWWINDOW = 0x00000001;
 inline constexpr DWORD STARTF_USESTDHANDLES = 0x00000100;
@@ -49,6 +50,10 @@ struct STARTUPINFOW {
     HANDLE hStdOutput = nullptr;
     HANDLE hStdError = nullptr;
 };
+
+// The startup information this process was started with (the fields above;
+// the embedded machine starts every process without a window: all zero).
+void GetStartupInfoW(STARTUPINFOW* startup);
 
 struct PROCESS_INFORMATION {
     UniqueProcess hProcess;
