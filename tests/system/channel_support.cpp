@@ -98,4 +98,12 @@ std::int32_t ParseResult(const std::string& output) {
     return static_cast<std::int32_t>(std::stol(output.substr(pos + 7)));
 }
 
+CtlResult Ctl(const std::vector<std::string>& args) {
+    ovtest::Process ctl = ovtest::Process::Start(ovtest::BinDir() + "/ovasctl", args);
+    CtlResult result;
+    result.exit = ctl.Wait(std::chrono::seconds(60));
+    result.out = ctl.output();
+    return result;
+}
+
 }  // namespace channeltest

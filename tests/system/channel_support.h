@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "channel/shm.h"
 #include "ovsvc.h"
@@ -65,6 +66,13 @@ bool WaitUntil(Condition condition, std::chrono::milliseconds timeout) {
     }
     return true;
 }
+
+// Runs ovasctl with the arguments: its exit code and everything it wrote.
+struct CtlResult {
+    int exit = -1;
+    std::string out;
+};
+CtlResult Ctl(const std::vector<std::string>& args);
 
 // Parses "result=<n>" from a child's output; INT32_MIN when absent.
 std::int32_t ParseResult(const std::string& output);

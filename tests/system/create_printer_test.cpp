@@ -15,19 +15,8 @@
 namespace {
 
 using namespace std::chrono_literals;
-
-struct CtlResult {
-    int exit = -1;
-    std::string out;
-};
-
-CtlResult Ctl(const std::vector<std::string>& args) {
-    ovtest::Process ctl = ovtest::Process::Start(ovtest::BinDir() + "/ovasctl", args);
-    CtlResult result;
-    result.exit = ctl.Wait(60s);
-    result.out = ctl.output();
-    return result;
-}
+using channeltest::Ctl;
+using channeltest::CtlResult;
 
 class CreatePrinterTest : public ovtest::MachineTest {
   protected:

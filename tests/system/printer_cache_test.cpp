@@ -14,6 +14,8 @@
 namespace {
 
 using namespace std::chrono_literals;
+using channeltest::Ctl;
+using channeltest::CtlResult;
 using channeltest::EnableTrace;
 using channeltest::ReadText;
 using channeltest::ResetProductKey;
@@ -22,19 +24,6 @@ using channeltest::StartService;
 
 const std::u16string kAnn = u"OVDOMAIN\\ann";
 const std::u16string kBob = u"OVDOMAIN\\bob";
-
-struct CtlResult {
-    int exit = -1;
-    std::string out;
-};
-
-CtlResult Ctl(const std::vector<std::string>& args) {
-    ovtest::Process ctl = ovtest::Process::Start(ovtest::BinDir() + "/ovasctl", args);
-    CtlResult result;
-    result.exit = ctl.Wait(60s);
-    result.out = ctl.output();
-    return result;
-}
 
 std::vector<std::uint32_t> Ids(const std::u16string& printer) {
     const auto info = ovtest::ReadPrinter(printer);

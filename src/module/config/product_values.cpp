@@ -38,16 +38,30 @@ platform::LSTATUS OpenProductKey(platform::REGSAM access, platform::UniqueKey* k
     return platform::RegOpenKeyExW(platform::HKEY_LOCAL_MACHINE, kProductKey, 0, access, key);
 }
 
-ReadStatus ReadNumber(std::u16string_view name, NumberRule rule, std::uint32_t* value) {
-    platform::UniqueKey key;
-    if (OpenProductKey(platform::KEY_READ, &key) != platform::ERROR_SUCCESS) {
+namespace {
+
+// Opens the key for reading and asks for the value's type and size.
+ReadStatus OpenAndQuery(std::u16string_view name, platform::UniqueKey* key, DWORD* type,
+                        DWORD* size) {
+    if (OpenProductKey(platform::KEY_READ, key) != platform::ERROR_SUCCESS) {
         return ReadStatus::kNoKey;
     }
-    DWORD type = 0;
-    DWORD size = 0;
-    if (platform::RegQueryValueExW(key.get(), name, &type, nullptr, &size) !=
+    if (platform::RegQueryValueExW(key->get(), name, type, nullptr, size) !=
         platform::ERROR_SUCCESS) {
         return ReadStatus::kMissing;
+    }
+    return ReadStatus::kRead;
+}
+
+}  // namespace
+
+ReadStatus ReadNumber(std::u16string_view name, NumberRule rule, std::uint32_t* value) {
+    platform::UniqueKey key;
+    DWORD type = 0;
+    DWORD size = 0;
+    if (const ReadStatus status = OpenAndQuery(name, &key, &type, &size);
+        status != ReadStatus::kRead) {
+        return status;
     }
     if ((rule == NumberRule::kDwordOnly && type != platform::REG_DWORD) || size != sizeof(DWORD)) {
         return ReadStatus::kWrongType;
@@ -66,14 +80,11 @@ ReadStatus ReadNumber(std::u16string_view name, NumberRule rule, std::uint32_t* 
 ReadStatus ReadText(std::u16string_view name, TextTypes types, std::size_t maxChars,
                     std::u16string* text) {
     platform::UniqueKey key;
-    if (OpenProductKey(platform::KEY_READ, &key) != platform::ERROR_SUCCESS) {
-        return ReadStatus::kNoKey;
-    }
     DWORD type = 0;
     DWORD size = 0;
-    if (platform::RegQueryValueExW(key.get(), name, &type, nullptr, &size) !=
-        platform::ERROR_SUCCESS) {
-        return ReadStatus::kMissing;
+    if (const ReadStatus status = OpenAndQuery(name, &key, &type, &size);
+        status != ReadStatus::kRead) {
+        return status;
     }
     if (!IsText(type, types)) {
         return ReadStatus::kWrongType;
