@@ -6,15 +6,18 @@
 #include <vector>
 
 #include "ovtest.h"
+#include "platform/library.h"
 #include "platform/machine.h"
 #include "platform/security.h"
+#include "platform/spooler.h"
 #include "platform/wts.h"
+#include "product_settings.h"
 
 namespace {
 
 using namespace platform;
 
-constexpr DWORD kPoison = 0xDEADBEEF;
+using ovtest::kPoison;
 
 class WtsLibrary : public ovtest::MachineTest {};
 
@@ -24,12 +27,14 @@ FARPROC AsExport(F* function) {
 }
 
 TEST_F(WtsLibrary, SystemLibrariesLoadByAnyCaseWithOrWithoutExtension) {
-    for (const char16_t* name : {u"WTSAPI32.DLL", u"wtsapi32.dll", u"WtsApi32", u"KERNEL32.DLL",
-                                 u"kernel32", u"ntdll.dll", u"NTDLL"}) {
+    const std::u16string system = GetSystemDirectoryW().value_or(u"");
+    for (const std::u16string& name : std::initializer_list<std::u16string>{
+             u"WTSAPI32.DLL", u"wtsapi32.dll", u"WtsApi32", u"KERNEL32.DLL", u"kernel32",
+             u"ntdll.dll", u"NTDLL", u"winspool.drv", system + u"\\WINSPOOL.DRV",
+             system + u"\\wtsapi32.dll"}) {
         SetLastError(kPoison);
-        HLIBRARY lib = LoadLibraryW(name);
-        EXPECT_NE(lib, nullptr) << ovtest::U8(name);
-        EXPECT_TRUE(FreeLibrary(lib));
+        UniqueLibrary lib(LoadLibraryW(name));
+        EXPECT_TRUE(lib) << ovtest::U8(name);
     }
     for (const char16_t* name : {u"", u"wtsapi", u"wtsapi32.dll.dll", u".dll"}) {
         SetLastError(kPoison);
@@ -41,11 +46,13 @@ TEST_F(WtsLibrary, SystemLibrariesLoadByAnyCaseWithOrWithoutExtension) {
     EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
 }
 
-TEST_F(WtsLibrary, TheEmbeddedMachineHasOnlyTheThreeSystemLibraries) {
+TEST_F(WtsLibrary, TheEmbeddedMachineHasOnlyItsSystemLibrariesInTheSystemDirectory) {
     OVTEST_EMBEDDED_ONLY("the embedded machine's own library list");
-    SetLastError(kPoison);
-    EXPECT_EQ(LoadLibraryW(u"user32.dll"), nullptr);
-    EXPECT_EQ(GetLastError(), ERROR_MOD_NOT_FOUND);
+    for (const char16_t* name : {u"user32.dll", u"C:\\Temp\\winspool.drv", u"orvmon.dll"}) {
+        SetLastError(kPoison);
+        EXPECT_EQ(LoadLibraryW(name), nullptr) << ovtest::U8(name);
+        EXPECT_EQ(GetLastError(), ERROR_MOD_NOT_FOUND);
+    }
 }
 
 TEST_F(WtsLibrary, ResolvedFunctionsAreTheCallsThemselves) {
@@ -74,6 +81,9 @@ TEST_F(WtsLibrary, ResolvedFunctionsAreTheCallsThemselves) {
               AsExport(&WTSGetActiveConsoleSessionId));
     EXPECT_EQ(GetProcAddress(kernel, "ProcessIdToSessionId"), AsExport(&ProcessIdToSessionId));
     EXPECT_EQ(GetProcAddress(kernel, "VerifyVersionInfoA"), AsExport(&VerifyVersionInfoA));
+    const UniqueLibrary spooler(LoadLibraryW(u"winspool.drv"));
+    ASSERT_TRUE(spooler);
+    EXPECT_EQ(GetProcAddress(spooler.get(), "XcvDataW"), AsExport(&XcvDataW));
     HLIBRARY ntdll = LoadLibraryW(u"ntdll.dll");
     ASSERT_NE(ntdll, nullptr);
     EXPECT_EQ(GetProcAddress(ntdll, "VerSetConditionMask"), AsExport(&VerSetConditionMask));

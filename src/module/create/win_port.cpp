@@ -1,6 +1,7 @@
 #include "create/win_port.h"
 
 #include <new>
+#include <optional>
 #include <vector>
 
 #include "trace/trace.h"
@@ -26,11 +27,83 @@ std::optional<std::u16string> PortInfoValue(std::u16string_view text, std::u16st
 
 }  // namespace
 
+int GetOSClass() {
+    platform::OSVERSIONINFOEXW version;
+    if (!platform::GetVersionExW(&version) ||
+        version.dwPlatformId != platform::VER_PLATFORM_WIN32_NT) {
+        return 0;
+    }
+    switch (version.dwMajorVersion) {
+        case 3:
+            return 1;
+        case 4:
+            return 2;
+        case 5:
+            return version.dwMinorVersion <= 2 ? 3 + static_cast<int>(version.dwMinorVersion) : 0;
+        default:
+            return 0;
+    }
+}
+
+OMComm::OMComm() {
+    LoadMonitorModule();
+}
+
 OMComm::~OMComm() {
     CloseMonitor();
+    if (m_hModule && !platform::FreeLibrary(m_hModule.release())) {
+        OVTRACE(ERR | NORM, "FreeLibrary failed");
+    }
+}
+
+platform::DWORD OMComm::LoadMonitorModule() {
+    if (m_hModule) {
+        return 0;
+    }
+    const std::optional<std::u16string> system = platform::GetSystemDirectoryW();
+    if (!system) {
+        return 1;
+    }
+    // NT 4.0 reaches the monitor through its own module. (No 64-bit NT 4.0
+    // exists, so on Windows this branch is never taken; an embedded machine
+    // that reports 4.0 has no such module and leaves the link unloaded.)
+    const bool nt4 = GetOSClass() == 2;
+    platform::UniqueLibrary module(
+        platform::LoadLibraryW(*system + (nt4 ? u"\\orvmon.dll" : u"\\winspool.drv")));
+    if (!module) {
+        return platform::GetLastError();
+    }
+    const auto missing = [](const char* name) {
+        OVTRACE(ERR | NORM, "GetProcAddress(hSpooler, \"%S\") fehlgeschlagen", name);
+        return platform::GetLastError();
+    };
+    m_pXcvData = platform::GetProcAddressAs<&platform::XcvDataW>(module.get(), "XcvDataW");
+    if (m_pXcvData == nullptr) {
+        return missing("XcvDataW");
+    }
+    if (nt4) {
+        m_pOpenPrinter =
+            platform::GetProcAddressAs<&platform::OpenPrinterW>(module.get(), "OpenPrinterW");
+        if (m_pOpenPrinter == nullptr) {
+            m_pXcvData = nullptr;
+            return missing("OpenPrinterW");
+        }
+        m_pClosePrinter =
+            platform::GetProcAddressAs<&platform::ClosePrinter>(module.get(), "ClosePrinterW");
+        if (m_pClosePrinter == nullptr) {
+            m_pXcvData = nullptr;
+            m_pOpenPrinter = nullptr;
+            return missing("ClosePrinterW");
+        }
+    }
+    m_hModule = std::move(module);
+    return 0;
 }
 
 platform::DWORD OMComm::OpenMonitor() {
+    if (!m_hModule) {
+        return 6;
+    }
     if (m_hMonitor) {
         return 0;
     }
@@ -38,7 +111,8 @@ platform::DWORD OMComm::OpenMonitor() {
     for (const char16_t* name : kMonitors) {
         platform::PrinterDefaults defaults;
         defaults.desiredAccess = platform::SERVER_ACCESS_ADMINISTER;
-        m_hMonitor = platform::OpenPrinterW(name, &defaults);
+        m_hMonitor = m_pOpenPrinter != nullptr ? m_pOpenPrinter(name, &defaults)
+                                               : platform::OpenPrinterW(name, &defaults);
         if (m_hMonitor) {
             return 0;
         }
@@ -49,21 +123,31 @@ platform::DWORD OMComm::OpenMonitor() {
 }
 
 void OMComm::CloseMonitor() {
-    m_hMonitor.reset();
+    if (!m_hModule || !m_hMonitor) {
+        return;
+    }
+    if (m_pClosePrinter != nullptr) {
+        m_pClosePrinter(m_hMonitor.release());
+    } else {
+        m_hMonitor.reset();
+    }
 }
 
 platform::DWORD OMComm::GetPortInfo(std::u16string_view port, void* answer, platform::DWORD size,
                                     platform::DWORD* needed) {
     *needed = 0;
+    if (m_pXcvData == nullptr) {
+        OVTRACE(ERR | NORM, "Invalid function Pointer");
+        return 1;
+    }
     if (!m_hMonitor) {
         OVTRACE(ERR | NORM, "Invalid function m_hMonitor handle");
         return 6;
     }
     const std::u16string input(port);
     platform::DWORD status = 0;
-    platform::XcvDataW(m_hMonitor.get(), u"GetPort", input.c_str(),
-                       static_cast<platform::DWORD>((input.size() + 1) * 2), answer, size, needed,
-                       &status);
+    m_pXcvData(m_hMonitor.get(), u"GetPort", input.c_str(),
+               static_cast<platform::DWORD>((input.size() + 1) * 2), answer, size, needed, &status);
     OVTRACE(INF | NORM, "XcvData:GetPortType Param=%s", port);
     const auto* text = static_cast<const char16_t*>(answer);
     OVTRACE(INF | NORM, "XcvData:GetPortType Status=%d(0x%x), Answer=%s", status, status,

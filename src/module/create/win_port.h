@@ -6,28 +6,44 @@
 #include <memory>
 #include <string>
 
+#include "platform/library.h"
 #include "platform/spooler.h"
 
 namespace ovsvc {
 
+// The class of the running Windows version: 0 not NT, 1 NT 3.x, 2 NT 4.0,
+// 3 Windows 2000, 4 XP, 5 Server 2003, 0 for anything else.
+int GetOSClass();
+
 // The monitor's configuration channel: opened on one of the product's
-// monitors, asked "GetPort" for a port's information text.
+// monitors, asked "GetPort" for a port's information text. XcvDataW is bound
+// at run time from the spooler's library in the system directory (on NT 4.0
+// from the monitor's own module, which also brings its open and close).
 class OMComm {
   public:
-    OMComm() = default;
+    // Loads the spooler's library; without it every query fails.
+    OMComm();
     virtual ~OMComm();
     OMComm(const OMComm&) = delete;
     OMComm& operator=(const OMComm&) = delete;
 
-    // 0, or the system error of the last monitor that could not be opened.
+    // 0, or the system error of the last monitor that could not be opened;
+    // 6 when no library is loaded.
     platform::DWORD OpenMonitor();
     void CloseMonitor();
     // The monitor's status for "GetPort"; `needed` receives the size in bytes
-    // of the answer. 6 without an open monitor.
+    // of the answer. 1 without XcvDataW, 6 without an open monitor.
     platform::DWORD GetPortInfo(std::u16string_view port, void* answer, platform::DWORD size,
                                 platform::DWORD* needed);
 
   private:
+    // 0 or the system error that left the library unloaded.
+    platform::DWORD LoadMonitorModule();
+
+    platform::UniqueLibrary m_hModule;
+    decltype(&platform::XcvDataW) m_pXcvData = nullptr;
+    decltype(&platform::OpenPrinterW) m_pOpenPrinter = nullptr;   // NT 4.0 only
+    decltype(&platform::ClosePrinter) m_pClosePrinter = nullptr;  // NT 4.0 only
     platform::UniquePrinter m_hMonitor;
 };
 

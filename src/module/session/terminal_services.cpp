@@ -33,14 +33,14 @@ std::optional<DWORD> ReadDword(std::u16string_view keyPath, std::u16string_view 
 }
 
 bool SuitesAllowTerminalServices() {
-    HLIBRARY ntdll = LoadLibraryW(u"ntdll.dll");
-    HLIBRARY kernel32 = LoadLibraryW(u"KERNEL32.DLL");
+    const UniqueLibrary ntdll(LoadLibraryW(u"ntdll.dll"));
+    const UniqueLibrary kernel32(LoadLibraryW(u"KERNEL32.DLL"));
     bool result = false;
-    auto setMask = ntdll != nullptr
-                       ? GetProcAddressAs<&VerSetConditionMask>(ntdll, "VerSetConditionMask")
+    auto setMask = ntdll
+                       ? GetProcAddressAs<&VerSetConditionMask>(ntdll.get(), "VerSetConditionMask")
                        : nullptr;
-    auto verify = kernel32 != nullptr
-                      ? GetProcAddressAs<&VerifyVersionInfoA>(kernel32, "VerifyVersionInfoA")
+    auto verify = kernel32
+                      ? GetProcAddressAs<&VerifyVersionInfoA>(kernel32.get(), "VerifyVersionInfoA")
                       : nullptr;
     if (setMask != nullptr && verify != nullptr) {
         const std::uint64_t mask = setMask(0, VER_SUITENAME, VER_AND);
@@ -54,12 +54,6 @@ bool SuitesAllowTerminalServices() {
         } else if (terminal && ReadDword(kTerminalServerKey, u"TSAppCompat").value_or(0) != 0) {
             result = true;
         }
-    }
-    if (ntdll != nullptr) {
-        FreeLibrary(ntdll);
-    }
-    if (kernel32 != nullptr) {
-        FreeLibrary(kernel32);
     }
     return result;
 }

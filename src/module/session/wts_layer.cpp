@@ -45,49 +45,49 @@ void CWTSAbstractionLayer::InitInstance(bool load) {
         return;
     }
     OVTRACE(INF | NORM, "CWTSAbstractionLayer::InitInstance called");
-    if (m_hWTSApi32 != nullptr) {
+    if (m_hWTSApi32) {
         OVTRACE(INF | NORM, "CWTSAbstractionLayer: Already successful initialized!");
         return;
     }
-    m_hWTSApi32 = LoadLibraryW(u"WTSAPI32.DLL");
-    OVTRACE(INF | NORM, "HANDLE=%x, %d", reinterpret_cast<std::uintptr_t>(m_hWTSApi32),
+    m_hWTSApi32.reset(LoadLibraryW(u"WTSAPI32.DLL"));
+    OVTRACE(INF | NORM, "HANDLE=%x, %d", reinterpret_cast<std::uintptr_t>(m_hWTSApi32.get()),
             GetLastError());
-    if (m_hWTSApi32 == nullptr) {
+    if (!m_hWTSApi32) {
         TraceCheck("m_hWTSApi32", __FILE__, __LINE__);
         OVTRACE(INF | NORM, "no Terminal Serices found 'wtsapi32.dll'!");
     } else {
         m_pWTSQuerySessionInformation = GetProcAddressAs<&WTSQuerySessionInformationW>(
-            m_hWTSApi32, "WTSQuerySessionInformationW");
+            m_hWTSApi32.get(), "WTSQuerySessionInformationW");
         if (m_pWTSQuerySessionInformation == nullptr) {
             TraceCheck("m_pWTSQuerySessionInformation", __FILE__, __LINE__);
         }
         m_pWTSEnumerateSessions =
-            GetProcAddressAs<&WTSEnumerateSessionsW>(m_hWTSApi32, "WTSEnumerateSessionsW");
+            GetProcAddressAs<&WTSEnumerateSessionsW>(m_hWTSApi32.get(), "WTSEnumerateSessionsW");
         if (m_pWTSEnumerateSessions == nullptr) {
             TraceCheck("m_pWTSEnumerateSessions", __FILE__, __LINE__);
         }
         m_pWTSEnumerateProcesses =
-            GetProcAddressAs<&WTSEnumerateProcessesW>(m_hWTSApi32, "WTSEnumerateProcessesW");
+            GetProcAddressAs<&WTSEnumerateProcessesW>(m_hWTSApi32.get(), "WTSEnumerateProcessesW");
         if (m_pWTSEnumerateProcesses == nullptr) {
             TraceCheck("m_pWTSEnumerateProcesses", __FILE__, __LINE__);
         }
-        m_pWTSFreeMemory = GetProcAddressAs<&WTSFreeMemory>(m_hWTSApi32, "WTSFreeMemory");
+        m_pWTSFreeMemory = GetProcAddressAs<&WTSFreeMemory>(m_hWTSApi32.get(), "WTSFreeMemory");
         if (m_pWTSFreeMemory == nullptr) {
             TraceCheck("m_pWTSFreeMemory", __FILE__, __LINE__);
         }
         m_pWTSWaitSystemEvent =
-            GetProcAddressAs<&WTSWaitSystemEvent>(m_hWTSApi32, "WTSWaitSystemEvent");
+            GetProcAddressAs<&WTSWaitSystemEvent>(m_hWTSApi32.get(), "WTSWaitSystemEvent");
         if (m_pWTSWaitSystemEvent == nullptr) {
             TraceCheck("m_pWTSWaitSystemEvent", __FILE__, __LINE__);
         }
     }
-    if (hXPKernel32 == nullptr && IsNtVersionAtLeast(5, 1)) {
-        hXPKernel32 = LoadLibraryW(u"KERNEL32.DLL");
+    if (!hXPKernel32 && IsNtVersionAtLeast(5, 1)) {
+        hXPKernel32.reset(LoadLibraryW(u"KERNEL32.DLL"));
         OVTRACE(INF | NORM, "Get Active-ConsoleSessionId hXPKernel32 = %d",
-                reinterpret_cast<std::uintptr_t>(hXPKernel32));
-        if (hXPKernel32 != nullptr) {
+                reinterpret_cast<std::uintptr_t>(hXPKernel32.get()));
+        if (hXPKernel32) {
             m_pWTSGetActiveConsoleSessionId = GetProcAddressAs<&WTSGetActiveConsoleSessionId>(
-                hXPKernel32, "WTSGetActiveConsoleSessionId");
+                hXPKernel32.get(), "WTSGetActiveConsoleSessionId");
         }
         OVTRACE(INF | NORM, "Funktion Pointer Active-ConsoleSessionId = %d",
                 reinterpret_cast<std::uintptr_t>(m_pWTSGetActiveConsoleSessionId));
@@ -96,14 +96,8 @@ void CWTSAbstractionLayer::InitInstance(bool load) {
 
 void CWTSAbstractionLayer::ExitInstance() {
     std::lock_guard lock(m_lock);
-    if (m_hWTSApi32 != nullptr) {
-        FreeLibrary(m_hWTSApi32);
-        m_hWTSApi32 = nullptr;
-    }
-    if (hXPKernel32 != nullptr) {
-        FreeLibrary(hXPKernel32);
-        hXPKernel32 = nullptr;
-    }
+    m_hWTSApi32.reset();
+    hXPKernel32.reset();
     m_pWTSQuerySessionInformation = nullptr;
     m_pWTSEnumerateSessions = nullptr;
     m_pWTSEnumerateProcesses = nullptr;
@@ -211,12 +205,12 @@ DWORD CWTSAbstractionLayer::GetActiveConsoleSessionId() {
 bool CWTSAbstractionLayer::IsTerminalServicesLibraryLoaded() {
     std::lock_guard lock(m_lock);
     Refresh();
-    return m_hWTSApi32 != nullptr;
+    return static_cast<bool>(m_hWTSApi32);
 }
 
 bool CWTSAbstractionLayer::HoldsLibrary() {
     std::lock_guard lock(m_lock);
-    return m_hWTSApi32 != nullptr;
+    return static_cast<bool>(m_hWTSApi32);
 }
 
 CWTSAbstractionLayer& WTSLayer() {

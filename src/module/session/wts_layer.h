@@ -57,13 +57,13 @@ class CWTSAbstractionLayer {
     void Refresh();
 
     std::recursive_mutex m_lock;
-    platform::HLIBRARY m_hWTSApi32 = nullptr;
+    platform::UniqueLibrary m_hWTSApi32;
     PFNQuerySessionInformation m_pWTSQuerySessionInformation = nullptr;
     PFNEnumerateSessions m_pWTSEnumerateSessions = nullptr;
     PFNEnumerateProcesses m_pWTSEnumerateProcesses = nullptr;
     PFNFreeMemory m_pWTSFreeMemory = nullptr;
     PFNWaitSystemEvent m_pWTSWaitSystemEvent = nullptr;
-    platform::HLIBRARY hXPKernel32 = nullptr;
+    platform::UniqueLibrary hXPKernel32;
     PFNGetActiveConsoleSessionId m_pWTSGetActiveConsoleSessionId = nullptr;
 };
 

@@ -1,9 +1,13 @@
 // The system libraries the module binds at run time, and the version checks
 // two of them export.
 #include <array>
+#include <optional>
 #include <string>
 
+#include "platform/library.h"
 #include "platform/machine.h"
+#include "platform/spooler.h"
+#include "platform/text.h"
 #include "platform/wts.h"
 #include "wts_internal.h"
 
@@ -21,8 +25,8 @@ FARPROC Export(F* function) {
     return reinterpret_cast<FARPROC>(function);
 }
 
-std::array<LibraryObject, 3>& Libraries() {
-    static std::array<LibraryObject, 3> libraries{
+std::array<LibraryObject, 4>& Libraries() {
+    static std::array<LibraryObject, 4> libraries{
         LibraryObject{"wtsapi32",
                       {{"WTSEnumerateSessionsW", Export(&WTSEnumerateSessionsW)},
                        {"WTSQuerySessionInformationW", Export(&WTSQuerySessionInformationW)},
@@ -35,6 +39,7 @@ std::array<LibraryObject, 3>& Libraries() {
                        {"VerifyVersionInfoA", Export(&VerifyVersionInfoA)},
                        {"VerSetConditionMask", Export(&VerSetConditionMask)}}},
         LibraryObject{"ntdll", {{"VerSetConditionMask", Export(&VerSetConditionMask)}}},
+        LibraryObject{"winspool", {{"XcvDataW", Export(&XcvDataW)}}},
     };
     return libraries;
 }
@@ -43,13 +48,17 @@ bool IsWtsApi(const LibraryObject* library) {
     return library == &Libraries()[0];
 }
 
+bool IsWinspool(const LibraryObject* library) {
+    return library == &Libraries()[3];
+}
+
 bool Switch(const char* key, const std::string& value) {
     auto v = machine::Setting(key);
     return v && *v == value;
 }
 
-bool ExportDisabled(std::string_view name) {
-    auto list = machine::Setting("wtsapi32_missing");
+bool ExportDisabled(const char* switchName, std::string_view name) {
+    auto list = machine::Setting(switchName);
     if (!list) {
         return false;
     }
@@ -88,12 +97,33 @@ bool Compare(DWORD actual, DWORD wanted, std::uint8_t condition) {
     }
 }
 
+// The library's name without its directory, or nothing when the directory
+// is not the system directory (the only one the embedded machine has
+// libraries in).
+std::optional<std::u16string_view> SystemLibraryName(std::u16string_view fileName) {
+    const std::size_t slash = fileName.find_last_of(u"\\/");
+    if (slash == std::u16string_view::npos) {
+        return fileName;
+    }
+    const auto system = GetSystemDirectoryW();
+    if (!system || !NamesEqual(fileName.substr(0, slash), *system)) {
+        return std::nullopt;
+    }
+    return fileName.substr(slash + 1);
+}
+
 }  // namespace
 
 HLIBRARY LoadLibraryW(std::u16string_view fileName) {
-    std::string name = detail::Utf8(fileName);
+    const auto baseName = SystemLibraryName(fileName);
+    if (!baseName) {
+        SetLastError(ERROR_MOD_NOT_FOUND);
+        return nullptr;
+    }
+    std::string name = detail::Utf8(*baseName);
     if (name.size() > 4 &&
-        detail::EqualsIgnoreCase(std::string_view(name).substr(name.size() - 4), ".dll")) {
+        (detail::EqualsIgnoreCase(std::string_view(name).substr(name.size() - 4), ".dll") ||
+         detail::EqualsIgnoreCase(std::string_view(name).substr(name.size() - 4), ".drv"))) {
         name.resize(name.size() - 4);
     }
     for (auto& library : Libraries()) {
@@ -119,7 +149,8 @@ FARPROC GetProcAddress(HLIBRARY library, std::string_view procName) {
     }
     for (const auto& [name, function] : library->exports) {
         if (procName == name) {
-            if (IsWtsApi(library) && ExportDisabled(procName)) {
+            if ((IsWtsApi(library) && ExportDisabled("wtsapi32_missing", procName)) ||
+                (IsWinspool(library) && ExportDisabled("winspool_missing", procName))) {
                 break;
             }
             SetLastError(ERROR_SUCCESS);

@@ -1,7 +1,7 @@
 // The system libraries the module binds at run time.
 //
 // A library is loaded for real; what GetProcAddress hands out for the
-// libraries the platform declares (wtsapi32, kernel32, ntdll) is the
+// libraries the platform declares (wtsapi32, kernel32, ntdll, winspool) is the
 // platform's own function of that name, with the platform's types, and only
 // when the real library exports the name. Other libraries hand out their raw
 // exports.
@@ -9,6 +9,8 @@
 #include <string>
 
 #include "platform/kernel.h"
+#include "platform/library.h"
+#include "platform/spooler.h"
 #include "platform/wts.h"
 
 #include "win32_api.h"
@@ -45,6 +47,7 @@ const Adapter* Adapters(std::size_t* count) {
         {"kernel32", "VerifyVersionInfoA", Export(&VerifyVersionInfoA)},
         {"kernel32", "VerSetConditionMask", Export(&VerSetConditionMask)},
         {"ntdll", "VerSetConditionMask", Export(&VerSetConditionMask)},
+        {"winspool", "XcvDataW", Export(&XcvDataW)},
     };
     *count = std::size(adapters);
     return adapters;
@@ -63,10 +66,10 @@ const char* KnownLibrary(std::u16string_view fileName) {
     for (const char16_t c : fileName) {
         name.push_back(Lower(c));
     }
-    if (name.ends_with(u".dll")) {
+    if (name.ends_with(u".dll") || name.ends_with(u".drv")) {
         name.resize(name.size() - 4);
     }
-    for (const char* known : {"wtsapi32", "kernel32", "ntdll"}) {
+    for (const char* known : {"wtsapi32", "kernel32", "ntdll", "winspool"}) {
         if (name == std::u16string(known, known + std::char_traits<char>::length(known))) {
             return known;
         }

@@ -5,6 +5,7 @@
 #include "create/naming_scheme.h"
 #include "create/win_port.h"
 #include "ovtest.h"
+#include "platform/machine.h"
 #include "platform/registry.h"
 #include "platform/spooler.h"
 
@@ -110,6 +111,25 @@ TEST_F(NamingTest, PortListsReportTheirMonitorsFormat) {
         EXPECT_EQ(winPort.TestAllPortInPortList(c.list), c.result) << ovtest::U8(c.list);
         EXPECT_EQ(winPort.Format(), c.format) << ovtest::U8(c.list);
     }
+}
+
+// The link binds XcvDataW from the spooler's library at run time; without it
+// (or on NT 4.0, whose monitor module the machine lacks) no port has a format.
+TEST_F(NamingTest, WithoutTheSpoolersXcvDataNoPortHasAFormat) {
+    OVTEST_EMBEDDED_ONLY("switches of the embedded machine");
+    for (const auto& [setting, value] :
+         {std::pair{"winspool_missing", "XcvDataW"}, {"os_version", "4.0.1381"}}) {
+        platform::machine::SetSetting(setting, value);
+        OMComm link;
+        EXPECT_EQ(link.OpenMonitor(), 6u) << setting;
+        platform::DWORD needed = 1;
+        EXPECT_EQ(link.GetPortInfo(u"P1:", nullptr, 0, &needed), 1u) << setting;
+        EXPECT_EQ(needed, 0u);
+        WinPort winPort;
+        EXPECT_EQ(winPort.TestAllPortInPortList(u"P1:"), -20) << setting;
+        platform::machine::SetSetting(setting, "");
+    }
+    EXPECT_EQ(GetOSClass(), 0);  // 6.1, the machine's default
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// Terminal services (wtsapi32) and the run-time binding of system libraries.
+// Terminal services (wtsapi32).
 //
 // The embedded machine is a terminal server: its sessions are a table in the
 // registry under HKLM\SOFTWARE\OVSvc Embedded\Sessions\<id>, with the values
@@ -9,19 +9,9 @@
 //
 // Results are owned C++ values: nothing needs WTSFreeMemory.
 //
-// The module binds the session functions at run time, as a Windows program
-// does with LoadLibrary("WTSAPI32.DLL") and GetProcAddress. The embedded
-// platform knows three libraries: "WTSAPI32.DLL", "KERNEL32.DLL" and
-// "NTDLL.DLL" (names compared case-insensitively, ".dll" optional).
-// machine.conf switches for tests:
-//   wtsapi32=0                   the library is absent (ERROR_MOD_NOT_FOUND)
-//   wtsapi32_missing=A,B         those exports are absent (ERROR_PROC_NOT_FOUND)
-//
-// On Windows the sessions and libraries are the system's own: LoadLibraryW
-// loads the real library, and GetProcAddress, when the library has the
-// export, answers the platform's own function for the exports declared here
-// (so the caller's cast to the declaration holds). The session functions
-// bind WTSAPI32.DLL at run time themselves.
+// The module binds the session functions at run time (platform/library.h).
+// On Windows the sessions are the system's own; the session functions bind
+// WTSAPI32.DLL at run time themselves.
 #pragma once
 
 #include <array>
@@ -34,6 +24,7 @@
 #include "platform/error.h"
 #include "platform/handle.h"
 #include "platform/kernel.h"
+#include "platform/library.h"
 
 namespace platform {
 
@@ -159,26 +150,6 @@ std::uint64_t VerSetConditionMask(std::uint64_t conditionMask, DWORD typeMask,
 // ERROR_INVALID_PARAMETER; a typeMask or conditionMask of 0: Windows'
 // ERROR_BAD_ARGUMENTS. The suite mask is what GetVersionExW reports.
 bool VerifyVersionInfoA(const OSVERSIONINFOEXW* info, DWORD typeMask, std::uint64_t conditionMask);
-
-// ---- run-time binding ----------------------------------------------------------
-
-struct LibraryObject;  // opaque
-// A library loaded at run time (an HMODULE from LoadLibrary on Windows).
-using HLIBRARY = LibraryObject*;
-using FARPROC = void (*)();
-
-// Null with ERROR_MOD_NOT_FOUND when the library does not exist.
-HLIBRARY LoadLibraryW(std::u16string_view fileName);
-// Null with ERROR_PROC_NOT_FOUND when the library has no such export.
-FARPROC GetProcAddress(HLIBRARY library, std::string_view procName);
-// The export typed as the platform's own declaration of it, never by a
-// hand-written signature: GetProcAddressAs<&WTSEnumerateSessionsW>(library,
-// "WTSEnumerateSessionsW").
-template <auto Declared>
-decltype(Declared) GetProcAddressAs(HLIBRARY library, std::string_view procName) {
-    return reinterpret_cast<decltype(Declared)>(GetProcAddress(library, procName));
-}
-bool FreeLibrary(HLIBRARY library);
 
 }  // namespace platform
 
