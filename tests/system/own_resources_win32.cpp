@@ -5,6 +5,7 @@
 
 #include <string>
 
+#include "expected_strings.h"
 #include "ovtest.h"
 #include "platform/resources.h"
 
@@ -38,22 +39,13 @@ class OwnResourcesInTheDll : public ::testing::Test {
 };
 
 TEST_F(OwnResourcesInTheDll, StringTableTextsAreExact) {
-    EXPECT_EQ(String(101), "Printer created by Ovaspool");
-    EXPECT_EQ(String(104), "Can't create the event!");
-    EXPECT_EQ(String(106), "Cannot open the 'Ovaspool' registry key (fatal error)!");
-    EXPECT_EQ(String(107), "Query access rights from registry failed (%d)!");
-    EXPECT_EQ(String(108), "Cannot create registry key or values (fatal error)!");
-    EXPECT_EQ(String(109), "Can't create SHM segment.");
-    EXPECT_EQ(String(110), "Can't create mapping of SHM");
-    EXPECT_EQ(String(111), "No response from client at the acknowledge (fatal error)!");
-    EXPECT_EQ(String(112), "OvaspoolSvc");
-    EXPECT_EQ(String(113), "Waiting for single object is failed. Ovaspool service is stopped.");
-    EXPECT_EQ(String(114), "Create \"");
-    EXPECT_EQ(String(115), "\" from \"");
+    for (const auto& [id, text] : ovtest::kExpectedStrings) {
+        EXPECT_EQ(String(id), text) << id;
+    }
 }
 
 TEST_F(OwnResourcesInTheDll, OnlyTheTableIds) {
-    for (unsigned id : {0u, 100u, 102u, 103u, 105u, 116u, 65535u}) {
+    for (unsigned id : ovtest::kAbsentStringIds) {
         std::u16string text = u"unchanged";
         platform::SetLastError(0xDEADBEEF);
         EXPECT_EQ(platform::LoadStringW(module_, id, &text), 0) << id;

@@ -103,7 +103,7 @@ bool CreateSharedMemory() {
                                                     sizeof(SHM), state.names.shm);
     if (!state.shmMapping) {
         OVTRACE(ERR | MAIN, "CreateFileMapping of SHM failed, err=%d", platform::GetLastError());
-        ReportServiceEvent(LoadOwnString(109), kEventError, 2);
+        ReportServiceEvent(LoadOwnString(IDS_SHM_CREATE_FAILED), kEventError, 2);
         return false;
     }
     state.shmView = platform::MapViewOfFile(state.shmMapping.get(), platform::FILE_MAP_ALL_ACCESS,
@@ -111,7 +111,7 @@ bool CreateSharedMemory() {
     if (!state.shmView) {
         OVTRACE(ERR | MAIN, "MapViewOfFile of SHM failed, err=%d", platform::GetLastError());
         state.shmMapping.reset();
-        ReportServiceEvent(LoadOwnString(110), kEventError, 3);
+        ReportServiceEvent(LoadOwnString(IDS_SHM_MAP_FAILED), kEventError, 3);
         return false;
     }
     return true;

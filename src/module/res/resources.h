@@ -6,24 +6,11 @@
 #include <string_view>
 
 #include "platform/resources.h"
+#include "res/string_ids.h"  // generated from strings.list
 
 namespace ovsvc {
 
 inline constexpr char16_t kModuleFileName[] = u"OVSvc.dll";
-
-// String-table ids.
-inline constexpr unsigned IDS_AUTOCREATED_MARK = 101;
-inline constexpr unsigned IDS_EVENT_CREATE_FAILED = 104;
-inline constexpr unsigned IDS_KEY_OPEN_FAILED = 106;
-inline constexpr unsigned IDS_RIGHTS_QUERY_FAILED = 107;
-inline constexpr unsigned IDS_KEY_CREATE_FAILED = 108;
-inline constexpr unsigned IDS_SHM_CREATE_FAILED = 109;
-inline constexpr unsigned IDS_SHM_MAP_FAILED = 110;
-inline constexpr unsigned IDS_NO_ACK = 111;
-inline constexpr unsigned IDS_EVENT_SOURCE = 112;
-inline constexpr unsigned IDS_WAIT_FAILED = 113;
-inline constexpr unsigned IDS_CREATE_OPEN = 114;
-inline constexpr unsigned IDS_CREATE_FROM = 115;
 
 // The resource data as the module brings it along.
 const platform::ModuleResources& OwnResources();

@@ -1,6 +1,7 @@
 // The module's own string table and version text.
 #include <gtest/gtest.h>
 
+#include "expected_strings.h"
 #include "ovtest.h"
 #include "res/resources.h"
 
@@ -9,24 +10,11 @@ namespace {
 using namespace ovsvc;
 using ovtest::U8;
 
-TEST(OwnStrings, TextsAreExact) {
-    EXPECT_EQ(U8(LoadOwnString(101)), "Printer created by Ovaspool");
-    EXPECT_EQ(U8(LoadOwnString(104)), "Can't create the event!");
-    EXPECT_EQ(U8(LoadOwnString(106)), "Cannot open the 'Ovaspool' registry key (fatal error)!");
-    EXPECT_EQ(U8(LoadOwnString(107)), "Query access rights from registry failed (%d)!");
-    EXPECT_EQ(U8(LoadOwnString(108)), "Cannot create registry key or values (fatal error)!");
-    EXPECT_EQ(U8(LoadOwnString(109)), "Can't create SHM segment.");
-    EXPECT_EQ(U8(LoadOwnString(110)), "Can't create mapping of SHM");
-    EXPECT_EQ(U8(LoadOwnString(111)), "No response from client at the acknowledge (fatal error)!");
-    EXPECT_EQ(U8(LoadOwnString(112)), "OvaspoolSvc");
-    EXPECT_EQ(U8(LoadOwnString(113)),
-              "Waiting for single object is failed. Ovaspool service is stopped.");
-    EXPECT_EQ(U8(LoadOwnString(114)), "Create \"");
-    EXPECT_EQ(U8(LoadOwnString(115)), "\" from \"");
-}
-
-TEST(OwnStrings, OnlyTheTableIds) {
-    for (unsigned id : {0u, 100u, 102u, 103u, 105u, 116u, 65535u}) {
+TEST(OwnStrings, TextsAreExactAndOnlyTheTableIds) {
+    for (const auto& [id, text] : ovtest::kExpectedStrings) {
+        EXPECT_EQ(U8(LoadOwnString(id)), text) << id;
+    }
+    for (unsigned id : ovtest::kAbsentStringIds) {
         EXPECT_TRUE(LoadOwnString(id).empty()) << id;
     }
 }
