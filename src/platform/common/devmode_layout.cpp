@@ -1,4 +1,6 @@
-// DEVMODEW in Windows' byte layout (little-endian, UTF-16 names of 32 units).
+// DEVMODEW in Windows' byte layout (little-endian, UTF-16 names of 32 units),
+// shared by both backends; the Windows build checks the offsets against
+// <wingdi.h> (win32/spool_devmode.cpp).
 #include <cstring>
 
 #include "platform/spooler.h"

@@ -237,13 +237,4 @@ bool UnmapViewOfFile(const void* base) {
     return true;  // the mapping goes away with the view's reference, if it was the last
 }
 
-void MappedView::reset() noexcept {
-    if (base_ != nullptr) {
-        LastErrorKeeper keep;
-        UnmapViewOfFile(base_);
-        base_ = nullptr;
-        size_ = 0;
-    }
-}
-
 }  // namespace platform

@@ -119,14 +119,6 @@ std::u16string_view CName(std::u16string_view name) {
 
 }  // namespace
 
-void UniqueKey::reset(HKEY key) noexcept {
-    if (key_ != nullptr && key_ != key) {
-        LastErrorKeeper keep;
-        RegCloseKey(key_);
-    }
-    key_ = key;
-}
-
 LSTATUS RegOpenKeyExW(HKEY parent, std::u16string_view subKey, DWORD /*options*/, REGSAM access,
                       UniqueKey* result) {
     return Guarded([&]() -> LSTATUS {

@@ -332,7 +332,8 @@ bool AddPrinterDriverW(std::u16string_view serverName, DWORD level, const Driver
             continue;
         }
         ec.clear();
-        fs::copy_file(source, target, fs::copy_options::overwrite_existing, ec);
+        // As APD_COPY_NEW_FILES: a file in the store is replaced only by a newer one.
+        fs::copy_file(source, target, fs::copy_options::update_existing, ec);
         if (ec) {
             return Fail(ERROR_CANTWRITE);
         }

@@ -74,15 +74,6 @@ UniqueMapping OpenFileMappingW(DWORD desiredAccess, bool inheritHandle, std::u16
     return mapping;
 }
 
-void MappedView::reset() noexcept {
-    if (base_ != nullptr) {
-        LastErrorKeeper keep;  // fails quietly for a view unmapped through UnmapViewOfFile
-        ::UnmapViewOfFile(base_);
-    }
-    base_ = nullptr;
-    size_ = 0;
-}
-
 MappedView MapViewOfFile(HANDLE mapping, DWORD desiredAccess, std::uint64_t offset,
                          std::size_t bytes) {
     if (win32::IsNoHandle(mapping)) {

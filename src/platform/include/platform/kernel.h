@@ -110,32 +110,25 @@ DWORD WaitForSingleObject(HANDLE object, DWORD milliseconds);
 
 // A mapped view; unmapped when the owner goes away. The view keeps its
 // mapping alive even after the mapping's handle is closed.
-class MappedView {
+bool UnmapViewOfFile(const void* base);
+
+struct MappedViewTraits {
+    struct pointer {
+        void* base = nullptr;
+        std::size_t size = 0;
+        friend bool operator==(const pointer&, const pointer&) = default;
+    };
+    static pointer invalid() noexcept { return {}; }
+    static void close(pointer view) noexcept { UnmapViewOfFile(view.base); }
+};
+// A mapped view: its base address and size, unmapped with its owner.
+class MappedView : public UniqueHandle<MappedViewTraits> {
   public:
     MappedView() noexcept = default;
-    MappedView(void* base, std::size_t size) noexcept : base_(base), size_(size) {}
-    MappedView(MappedView&& other) noexcept
-        : base_(std::exchange(other.base_, nullptr)), size_(std::exchange(other.size_, 0)) {}
-    MappedView& operator=(MappedView&& other) noexcept {
-        if (this != &other) {
-            reset();
-            base_ = std::exchange(other.base_, nullptr);
-            size_ = std::exchange(other.size_, 0);
-        }
-        return *this;
-    }
-    MappedView(const MappedView&) = delete;
-    MappedView& operator=(const MappedView&) = delete;
-    ~MappedView() { reset(); }
+    MappedView(void* base, std::size_t size) noexcept : UniqueHandle(pointer{base, size}) {}
 
-    [[nodiscard]] void* data() const noexcept { return base_; }
-    [[nodiscard]] std::size_t size() const noexcept { return size_; }
-    explicit operator bool() const noexcept { return base_ != nullptr; }
-    void reset() noexcept;
-
-  private:
-    void* base_ = nullptr;
-    std::size_t size_ = 0;
+    [[nodiscard]] void* data() const noexcept { return get().base; }
+    [[nodiscard]] std::size_t size() const noexcept { return get().size; }
 };
 
 // `bytes` 0 maps from `offset` to the end of the mapping. Fails with
@@ -143,7 +136,6 @@ class MappedView {
 // ERROR_INVALID_PARAMETER when the range lies outside the mapping.
 [[nodiscard]] MappedView MapViewOfFile(HANDLE mapping, DWORD desiredAccess, std::uint64_t offset,
                                        std::size_t bytes);
-bool UnmapViewOfFile(const void* base);
 
 // ---- locks and interlocked operations -------------------------------------
 

@@ -31,6 +31,7 @@
 #include <vector>
 
 #include "platform/error.h"
+#include "platform/handle.h"
 
 namespace platform {
 
@@ -73,41 +74,21 @@ inline constexpr DWORD REG_OPENED_EXISTING_KEY = 2;
 inline constexpr std::size_t kMaxKeyNameLength = 255;
 inline constexpr std::size_t kMaxValueNameLength = 16383;
 
-// Owner of an open key.
-class UniqueKey {
-public:
-    UniqueKey() noexcept = default;
-    explicit UniqueKey(HKEY key) noexcept : key_(key) {}
-    UniqueKey(UniqueKey&& other) noexcept : key_(other.release()) {}
-    UniqueKey& operator=(UniqueKey&& other) noexcept {
-        if (this != &other) {
-            reset(other.release());
-        }
-        return *this;
-    }
-    UniqueKey(const UniqueKey&) = delete;
-    UniqueKey& operator=(const UniqueKey&) = delete;
-    ~UniqueKey() { reset(); }
+LSTATUS RegCloseKey(HKEY key);
 
-    [[nodiscard]] HKEY get() const noexcept { return key_; }
-    explicit operator bool() const noexcept { return key_ != nullptr; }
-    void reset(HKEY key = nullptr) noexcept;
-    [[nodiscard]] HKEY release() noexcept {
-        HKEY k = key_;
-        key_ = nullptr;
-        return k;
-    }
-
-private:
-    HKEY key_ = nullptr;
+struct KeyTraits {
+    using pointer = HKEY;
+    static pointer invalid() noexcept { return nullptr; }
+    static void close(pointer key) noexcept { RegCloseKey(key); }
 };
+// Owner of an open key.
+using UniqueKey = UniqueHandle<KeyTraits>;
 
 LSTATUS RegOpenKeyExW(HKEY parent, std::u16string_view subKey, DWORD options, REGSAM access,
                       UniqueKey* result);
 // `disposition` (may be null) receives REG_CREATED_NEW_KEY or REG_OPENED_EXISTING_KEY.
 LSTATUS RegCreateKeyExW(HKEY parent, std::u16string_view subKey, DWORD options, REGSAM access,
                         UniqueKey* result, DWORD* disposition);
-LSTATUS RegCloseKey(HKEY key);
 // Deletes a key without subkeys (ERROR_ACCESS_DENIED when it has some).
 LSTATUS RegDeleteKeyW(HKEY parent, std::u16string_view subKey);
 // Deletes a key's subtree; an empty subKey deletes the key's values and subkeys.

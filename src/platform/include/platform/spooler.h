@@ -399,7 +399,9 @@ std::optional<DriverInfo6> GetPrinterDriverW(HANDLE printer, std::u16string_view
 // Level 3 or 6. Copies each named file (driver, data, config, help and
 // dependent files) into the driver store; a missing file fails with
 // ERROR_FILE_NOT_FOUND and nothing is added. Adding an existing driver
-// replaces it.
+// replaces it. The embedded machine always copies the files as
+// AddPrinterDriverExW with APD_COPY_NEW_FILES does on Windows: a file already
+// in the store is replaced only by a newer one (by modification time).
 bool AddPrinterDriverW(std::u16string_view serverName, DWORD level, const DriverInfo6& info);
 // ERROR_UNKNOWN_PRINTER_DRIVER, ERROR_PRINTER_DRIVER_IN_USE while a printer
 // uses it. DPD_DELETE_UNUSED_FILES / DPD_DELETE_ALL_FILES also delete its
