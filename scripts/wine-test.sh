@@ -27,9 +27,10 @@ wineserver -w >/dev/null 2>&1
 wineserver -p >/dev/null 2>&1
 wine --version
 
-# The platform contract first, then the request channel across processes.
+# The platform contract first, then the module's own tests, then the request
+# channel across processes.
 programs=()
-for p in "$bin"/platform_*_tests.exe "$bin"/system_tests.exe; do
+for p in "$bin"/platform_*_tests.exe "$bin"/module_tests.exe "$bin"/system_tests.exe; do
   [ -e "$p" ] && programs+=("$p")
 done
 if [ ${#programs[@]} -eq 0 ]; then
@@ -52,6 +53,12 @@ for p in "${programs[@]}"; do
     cat "$logs/$name.log"
   fi
   grep -E '^\[ +(PASSED|FAILED|SKIPPED) +\] [0-9]+ test' "$logs/$name.log" || true
+done
+
+echo "=== checks Wine gets wrong (todo_wine: they ran and failed, as expected)"
+for p in "${programs[@]}"; do
+  name=$(basename "$p" .exe)
+  grep -h ': todo_wine: ' "$logs/$name.log" | sed "s|^.*/tests/|  $name: tests/|" || true
 done
 
 echo "=== skipped tests and why"

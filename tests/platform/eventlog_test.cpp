@@ -13,12 +13,13 @@
 #include "eventlog_test_support.h"
 #include "ovtest.h"
 #include "platform/machine.h"
+#include "product_settings.h"
 
 namespace {
 
 using namespace platform;
 
-constexpr DWORD kPoison = 0xDEADBEEF;
+using ovtest::kPoison;
 constexpr const char* kNoStoredLog = "it stores no event-log entries to read back";
 
 std::vector<std::string> LogLines() {

@@ -8,12 +8,13 @@
 #include "platform/handle.h"
 #include "platform/kernel.h"
 #include "platform/process.h"
+#include "product_settings.h"
 
 namespace {
 
 using namespace platform;
 
-constexpr DWORD kPoison = 0xDEADBEEF;
+using ovtest::kPoison;
 
 TEST(KernelClose, ValuesThatAreNeverOpenFailWithInvalidHandle) {
     for (HANDLE bad : {static_cast<HANDLE>(nullptr), INVALID_HANDLE_VALUE,

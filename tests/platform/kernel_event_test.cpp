@@ -14,13 +14,14 @@
 #include "ovtest.h"
 #include "platform/kernel.h"
 #include "platform/machine.h"
+#include "product_settings.h"
 
 namespace {
 
 using namespace platform;
 using ovtest::U16;
 
-constexpr DWORD kPoison = 0xDEADBEEF;
+using ovtest::kPoison;
 
 class KernelEvent : public ovtest::MachineTest {
   protected:

@@ -8,12 +8,13 @@
 
 #include "ovtest.h"
 #include "platform/kernel.h"
+#include "product_settings.h"
 
 namespace {
 
 using namespace platform;
 
-constexpr DWORD kPoison = 0xDEADBEEF;
+using ovtest::kPoison;
 constexpr DWORD kErrorNegativeSeek = 131;
 constexpr DWORD kErrorDirectory = 267;
 

@@ -9,6 +9,7 @@
 #include "../../src/platform/embedded/handle_table.h"
 #include "platform/handle.h"
 #include "platform/kernel.h"
+#include "product_settings.h"
 
 namespace {
 
@@ -16,7 +17,7 @@ using platform::embedded::HandleKind;
 using platform::embedded::HandleObject;
 using platform::embedded::HandleTable;
 
-constexpr platform::DWORD kPoison = 0xDEADBEEF;
+using ovtest::kPoison;
 
 class Probe : public HandleObject {
   public:

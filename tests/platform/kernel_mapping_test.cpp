@@ -7,13 +7,14 @@
 
 #include "ovtest.h"
 #include "platform/kernel.h"
+#include "product_settings.h"
 
 namespace {
 
 using namespace platform;
 using ovtest::U16;
 
-constexpr DWORD kPoison = 0xDEADBEEF;
+using ovtest::kPoison;
 constexpr DWORD kErrorMappedAlignment = 1132;
 constexpr std::size_t kAreaSize = 265304;  // the size of the module's request area
 

@@ -19,6 +19,7 @@
 #include "platform/process.h"
 #include "platform/security.h"
 #include "platform/wts.h"
+#include "product_settings.h"
 
 namespace {
 
@@ -26,7 +27,7 @@ using namespace platform;
 using ovtest::U16;
 using ovtest::U8;
 
-constexpr DWORD kPoison = 0xDEADBEEF;
+using ovtest::kPoison;
 
 std::string SelfPath() {
     return ovtest::SelfPath();

@@ -11,10 +11,11 @@
 
 #include "ovtest.h"
 #include "platform/registry.h"
+#include "product_settings.h"
 
 namespace regtest {
 
-inline constexpr platform::DWORD kPoison = 0xDEADBEEF;
+using ::ovtest::kPoison;
 
 inline std::vector<std::byte> Bytes(std::initializer_list<int> values) {
     std::vector<std::byte> out;

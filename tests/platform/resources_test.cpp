@@ -7,13 +7,14 @@
 #include <memory>
 
 #include "ovtest.h"
+#include "product_settings.h"
 #include "resources_test_support.h"
 
 namespace {
 
 using namespace platform;
 
-constexpr DWORD kPoison = 0xDEADBEEF;
+using ovtest::kPoison;
 
 ModuleResources SampleModule(const std::u16string& fileName) {
     ModuleResources r;

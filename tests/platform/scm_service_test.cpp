@@ -14,6 +14,7 @@
 #include "platform/scm.h"
 #include "platform/security.h"
 #include "platform/wts.h"
+#include "product_settings.h"
 #include "scm_test_support.h"
 
 namespace scmtest {
@@ -85,7 +86,7 @@ int RunPromptService() {
 
 namespace {
 
-constexpr DWORD kPoison = 0xDEADBEEF;
+using ovtest::kPoison;
 
 // Tries to start the service from another process; exits with the error.
 OVTEST_CHILD(start_service) {

@@ -16,6 +16,7 @@
 #include "platform/machine.h"
 #include "platform/scm.h"
 #include "platform/wts.h"
+#include "product_settings.h"
 #include "scm_test_support.h"
 
 namespace scmtest {
@@ -71,7 +72,7 @@ namespace {
 
 using namespace platform;
 
-constexpr DWORD kPoison = 0xDEADBEEF;
+using ovtest::kPoison;
 
 TEST_F(ServiceControl, StartRunsOneDetachedProcessAsSystemInSessionZero) {
     ASSERT_TRUE(Start("plain"));

@@ -50,27 +50,29 @@ TEST(SecuritySid, BinaryLayoutIsWindows) {
 }
 
 TEST(SecuritySid, AuthorityWithoutSubAuthorities) {
-    OVTEST_SKIP_UNDER_WINE("its SID text parser wants at least one sub-authority");
-    Sid sid;
-    SetLastError(kPoison);
-    ASSERT_TRUE(ConvertStringSidToSidW(u"S-1-5", &sid));
-    EXPECT_EQ(GetLastError(), kPoison);
-    EXPECT_EQ(GetLengthSid(sid), 8u);
-    EXPECT_EQ(GetSidSubAuthorityCount(sid), 0u);
-    std::u16string back;
-    ASSERT_TRUE(ConvertSidToStringSidW(sid, &back));
-    EXPECT_EQ(back, u"S-1-5");
+    OVTEST_TODO_WINE("its SID text parser wants at least one sub-authority") {
+        Sid sid;
+        SetLastError(kPoison);
+        ASSERT_TRUE(ConvertStringSidToSidW(u"S-1-5", &sid));
+        EXPECT_EQ(GetLastError(), kPoison);
+        EXPECT_EQ(GetLengthSid(sid), 8u);
+        EXPECT_EQ(GetSidSubAuthorityCount(sid), 0u);
+        std::u16string back;
+        ASSERT_TRUE(ConvertSidToStringSidW(sid, &back));
+        EXPECT_EQ(back, u"S-1-5");
+    }
 }
 
 TEST(SecuritySid, AuthoritiesBeyond32BitsAreHexadecimal) {
-    OVTEST_SKIP_UNDER_WINE("its SID text conversion truncates identifier authorities to 32 bits");
-    const Sid big = SidOf(u"S-1-0x123456789ABC-1");
-    ASSERT_FALSE(big.empty());
-    EXPECT_EQ(BytesOf(big)[2], 0x12u);
-    EXPECT_EQ(BytesOf(big)[7], 0xBCu);
-    std::u16string back;
-    ASSERT_TRUE(ConvertSidToStringSidW(SidOf(u"S-1-0x123456789ABC-7"), &back));
-    EXPECT_EQ(back, u"S-1-0x123456789ABC-7");
+    OVTEST_TODO_WINE("its SID text conversion truncates identifier authorities to 32 bits") {
+        const Sid big = SidOf(u"S-1-0x123456789ABC-1");
+        ASSERT_FALSE(big.empty());
+        EXPECT_EQ(BytesOf(big)[2], 0x12u);
+        EXPECT_EQ(BytesOf(big)[7], 0xBCu);
+        std::u16string back;
+        ASSERT_TRUE(ConvertSidToStringSidW(SidOf(u"S-1-0x123456789ABC-7"), &back));
+        EXPECT_EQ(back, u"S-1-0x123456789ABC-7");
+    }
 }
 
 void ExpectRefused(std::initializer_list<const char16_t*> texts) {
@@ -90,9 +92,10 @@ TEST(SecuritySid, MalformedTextIsRefused) {
 }
 
 TEST(SecuritySid, EmptyTextAndNumbersOutOfRangeAreRefused) {
-    OVTEST_SKIP_UNDER_WINE(
-        "its SID text parser accepts an empty text, negative numbers and numbers too large");
-    ExpectRefused({u"", u"S-1-5--18", u"S-1-5-4294967296", u"S-1-281474976710656-1"});
+    OVTEST_TODO_WINE(
+        "its SID text parser accepts an empty text, negative numbers and numbers too large") {
+        ExpectRefused({u"", u"S-1-5--18", u"S-1-5-4294967296", u"S-1-281474976710656-1"});
+    }
 }
 
 TEST(SecuritySid, AliasesAndWellKnownTypes) {

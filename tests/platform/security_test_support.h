@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "platform/security.h"
+#include "product_settings.h"
 
 namespace platform {
 // Readable SIDs in test failures.
@@ -17,8 +18,7 @@ inline void PrintTo(const Sid& sid, std::ostream* out) {
 
 namespace sectest {
 
-// Poison for the last error: a call that should leave it alone keeps it.
-inline constexpr platform::DWORD kPoison = 0xDEADBEEF;
+using ::ovtest::kPoison;
 
 inline platform::Sid SidOf(const char16_t* text) {
     platform::Sid sid;

@@ -18,15 +18,12 @@
 #include "ovtest.h"
 #include "platform/error.h"
 #include "platform/spooler.h"
+#include "product_settings.h"
 
 namespace spooltest {
 
-// A value no call leaves behind by accident.
-inline constexpr platform::DWORD kPoison = 0xDEADBEEF;
-
-inline void Poison() {
-    platform::SetLastError(kPoison);
-}
+using ::ovtest::kPoison;
+using ::ovtest::Poison;
 
 // The driver every record names; a fresh embedded machine has it.
 inline constexpr char16_t kGenericDriver[] = u"Generic / Text Only";

@@ -287,33 +287,6 @@ TEST_F(SpoolerSecurity, OpenIsCheckedAgainstTheDacl) {
     }
 }
 
-TEST_F(SpoolerSecurity, DenyAceBeforeAllowWins) {
-    OVTEST_SKIP_UNDER_WINE(kNoSecurityUnderWine);
-    const auto name = Name(u"Denied");
-    AddPrinter(name);
-    const std::vector<Ace> dacl = {{1, 0, PRINTER_ACCESS_USE, kEveryone},
-                                   {0, 0, PRINTER_ALL_ACCESS, CreatorSid()}};
-    SetSecurity(name, Descriptor(&kUser, &dacl));
-    Poison();
-    EXPECT_FALSE(OpenPrinterW(name));
-    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
-    // Administering alone is not denied.
-    const auto administer = Access(PRINTER_ACCESS_ADMINISTER);
-    EXPECT_TRUE(OpenPrinterW(name, &administer));
-}
-
-TEST_F(SpoolerSecurity, InheritOnlyAcesDoNotApplyToThePrinter) {
-    OVTEST_SKIP_UNDER_WINE(kNoSecurityUnderWine);
-    const auto name = Name(u"Jobs Only");
-    AddPrinter(name);
-    const std::vector<Ace> dacl = {{0, 9, PRINTER_ALL_ACCESS, CreatorSid()},
-                                   {0, 0, PRINTER_READ, kUser}};
-    SetSecurity(name, Descriptor(&kUser, &dacl));
-    Poison();
-    EXPECT_FALSE(OpenPrinterW(name));
-    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
-}
-
 TEST_F(SpoolerSecurity, OwnerMayStillReadAndRewriteAnEmptyDacl) {
     OVTEST_SKIP_UNDER_WINE(kNoSecurityUnderWine);
     const auto name = Name(u"Locked");
@@ -332,16 +305,6 @@ TEST_F(SpoolerSecurity, OwnerMayStillReadAndRewriteAnEmptyDacl) {
     EXPECT_TRUE(DaclOf(info.securityDescriptor).empty());
     const std::vector<Ace> open = {{0, 0, PRINTER_ALL_ACCESS, creator}};
     ASSERT_TRUE(SetPrinterW(owner.get(), PrinterInfo3{Descriptor(nullptr, &open)}, 0));
-    EXPECT_TRUE(OpenAll(name));
-}
-
-TEST_F(SpoolerSecurity, NullDaclGrantsEverything) {
-    OVTEST_SKIP_UNDER_WINE(kNoSecurityUnderWine);
-    const auto name = Name(u"Open");
-    AddPrinter(name);
-    Bytes sd = Descriptor(&kUser, nullptr);
-    Put<std::uint16_t>(sd, 2, 0x8004);  // DACL present, but null
-    SetSecurity(name, sd);
     EXPECT_TRUE(OpenAll(name));
 }
 

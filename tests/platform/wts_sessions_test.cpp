@@ -12,6 +12,7 @@
 #include "platform/machine.h"
 #include "platform/registry.h"
 #include "platform/wts.h"
+#include "product_settings.h"
 
 namespace {
 
@@ -19,7 +20,7 @@ using namespace platform;
 using ovtest::U16;
 using ovtest::U8;
 
-constexpr DWORD kPoison = 0xDEADBEEF;
+using ovtest::kPoison;
 
 terminal::Session Remote(DWORD id, const char* user, const char* address = "10.1.2.3") {
     terminal::Session s;

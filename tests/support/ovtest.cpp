@@ -5,6 +5,9 @@
 #include <cstring>
 #include <filesystem>
 #include <map>
+#include <optional>
+
+#include <gtest/gtest-spi.h>
 
 #include "platform/machine.h"
 #include "platform/text.h"
@@ -75,6 +78,37 @@ std::u16string U16(const std::string& text) {
 
 std::string U8(const std::u16string& text) {
     return platform::ToUtf8(text);
+}
+
+struct TodoWine::Interception {
+    ::testing::TestPartResultArray results;
+    std::optional<::testing::ScopedFakeTestPartResultReporter> reporter;
+};
+
+TodoWine::TodoWine(const char* reason, const char* file, int line)
+    : reason_(reason), file_(file), line_(line) {
+    if (UnderWine()) {
+        interception_ = new Interception;
+        interception_->reporter.emplace(
+            ::testing::ScopedFakeTestPartResultReporter::INTERCEPT_ONLY_CURRENT_THREAD,
+            &interception_->results);
+    }
+}
+
+TodoWine::~TodoWine() {
+    if (interception_ == nullptr) {
+        return;
+    }
+    interception_->reporter.reset();  // from here on results reach the test again
+    const int failures = interception_->results.size();
+    delete interception_;
+    if (failures == 0) {
+        ADD_FAILURE_AT(file_, line_)
+            << "todo_wine passed: Wine now does this (" << reason_ << "); remove the mark";
+    } else {
+        std::printf("%s:%d: todo_wine: %s (%d failing check%s, as expected)\n", file_, line_,
+                    reason_, failures, failures == 1 ? "" : "s");
+    }
 }
 
 }  // namespace ovtest

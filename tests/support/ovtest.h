@@ -90,6 +90,35 @@ void UnsetEnv(const std::string& name);
         }                                                  \
     } while (false)
 
+// Checks that Wine gets wrong, marked one block at a time as Wine's own
+// tests do with todo_wine: the block always runs; on the embedded platform
+// and on Windows its failures are failures; under Wine they are reported as
+// expected ("todo_wine: ..."), and a block that passes there fails the test,
+// so a fixed Wine is noticed and the mark removed.
+//
+//   OVTEST_TODO_WINE("Wine's AddPrinterW accepts an existing name") {
+//       EXPECT_FALSE(AddPrinterW(u"", info));
+//   }
+#define OVTEST_TODO_WINE(reason) \
+    for (::ovtest::TodoWine ovtest_todo_((reason), __FILE__, __LINE__); ovtest_todo_.Once();)
+
+class TodoWine {
+  public:
+    TodoWine(const char* reason, const char* file, int line);
+    ~TodoWine();
+    TodoWine(const TodoWine&) = delete;
+    TodoWine& operator=(const TodoWine&) = delete;
+    bool Once() { return !ran_ && (ran_ = true); }
+
+  private:
+    struct Interception;
+    const char* reason_;
+    const char* file_;
+    int line_;
+    bool ran_ = false;
+    Interception* interception_ = nullptr;  // under Wine only
+};
+
 // Skips a test of the embedded machine's own features (its switches, its
 // account and session tables, its bookkeeping) on the Win32 backend.
 #define OVTEST_EMBEDDED_ONLY(reason)                                 \

@@ -3,8 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
-#include <fstream>
-#include <sstream>
 
 #include "autocreated_printers.h"
 #include "cache/printer_cache.h"
@@ -14,6 +12,7 @@
 #include "ovtest.h"
 #include "platform/machine.h"
 #include "platform/registry.h"
+#include "product_settings.h"
 #include "spooler/printer_acl.h"
 #include "trace/trace.h"
 
@@ -87,12 +86,8 @@ class CacheTest : public ovtest::MachineTest {
     void SetUp() override {
         MachineTest::SetUp();
         OVTEST_EMBEDDED_ONLY("needs the embedded account table");
-        path_ = root() + "/trace.log";
-        SetDword(u"DebugLevel", 0xFF);
-        const std::u16string file = ovtest::U16(path_);
-        Set(u"DebugFile", platform::REG_SZ, file.c_str(),
-            static_cast<platform::DWORD>((file.size() + 1) * 2));
-        SetDword(u"RightsWin2000", 1);
+        path_ = ovtest::EnableTrace(root());
+        ovtest::SetProductDword(u"RightsWin2000", 1);
         ResetTraceStateForTesting();
         ASSERT_TRUE(ovtest::EnsureUsers({ann, bob}));
         fIsService = true;
@@ -102,23 +97,7 @@ class CacheTest : public ovtest::MachineTest {
         ResetTraceStateForTesting();
         MachineTest::TearDown();
     }
-    void Set(const std::u16string& name, platform::DWORD type, const void* data,
-             platform::DWORD size) {
-        platform::UniqueKey key;
-        ASSERT_EQ(platform::RegCreateKeyExW(platform::HKEY_LOCAL_MACHINE, kProductKey, 0,
-                                            platform::KEY_ALL_ACCESS, &key, nullptr),
-                  0);
-        ASSERT_EQ(platform::RegSetValueExW(key.get(), name, type, data, size), 0);
-    }
-    void SetDword(const std::u16string& name, platform::DWORD value) {
-        Set(name, platform::REG_DWORD, &value, sizeof value);
-    }
-    std::string Trace() const {
-        std::ifstream in(path_, std::ios::binary);
-        std::stringstream text;
-        text << in.rdbuf();
-        return text.str();
-    }
+    std::string Trace() const { return ovtest::ReadText(path_); }
     // The DACL's entries as "sid mask flags" lines, in order.
     static std::vector<std::string> Entries(const std::u16string& printer) {
         std::vector<std::string> lines;
@@ -324,7 +303,7 @@ TEST_F(CacheTest, RightsCodesGiveTheirEntriesOnce) {
         std::size_t userEntries;
     };
     for (const Case c : {Case{1, 1}, Case{3, 3}, Case{0, 2}, Case{4, 1}, Case{207, 2}}) {
-        SetDword(u"RightsWin2000", c.value);
+        ovtest::SetProductDword(u"RightsWin2000", c.value);
         const std::u16string name = u"R" + ovtest::U16(std::to_string(c.value));
         ASSERT_TRUE(ovtest::AddAutocreatedPrinter(ovtest::PrinterSpec(name, {})));
         const auto before = Entries(name);
@@ -338,7 +317,7 @@ TEST_F(CacheTest, RightsCodesGiveTheirEntriesOnce) {
     }
     // SYSTEM is never touched; a missing or invalid setting changes nothing.
     EXPECT_EQ(SetPrinterACL(kAclRemove, u"R1", u"NT AUTHORITY\\system"), 1);
-    SetDword(u"RightsWin2000", 9);
+    ovtest::SetProductDword(u"RightsWin2000", 9);
     EXPECT_EQ(SetPrinterACL(kAclAdd, u"R1", ann), 0);
     EXPECT_EQ(QueryAccessRightsFromRegistry(), -8);
     EXPECT_NE(Trace().find("WinPrinter::Set-PrinterACL failed LNUMBER=(319)"), std::string::npos);

@@ -3,13 +3,12 @@
 
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <sstream>
 #include <stdexcept>
 
 #include "config/product_key.h"
 #include "ovtest.h"
 #include "platform/registry.h"
+#include "product_settings.h"
 #include "trace/trace.h"
 
 namespace ovsvc {
@@ -18,18 +17,7 @@ namespace {
 class BoundaryTest : public ovtest::MachineTest {};
 
 TEST_F(BoundaryTest, EscapedExceptionsBecomeTheFailureResultAndOneTraceLine) {
-    const std::string path = root() + "/trace.log";
-    {
-        platform::UniqueKey key;
-        ASSERT_EQ(platform::RegCreateKeyExW(platform::HKEY_LOCAL_MACHINE, kProductKey, 0,
-                                            platform::KEY_ALL_ACCESS, &key, nullptr),
-                  0);
-        const platform::DWORD level = 1;
-        platform::RegSetValueExW(key.get(), u"DebugLevel", platform::REG_DWORD, &level, 4);
-        const std::u16string file = ovtest::U16(path);
-        platform::RegSetValueExW(key.get(), u"DebugFile", platform::REG_SZ, file.c_str(),
-                                 static_cast<platform::DWORD>((file.size() + 1) * 2));
-    }
+    const std::string path = ovtest::EnableTrace(root(), 1);
     ResetTraceStateForTesting();
     struct Case {
         void (*thrower)();
@@ -47,10 +35,7 @@ TEST_F(BoundaryTest, EscapedExceptionsBecomeTheFailureResultAndOneTraceLine) {
                                     return 0;
                                 }),
                   -1);
-        std::ifstream in(path);
-        std::stringstream text;
-        text << in.rdbuf();
-        EXPECT_NE(text.str().find(c.line), std::string::npos) << c.line;
+        EXPECT_NE(ovtest::ReadText(path).find(c.line), std::string::npos) << c.line;
     }
     EXPECT_EQ(RunAtBoundary("Entry", -1, [] { return 7; }), 7);
     bool ran = false;

@@ -1,17 +1,16 @@
 // The trace lines the rule readers write, word for word.
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "channel/token_fields.h"
 #include "config/product_key.h"
+#include "config/registry_list.h"
 #include "ovtest.h"
 #include "platform/registry.h"
+#include "product_settings.h"
 #include "rules/printer_create_list.h"
-#include "config/registry_list.h"
 #include "rules/translation_table.h"
 #include "trace/trace.h"
 
@@ -22,19 +21,7 @@ class RuleTraceTest : public ovtest::MachineTest {
   protected:
     void SetUp() override {
         ovtest::MachineTest::SetUp();
-        path_ = root() + "/trace.log";
-        platform::UniqueKey key;
-        ASSERT_EQ(platform::RegCreateKeyExW(platform::HKEY_LOCAL_MACHINE, kProductKey, 0,
-                                            platform::KEY_ALL_ACCESS, &key, nullptr),
-                  0);
-        const platform::DWORD level = 0xFF;
-        ASSERT_EQ(platform::RegSetValueExW(key.get(), u"DebugLevel", platform::REG_DWORD, &level,
-                                           sizeof level),
-                  0);
-        const std::u16string file = ovtest::U16(path_);
-        ASSERT_EQ(platform::RegSetValueExW(key.get(), u"DebugFile", platform::REG_SZ, file.c_str(),
-                                           static_cast<platform::DWORD>((file.size() + 1) * 2)),
-                  0);
+        path_ = ovtest::EnableTrace(root());
         ResetTraceStateForTesting();
     }
 
@@ -44,12 +31,7 @@ class RuleTraceTest : public ovtest::MachineTest {
         ovtest::MachineTest::TearDown();
     }
 
-    std::string Trace() const {
-        std::ifstream in(path_, std::ios::binary);
-        std::stringstream text;
-        text << in.rdbuf();
-        return text.str();
-    }
+    std::string Trace() const { return ovtest::ReadText(path_); }
 
     void ExpectLines(const std::vector<std::string>& lines) {
         const std::string trace = Trace();
