@@ -1,6 +1,8 @@
 #include "fault.h"
 
+#include <signal.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <charconv>
 #include <fstream>
@@ -18,6 +20,7 @@ namespace {
 struct Rule {
     unsigned long long nth = 0;  // 0: every call
     DWORD error = 0;
+    bool kill = false;  // the process dies at the call instead
     unsigned long long calls = 0;
 };
 
@@ -42,12 +45,16 @@ bool ParseRule(std::string_view text, Rule* rule) {
     }
     const std::string_view count = text.substr(0, colon);
     const std::string_view error = text.substr(colon + 1);
+    rule->kill = error == "kill";
     if (count != "*") {
         const auto [end, ec] =
             std::from_chars(count.data(), count.data() + count.size(), rule->nth);
         if (ec != std::errc() || end != count.data() + count.size() || rule->nth == 0) {
             return false;
         }
+    }
+    if (rule->kill) {
+        return true;
     }
     const auto [end, ec] = std::from_chars(error.data(), error.data() + error.size(), rule->error);
     return ec == std::errc() && end == error.data() + error.size();
@@ -97,6 +104,10 @@ bool Inject(std::string_view operation) {
     ++rule.calls;
     if (rule.nth != 0 && rule.calls != rule.nth) {
         return false;
+    }
+    if (rule.kill) {
+        // A crash at this very call, before it changes anything.
+        ::kill(::getpid(), SIGKILL);
     }
     SetLastError(rule.error);
     return true;

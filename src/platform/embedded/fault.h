@@ -4,6 +4,8 @@
 //
 //   fault.<Operation>=<N>:<error>   the Nth call (from 1) fails
 //   fault.<Operation>=*:<error>     every call fails
+//   fault.<Operation>=<N>:kill      the process is killed (SIGKILL) at the Nth
+//                                   call, before it changes anything
 //
 // Calls are counted per process from the moment the process first sees the
 // setting; a change of machine.conf starts the counts again. Operations are

@@ -14,9 +14,13 @@
 // machine.conf keys:
 //   global_namespace=0        "Global\" object names are unavailable
 //   os_version=MAJOR.MINOR.BUILD   what GetVersionExW reports (default 6.1.7601)
+//   wtsapi32=0, wtsapi32_missing=A,B, winspool_missing=A,B
+//                             libraries and exports missing (platform/library.h)
 //   fault.<Operation>=N:E     the Nth call (from 1) of the platform operation
 //                             fails with error E ("*:E": every call); calls are
 //                             counted per process since it first saw the line.
+//                             "N:kill" kills the process (SIGKILL) at that call
+//                             instead, before it changes anything: a crash.
 //                             Operations: OpenPrinterW, GetPrinterW, SetPrinterW,
 //                             AddPrinterW, DeletePrinter, EnumPrintersW,
 //                             SetPrinterDataW, AddPrinterDriverW,
