@@ -1,12 +1,15 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build needs, when any is missing.
 # With --windows: what the Windows cross build and its Wine test run need.
+# With --fuzz: clang and its sanitizer and libFuzzer runtimes (preset "fuzz").
 set -euo pipefail
 packages=(build-essential cmake pkg-config libsqlite3-dev zlib1g-dev
           libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev)
 if [ "${1:-}" = "--windows" ]; then
   packages=(cmake python3 libcli11-dev g++-mingw-w64-x86-64-posix binutils-mingw-w64-x86-64
             libz-mingw-w64-dev googletest wine64 wine)
+elif [ "${1:-}" = "--fuzz" ]; then
+  packages+=(clang-14 libclang-rt-14-dev)
 fi
 missing=()
 for p in "${packages[@]}"; do
