@@ -13,7 +13,8 @@
 // and 99th percentile; a release of a session's printers counts per
 // printer), and the service's time per created printer (wall time of the
 // create phase over the printers, since the service handles one request at
-// a time) with its growth against the first size.
+// a time, and likewise for the release phase) with the create cost's growth
+// against the first size.
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -260,9 +261,9 @@ int main(int argc, char** argv) {
     const Options o = Parse(argc, argv);
     std::printf("%d printers per session, %d client processes, %d session(s) per user\n",
                 o.printers, o.clients, o.shared);
-    std::printf("%-9s %-9s %-10s %-12s %-12s %-13s %-13s %-12s %s\n", "sessions", "printers",
-                "printers/s", "create ms", "create p99", "release ms", "release p99", "ms/printer",
-                "vs first");
+    std::printf("%-9s %-9s %-10s %-10s %-11s %-11s %-12s %-11s %-11s %s\n", "sessions", "printers",
+                "printers/s", "create ms", "create p99", "release ms", "release p99", "create/ptr",
+                "release/ptr", "vs first");
     double first = 0;
     int failed = 0;
     for (int sessions : o.sessions) {
@@ -287,11 +288,11 @@ int main(int argc, char** argv) {
         if (first == 0) {
             first = perPrinter;
         }
-        std::printf("%-9d %-9.0f %-10.0f %-12.2f %-12.2f %-13.3f %-13.3f %-12.3f %.2fx%s\n",
+        std::printf("%-9d %-9.0f %-10.0f %-10.2f %-11.2f %-11.3f %-12.3f %-11.3f %-11.3f %.2fx%s\n",
                     sessions, printers, printers / (r.createWall > 0 ? r.createWall : 1),
                     Mean(l.create), P99(l.create), Mean(l.releasePerPrinter),
-                    P99(l.releasePerPrinter), perPrinter, perPrinter / first,
-                    r.failedClients != 0 ? "  (failures!)" : "");
+                    P99(l.releasePerPrinter), perPrinter, r.releaseWall * 1e3 / printers,
+                    perPrinter / first, r.failedClients != 0 ? "  (failures!)" : "");
         failed += r.failedClients;
         std::filesystem::remove_all(root);
     }
