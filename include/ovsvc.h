@@ -60,7 +60,17 @@ typedef struct OVWLX_NOTIFICATION_INFO {
 typedef int32_t OVHRESULT;
 
 /* Service side: runs the service loop on the calling thread until the
- * service stops; returns 0. `statusHandle` may be null (console mode). */
+ * service stops; returns 0. `statusHandle` may be null (console mode);
+ * otherwise the loop reports running through it once it serves requests.
+ * On return `status` says why the loop ended: dwCurrentState is
+ * SERVICE_STOPPED (1) and dwWin32ExitCode 0 when the service was asked to
+ * stop; otherwise a Windows error: 1056 (ERROR_SERVICE_ALREADY_RUNNING) when
+ * another service instance owns the request channel, the error of a request
+ * event that could not be created, or 1066 (ERROR_SERVICE_SPECIFIC_ERROR)
+ * with one of these in dwServiceSpecificExitCode: */
+#define OVSVC_EXIT_TRANSLATION_TABLE 1 /* the translation table could not be loaded */
+#define OVSVC_EXIT_NO_SHARED_AREA 2    /* the shared request area does not exist */
+#define OVSVC_EXIT_WAIT_FAILED 3       /* a wait of the loop failed */
 OVSVC_API int32_t OVSVC_CALL OVADLLRunMain(void* statusHandle, OVSERVICE_STATUS* status);
 /* Called by the service's control handler: asks the loop to stop. */
 OVSVC_API void OVSVC_CALL OVADLLServiceStoped(void);

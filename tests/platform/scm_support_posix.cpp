@@ -1,6 +1,7 @@
 // Service-control tests on the embedded machine: its one service runs the
 // program machine.conf names, and its process is an ordinary POSIX process.
 #include <signal.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -23,10 +24,14 @@ namespace scmtest {
 
 namespace {
 
-// The service program: "plain" runs until a signal ends it, reporting
+// The service program: "plain" reports running at once, as a Windows
+// service must ("prompt"); "silent" runs until a signal ends it, reporting
 // nothing; "reporting" reports its steps (RunReportingService).
 OVTEST_CHILD(fake_service) {
     if (args.empty() || args[0] == "plain") {
+        return RunPromptService();
+    }
+    if (args[0] == "silent") {
         for (;;) {
             std::this_thread::sleep_for(std::chrono::seconds(1));
         }
@@ -60,7 +65,13 @@ void RemoveService(const std::string& root, const std::u16string&) {
 }
 
 bool ProcessAlive(std::uint32_t pid) {
-    return pid > 0 && kill(static_cast<pid_t>(pid), 0) == 0;
+    // A service process this test started and that has ended is collected
+    // here; otherwise it would linger as a zombie that kill() still finds.
+    if (pid == 0) {
+        return false;
+    }
+    waitpid(static_cast<pid_t>(pid), nullptr, WNOHANG);
+    return kill(static_cast<pid_t>(pid), 0) == 0;
 }
 
 void KillProcess(std::uint32_t pid) {
@@ -97,11 +108,27 @@ TEST_F(ServiceControl, AStalePidOfAnotherProcessIsNotTheService) {
     EXPECT_TRUE(Start("plain"));
 }
 
-TEST_F(ServiceControl, AServiceThatReportsNothingReadsRunningWhileItsProcessRuns) {
-    ASSERT_TRUE(Start("plain"));
-    EXPECT_EQ(Query().dwCurrentState, SERVICE_RUNNING);
+TEST_F(ServiceControl, AServiceThatReportsNothingStaysStartPendingUntilItEnds) {
+    ASSERT_TRUE(Start("silent"));
+    const SERVICE_STATUS pending = Query();
+    EXPECT_EQ(pending.dwCurrentState, SERVICE_START_PENDING);
+    EXPECT_GT(pending.dwWaitHint, 0u);
     KillProcess(ServicePid());
-    EXPECT_EQ(WaitFor(SERVICE_STOPPED).dwCurrentState, SERVICE_STOPPED);
+    const SERVICE_STATUS stopped = WaitFor(SERVICE_STOPPED);
+    EXPECT_EQ(stopped.dwCurrentState, SERVICE_STOPPED);
+    EXPECT_EQ(stopped.dwWin32ExitCode, ERROR_PROCESS_ABORTED);
+}
+
+// A program run by hand is not the service: it cannot take the service's
+// place in service control, whether or not the service runs.
+TEST_F(ServiceControl, OnlyTheStartedProcessMayRegisterAsTheService) {
+    SetLastError(0xDEADBEEF);
+    EXPECT_EQ(RegisterServiceCtrlHandlerW(u"OvaspoolSvc", [](DWORD) {}), nullptr);
+    EXPECT_EQ(GetLastError(), ERROR_FAILED_SERVICE_CONTROLLER_CONNECT);
+    ASSERT_TRUE(Start("plain"));
+    ASSERT_EQ(WaitFor(SERVICE_RUNNING).dwCurrentState, SERVICE_RUNNING);
+    EXPECT_EQ(RegisterServiceCtrlHandlerW(u"OvaspoolSvc", [](DWORD) {}), nullptr);
+    EXPECT_EQ(Query().dwCurrentState, SERVICE_RUNNING);
 }
 
 }  // namespace

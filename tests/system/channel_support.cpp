@@ -36,6 +36,18 @@ void SetProductString(const std::u16string& name, const std::u16string& value) {
              static_cast<platform::DWORD>((value.size() + 1) * 2));
 }
 
+void SetEchoTranslation() {
+    std::u16string multi;
+    for (const std::u16string line : {u"IP,Client,Driver,Printer,Class,T1,T2,T4,T8,Template,Flag",
+                                      u"*,*,*,*,*,true,true,true,true,%LCPRN%-T,"}) {
+        multi += line;
+        multi.push_back(u'\0');
+    }
+    multi.push_back(u'\0');
+    SetValue(u"NameTranslationEx", platform::REG_MULTI_SZ, multi.data(),
+             static_cast<platform::DWORD>(multi.size() * 2));
+}
+
 std::string EnableTrace(const std::string& root, std::uint32_t level) {
     const std::string path = root + "/trace.log";
     SetProductDword(u"DebugLevel", level);

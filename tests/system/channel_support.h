@@ -30,6 +30,9 @@ void ResetProductKey();
 // Sets a REG_DWORD / REG_SZ value of the product key.
 void SetProductDword(const std::u16string& name, std::uint32_t value);
 void SetProductString(const std::u16string& name, const std::u16string& value);
+// Sets a translation table of one rule that answers every client printer
+// with the template "<printer name>-T", so that a reply names its request.
+void SetEchoTranslation();
 
 // Turns tracing on into <root>/trace.log and returns that path.
 std::string EnableTrace(const std::string& root, std::uint32_t level = 0xFF);

@@ -164,9 +164,12 @@ TEST_F(TranslationSystemTest, FaultyListFailsReloadAndIsStoredCorrected) {
 
 TEST_F(TranslationSystemTest, FaultyListAtStartEndsTheServiceUntilCorrected) {
     ImportList({",,,,,,,,,,", "*,*,*,*,*,true,true,true,true,Kept,", "broken line"});
-    // The load at start fails: the service loop returns without serving.
+    // The load at start fails: the service loop returns without serving,
+    // and the host says so.
     ovtest::Process first = channeltest::StartServiceHost();
-    EXPECT_EQ(first.Wait(20s), 0) << first.output();
+    EXPECT_EQ(first.Wait(20s), 1) << first.output();
+    EXPECT_NE(first.output().find("the translation table could not be loaded"), std::string::npos)
+        << first.output();
     // The load stored the list corrected, so the next start succeeds.
     StartService();
     EXPECT_EQ(Translate("10.1.1.1", "lp1"), "result=1\nt0=[Kept]\n");

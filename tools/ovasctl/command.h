@@ -21,6 +21,13 @@ struct AddCommands {
 // The exit code main() returns after the chosen command ran.
 int& ExitCode();
 
+// When the machine root cannot be used, the sentence that says so ("machine
+// root <path> is read-only"): a failure then most likely comes from it, so
+// error messages show it instead of the error's own text. Empty when the
+// root is fine. A failed command that did not ask gets it from main() as a
+// last line.
+std::string RootProblem();
+
 std::u16string Utf16(std::string_view text);
 std::string Utf8(std::u16string_view text);
 

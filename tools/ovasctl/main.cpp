@@ -1,6 +1,9 @@
 // ovasctl: administration of an embedded OVSvc machine.
 #include "command.h"
 
+#include <iostream>
+
+#include "platform/machine.h"
 #include "platform/text.h"
 
 namespace ovasctl {
@@ -13,6 +16,15 @@ std::vector<Installer>& Installers() {
 int& ExitCode() {
     static int code = 0;
     return code;
+}
+
+namespace {
+bool g_rootProblemShown = false;
+}  // namespace
+
+std::string RootProblem() {
+    g_rootProblemShown = true;
+    return platform::machine::RootProblem();
 }
 
 std::u16string Utf16(std::string_view text) {
@@ -66,5 +78,10 @@ int main(int argc, char** argv) {
         installer(app);
     }
     CLI11_PARSE(app, argc, argv);
+    if (ovasctl::ExitCode() != 0 && !ovasctl::g_rootProblemShown) {
+        if (const std::string problem = ovasctl::RootProblem(); !problem.empty()) {
+            std::cerr << "ovasctl: " << problem << "\n";
+        }
+    }
     return ovasctl::ExitCode();
 }

@@ -71,7 +71,9 @@ int Fail(const std::string& command, const std::string& what) {
 }
 
 int FailCode(const std::string& command, const std::string& what, DWORD error) {
-    return Fail(command, what + ": " + ErrorName(error) + " (error " + std::to_string(error) + ")");
+    const std::string problem = RootProblem();
+    return Fail(command, what + ": " + (problem.empty() ? ErrorName(error) : problem) + " (error " +
+                             std::to_string(error) + ")");
 }
 
 std::u16string Chars(const std::vector<std::byte>& data) {

@@ -1,4 +1,5 @@
 // ovasctl service: start, stop and query OvaspoolSvc through service control.
+#include <algorithm>
 #include <cstdio>
 #include <iostream>
 #include <memory>
@@ -38,30 +39,64 @@ const char* ErrorText(DWORD error) {
             return "the service is already running";
         case ERROR_SERVICE_NOT_ACTIVE:
             return "the service is not running";
+        case ERROR_SERVICE_REQUEST_TIMEOUT:
+            return "the service did not report running in time";
         default:
             return "";
     }
 }
 
-int Fail(const char* what, DWORD error) {
-    std::cerr << "ovasctl: " << what << " failed: error " << error << " " << ErrorText(error)
-              << "\n";
+int Fail(const std::string& what, DWORD error) {
+    const std::string problem = RootProblem();
+    std::cerr << "ovasctl: " << what << " failed: error " << error << " "
+              << (problem.empty() ? ErrorText(error) : problem) << "\n";
     return 1;
+}
+
+// Why a service stopped, from its exit code.
+std::string ExitText(const SERVICE_STATUS& status) {
+    switch (status.dwWin32ExitCode) {
+        case ERROR_SERVICE_ALREADY_RUNNING:
+            return "another instance of the service is already running";
+        case ERROR_PROCESS_ABORTED:
+            return "its process ended without reporting why";
+        case ERROR_SERVICE_SPECIFIC_ERROR:
+            return "service-specific error " + std::to_string(status.dwServiceSpecificExitCode) +
+                   "; its log says more";
+        default:
+            return "see the service's log";
+    }
+}
+
+// Waits while the service reads start pending, as long as its wait hint
+// allows (at least 30 s); the status then.
+SERVICE_STATUS WaitWhileStarting(SC_HANDLE service) {
+    SERVICE_STATUS status;
+    QueryServiceStatus(service, &status);
+    const std::uint64_t deadline = GetTickCount64() + std::max<DWORD>(status.dwWaitHint, 30000);
+    while (status.dwCurrentState == SERVICE_START_PENDING && GetTickCount64() < deadline) {
+        Sleep(20);
+        if (!QueryServiceStatus(service, &status)) {
+            break;
+        }
+    }
+    return status;
 }
 
 void Print(const SERVICE_STATUS& status, bool json) {
     if (json) {
         std::printf(
             "{\"service\":\"OvaspoolSvc\",\"state\":\"%s\",\"stateCode\":%u,\"checkPoint\":%u,"
-            "\"waitHint\":%u,\"exitCode\":%u}\n",
+            "\"waitHint\":%u,\"exitCode\":%u,\"serviceExitCode\":%u}\n",
             StateText(status.dwCurrentState), status.dwCurrentState, status.dwCheckPoint,
-            status.dwWaitHint, status.dwWin32ExitCode);
+            status.dwWaitHint, status.dwWin32ExitCode, status.dwServiceSpecificExitCode);
         return;
     }
     std::printf("SERVICE_NAME: OvaspoolSvc\n");
     std::printf("        STATE              : %u  %s\n", status.dwCurrentState,
                 StateText(status.dwCurrentState));
     std::printf("        WIN32_EXIT_CODE    : %u\n", status.dwWin32ExitCode);
+    std::printf("        SERVICE_EXIT_CODE  : %u\n", status.dwServiceSpecificExitCode);
     std::printf("        CHECKPOINT         : %u\n", status.dwCheckPoint);
     std::printf("        WAIT_HINT          : %u\n", status.dwWaitHint);
 }
@@ -93,9 +128,17 @@ void InstallServiceCommands(CLI::App& app) {
             ExitCode() = Fail("start", GetLastError());
             return;
         }
-        SERVICE_STATUS status;
-        QueryServiceStatus(svc.get(), &status);
+        // Started is not running: the service says so itself once it serves,
+        // or stops and says why.
+        const SERVICE_STATUS status = WaitWhileStarting(svc.get());
         Print(status, *json);
+        if (status.dwCurrentState == SERVICE_STOPPED) {
+            std::cerr << "ovasctl: start failed: the service stopped: exit code "
+                      << status.dwWin32ExitCode << " (" << ExitText(status) << ")\n";
+            ExitCode() = 1;
+        } else if (status.dwCurrentState == SERVICE_START_PENDING) {
+            ExitCode() = Fail("start", ERROR_SERVICE_REQUEST_TIMEOUT);
+        }
     });
 
     auto* stop = service->add_subcommand("stop", "stop the service");

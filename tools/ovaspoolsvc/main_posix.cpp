@@ -1,15 +1,55 @@
 // ovaspoolsvc: the service host. Runs the module's service loop on the main
-// thread until SIGTERM or SIGINT, which ask the loop to stop; exits 0.
+// thread until SIGTERM or SIGINT, which ask the loop to stop.
+//
+// Started by service control it is the service OvaspoolSvc: it reports
+// start pending, the loop reports running once it serves, and the host
+// reports stopped with the loop's reason. Started any other way it runs in
+// the foreground and reports nothing. Exits 0 after a stop; when the loop
+// refuses to run (another instance serves, the machine root is unusable)
+// or fails, prints one line saying why on stderr and exits 1.
 #include <pthread.h>
 #include <signal.h>
 
 #include <cstdio>
+#include <string>
 #include <thread>
 
 #include "ovsvc.h"
+#include "platform/machine.h"
 #include "platform/registry.h"
+#include "platform/scm.h"
 
 namespace {
+
+platform::SERVICE_STATUS_HANDLE g_statusHandle = nullptr;
+
+void Report(platform::DWORD state, const OVSERVICE_STATUS* end = nullptr) {
+    if (g_statusHandle == nullptr) {
+        return;
+    }
+    platform::SERVICE_STATUS status;
+    status.dwCurrentState = state;
+    if (state == platform::SERVICE_START_PENDING || state == platform::SERVICE_STOP_PENDING) {
+        status.dwCheckPoint = 1;
+        status.dwWaitHint = 30000;
+    }
+    if (end != nullptr) {
+        status.dwWin32ExitCode = end->dwWin32ExitCode;
+        status.dwServiceSpecificExitCode = end->dwServiceSpecificExitCode;
+    }
+    platform::SetServiceStatus(g_statusHandle, &status);
+}
+
+void RequestStop() {
+    Report(platform::SERVICE_STOP_PENDING);
+    OVADLLServiceStoped();
+}
+
+void OnControl(platform::DWORD control) {
+    if (control == platform::SERVICE_CONTROL_STOP) {
+        RequestStop();
+    }
+}
 
 // Waits for a stop signal on its own thread, so the stop request runs in an
 // ordinary context rather than inside a signal handler.
@@ -22,7 +62,7 @@ void WaitForStopSignal(sigset_t signals) {
         if (received == SIGUSR1) {
             return;  // the loop ended by itself
         }
-        OVADLLServiceStoped();
+        RequestStop();
     }
 }
 
@@ -35,10 +75,32 @@ void EnsureProductKey() {
                               platform::KEY_ALL_ACCESS, &key, nullptr);
 }
 
+// Why the loop ended, when it was not asked to stop.
+std::string Reason(const OVSERVICE_STATUS& status) {
+    constexpr std::uint32_t kAlreadyRunning = 1056;
+    constexpr std::uint32_t kServiceSpecific = 1066;
+    if (status.dwWin32ExitCode == kAlreadyRunning) {
+        return "another instance of the service is already running";
+    }
+    if (status.dwWin32ExitCode == kServiceSpecific) {
+        switch (status.dwServiceSpecificExitCode) {
+            case OVSVC_EXIT_TRANSLATION_TABLE:
+                return "the translation table could not be loaded";
+            case OVSVC_EXIT_NO_SHARED_AREA:
+                return "the shared request area could not be created";
+            case OVSVC_EXIT_WAIT_FAILED:
+                return "waiting for requests failed";
+            default:
+                return "service-specific error " + std::to_string(status.dwServiceSpecificExitCode);
+        }
+    }
+    return "the request events could not be created (error " +
+           std::to_string(status.dwWin32ExitCode) + ")";
+}
+
 }  // namespace
 
 int main() {
-    EnsureProductKey();
     sigset_t signals;
     sigemptyset(&signals);
     sigaddset(&signals, SIGTERM);
@@ -46,12 +108,29 @@ int main() {
     sigaddset(&signals, SIGUSR1);
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
+    // Refused unless service control started this process.
+    g_statusHandle = platform::RegisterServiceCtrlHandlerW(u"OvaspoolSvc", &OnControl);
+    Report(platform::SERVICE_START_PENDING);
+    EnsureProductKey();
+
     std::thread stopper(WaitForStopSignal, signals);
     OVSERVICE_STATUS status{};
-    status.dwServiceType = 0x10;  // a service in its own process
-    status.dwCurrentState = 2;    // start pending
-    OVADLLRunMain(nullptr, &status);
+    status.dwServiceType = platform::SERVICE_WIN32_OWN_PROCESS;
+    status.dwCurrentState = platform::SERVICE_START_PENDING;
+    OVADLLRunMain(g_statusHandle, &status);
     pthread_kill(stopper.native_handle(), SIGUSR1);
     stopper.join();
-    return 0;
+
+    if (status.dwWin32ExitCode == 0) {
+        Report(platform::SERVICE_STOPPED, &status);
+        return 0;
+    }
+    std::string line = "ovaspoolsvc: the service cannot run: " + Reason(status);
+    if (const std::string problem = platform::machine::RootProblem(); !problem.empty()) {
+        line += " (" + problem + ")";
+    }
+    std::fprintf(stderr, "%s\n", line.c_str());
+    std::fflush(stderr);
+    Report(platform::SERVICE_STOPPED, &status);
+    return 1;
 }

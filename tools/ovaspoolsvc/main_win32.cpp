@@ -5,7 +5,10 @@
 // the module's stop request, and the host reports running and stopped.
 // Started from a console (or with --console) it runs the same loop in the
 // foreground until Ctrl+C, Ctrl+Break, or until another program sets the
-// event "Local\ovaspoolsvc-stop-<pid>"; it exits 0.
+// event "Local\ovaspoolsvc-stop-<pid>"; it exits 0. When the loop refuses
+// to run (another instance serves) or fails, the service reports stopped
+// with the loop's error, and in the foreground the host prints one line
+// saying why and exits 1.
 #ifndef WIN32_LEAN_AND_MEAN
 #define WIN32_LEAN_AND_MEAN
 #endif
@@ -24,12 +27,13 @@ wchar_t g_serviceName[] = L"OvaspoolSvc";
 SERVICE_STATUS_HANDLE g_statusHandle = nullptr;
 SERVICE_STATUS g_status{};
 
-void ReportState(DWORD state, DWORD waitHint) {
+void ReportState(DWORD state, DWORD waitHint, const OVSERVICE_STATUS* end = nullptr) {
     g_status.dwServiceType = SERVICE_WIN32_OWN_PROCESS;
     g_status.dwCurrentState = state;
     g_status.dwControlsAccepted =
         state == SERVICE_RUNNING ? SERVICE_ACCEPT_STOP | SERVICE_ACCEPT_SHUTDOWN : 0;
-    g_status.dwWin32ExitCode = NO_ERROR;
+    g_status.dwWin32ExitCode = end != nullptr ? end->dwWin32ExitCode : NO_ERROR;
+    g_status.dwServiceSpecificExitCode = end != nullptr ? end->dwServiceSpecificExitCode : 0;
     g_status.dwWaitHint = waitHint;
     g_status.dwCheckPoint =
         state == SERVICE_RUNNING || state == SERVICE_STOPPED ? 0 : g_status.dwCheckPoint + 1;
@@ -60,11 +64,35 @@ void EnsureProductKey() {
     }
 }
 
-void RunLoop(void* statusHandle) {
+// Runs the loop; the record says why it ended (ovsvc.h). With a status
+// handle the loop itself reports running once it serves.
+OVSERVICE_STATUS RunLoop(void* statusHandle) {
     OVSERVICE_STATUS status{};
     status.dwServiceType = SERVICE_WIN32_OWN_PROCESS;
     status.dwCurrentState = SERVICE_START_PENDING;
     OVADLLRunMain(statusHandle, &status);
+    return status;
+}
+
+// Why the loop ended, when it was not asked to stop.
+std::string Reason(const OVSERVICE_STATUS& status) {
+    if (status.dwWin32ExitCode == ERROR_SERVICE_ALREADY_RUNNING) {
+        return "another instance of the service is already running";
+    }
+    if (status.dwWin32ExitCode == ERROR_SERVICE_SPECIFIC_ERROR) {
+        switch (status.dwServiceSpecificExitCode) {
+            case OVSVC_EXIT_TRANSLATION_TABLE:
+                return "the translation table could not be loaded";
+            case OVSVC_EXIT_NO_SHARED_AREA:
+                return "the shared request area could not be created";
+            case OVSVC_EXIT_WAIT_FAILED:
+                return "waiting for requests failed";
+            default:
+                return "service-specific error " + std::to_string(status.dwServiceSpecificExitCode);
+        }
+    }
+    return "the request events could not be created (error " +
+           std::to_string(status.dwWin32ExitCode) + ")";
 }
 
 void WINAPI ServiceMain(DWORD, LPWSTR*) {
@@ -72,10 +100,10 @@ void WINAPI ServiceMain(DWORD, LPWSTR*) {
     if (g_statusHandle == nullptr) {
         return;
     }
+    ReportState(SERVICE_START_PENDING, 30000);
     EnsureProductKey();
-    ReportState(SERVICE_RUNNING, 0);
-    RunLoop(g_statusHandle);
-    ReportState(SERVICE_STOPPED, 0);
+    const OVSERVICE_STATUS end = RunLoop(g_statusHandle);
+    ReportState(SERVICE_STOPPED, 0, &end);
 }
 
 BOOL WINAPI ConsoleHandler(DWORD event) {
@@ -99,11 +127,15 @@ int RunConsole() {
             OVADLLServiceStoped();
         }
     });
-    RunLoop(nullptr);
+    const OVSERVICE_STATUS end = RunLoop(nullptr);
     SetEvent(loopEnded);
     stopper.join();
     CloseHandle(loopEnded);
     CloseHandle(stopEvent);
+    if (end.dwWin32ExitCode != NO_ERROR) {
+        std::fprintf(stderr, "ovaspoolsvc: the service cannot run: %s\n", Reason(end).c_str());
+        return 1;
+    }
     return 0;
 }
 

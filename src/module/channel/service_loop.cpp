@@ -9,6 +9,7 @@
 #include "common/module_state.h"
 #include "ovsvc.h"
 #include "platform/kernel.h"
+#include "platform/scm.h"
 #include "res/resources.h"
 #include "trace/trace.h"
 
@@ -16,8 +17,21 @@ namespace ovsvc {
 
 namespace {
 
+constexpr std::uint32_t kServiceStopped = 1;
 constexpr std::uint32_t kServiceRunning = 4;
 constexpr std::uint32_t kAcceptStopAndShutdown = 5;
+constexpr std::uint32_t kErrorServiceAlreadyRunning = 1056;
+constexpr std::uint32_t kErrorServiceSpecific = 1066;
+
+// Why the loop ended, for the status record its host reads afterwards.
+struct LoopEnd {
+    std::uint32_t error = 0;     // a Windows error, 0 after a stop request
+    std::uint32_t specific = 0;  // with kErrorServiceSpecific: OVSVC_EXIT_...
+};
+
+constexpr LoopEnd Specific(std::uint32_t code) {
+    return {kErrorServiceSpecific, code};
+}
 
 // String-table entries of the event-log reports.
 constexpr unsigned kMsgCantCreateEvent = 104;
@@ -28,13 +42,43 @@ void Report(unsigned message, std::uint16_t type, unsigned location) {
     ReportServiceEvent(LoadOwnString(message), type, location);
 }
 
-void ReportRunning(OVSERVICE_STATUS* status) {
+void ReportRunning(void* statusHandle, OVSERVICE_STATUS* status) {
     if (status == nullptr) {
         return;
     }
     status->dwCurrentState = kServiceRunning;
     status->dwControlsAccepted = kAcceptStopAndShutdown;
     status->dwWin32ExitCode = 0;
+    status->dwServiceSpecificExitCode = 0;
+    status->dwCheckPoint = 0;
+    status->dwWaitHint = 0;
+    if (statusHandle == nullptr) {
+        return;  // in the foreground nobody asks for the state
+    }
+    platform::SERVICE_STATUS report;
+    report.dwServiceType = status->dwServiceType;
+    report.dwCurrentState = status->dwCurrentState;
+    report.dwControlsAccepted = status->dwControlsAccepted;
+    report.dwWin32ExitCode = status->dwWin32ExitCode;
+    report.dwServiceSpecificExitCode = status->dwServiceSpecificExitCode;
+    report.dwCheckPoint = status->dwCheckPoint;
+    report.dwWaitHint = status->dwWaitHint;
+    if (!platform::SetServiceStatus(static_cast<platform::SERVICE_STATUS_HANDLE>(statusHandle),
+                                    &report)) {
+        OVTRACE(WRN | MAIN, "SetServiceStatus(RUNNING) failed (%d)", platform::GetLastError());
+    }
+}
+
+// Leaves the reason in the record; the host reports the stopped state once
+// it has cleaned up.
+void RecordEnd(OVSERVICE_STATUS* status, LoopEnd end) {
+    if (status == nullptr) {
+        return;
+    }
+    status->dwCurrentState = kServiceStopped;
+    status->dwControlsAccepted = 0;
+    status->dwWin32ExitCode = end.error;
+    status->dwServiceSpecificExitCode = end.specific;
     status->dwCheckPoint = 0;
     status->dwWaitHint = 0;
 }
@@ -43,54 +87,68 @@ class Loop {
   public:
     explicit Loop(SHM* area) : area_(area) {}
 
-    // Creates the four events; false (reported) when one cannot be made or
-    // another service owns them already.
-    bool CreateEvents() {
+    // Creates the four events and, once this process owns the channel,
+    // starts the tickets afresh. Fails (reported) when an event cannot be
+    // made or another service owns them already.
+    LoopEnd CreateEvents() {
         const platform::SecurityAttributes attributes{.nullDacl = true, .inheritHandle = true};
         req1_ = platform::CreateEventW(&attributes, true, false, Names().req1);
         if (!req1_) {
-            OVTRACE(ERR | MAIN, "couldn't create 'OVReq1' (%d)!", platform::GetLastError());
+            const platform::DWORD error = platform::GetLastError();
+            OVTRACE(ERR | MAIN, "couldn't create 'OVReq1' (%d)!", error);
             Report(kMsgCantCreateEvent, kEventError, 7);
-            return false;
+            return {error};
         }
         if (platform::GetLastError() == platform::ERROR_ALREADY_EXISTS) {
             OVTRACE(ERR | MAIN, "Event 'OVReq1' already exists!");
             Report(kMsgCantCreateEvent, kEventError, 7);
             req1_.reset();
-            return false;
+            return {kErrorServiceAlreadyRunning};
         }
+        // Deliberately later than the classic order, which resets the
+        // counters before it tries OVReq1: a second instance that finds
+        // OVReq1 taken would by then have pulled the tickets from under the
+        // running service's waiting clients (they would all time out, or be
+        // handed other clients' replies). Only the instance that made OVReq1
+        // touches them.
+        platform::InterlockedExchange(&area_->Act, 0);
+        platform::InterlockedExchange(&area_->Next, -1);
         req2_ = platform::CreateEventW(&attributes, false, false, Names().req2);
         if (!req2_) {
-            OVTRACE(ERR | MAIN, "couldn't create 'OVReq2' (%d)!", platform::GetLastError());
+            const platform::DWORD error = platform::GetLastError();
+            OVTRACE(ERR | MAIN, "couldn't create 'OVReq2' (%d)!", error);
             Report(kMsgCantCreateEvent, kEventError, 8);
-            return false;
+            return {error};
         }
         req3_ = platform::CreateEventW(&attributes, false, false, Names().req3);
         if (!req3_) {
-            OVTRACE(ERR | MAIN, "couldn't create 'OVReq3' (%d)!", platform::GetLastError());
+            const platform::DWORD error = platform::GetLastError();
+            OVTRACE(ERR | MAIN, "couldn't create 'OVReq3' (%d)!", error);
             Report(kMsgCantCreateEvent, kEventError, 9);
-            return false;
+            return {error};
         }
         ack1_ = platform::CreateEventW(&attributes, true, false, Names().ack1);
         if (!ack1_) {
-            OVTRACE(ERR | MAIN, "couldn't create 'OVAck1' (%d)!", platform::GetLastError());
+            const platform::DWORD error = platform::GetLastError();
+            OVTRACE(ERR | MAIN, "couldn't create 'OVAck1' (%d)!", error);
             Report(kMsgCantCreateEvent, kEventError, 10);
-            return false;
+            return {error};
         }
-        return true;
+        return {};
     }
 
-    void Run(platform::DWORD timeout) {
+    // Serves tickets until the stop flag is seen (no error) or a wait fails.
+    LoopEnd Run(platform::DWORD timeout) {
         platform::DWORD wait = platform::WaitForSingleObject(req1_.get(), timeout);
         for (;;) {
             if (wait == platform::WAIT_FAILED) {
                 OVTRACE(ERR | MAIN, "didn't get OVReq1! Unexpected error during waiting!");
                 Report(kMsgWaitFailed, kEventError, 15);
-                return;
+                return Specific(OVSVC_EXIT_WAIT_FAILED);
             }
             if (wait == platform::WAIT_TIMEOUT) {
                 if (Stopping()) {
-                    return;
+                    return {};
                 }
                 wait = platform::WaitForSingleObject(req1_.get(), timeout);
                 continue;
@@ -98,10 +156,10 @@ class Loop {
             if (wait == platform::WAIT_OBJECT_0) {
                 OVTRACE(INF | MAIN, "got OVReq1! (Act: %lu Next: %lu)", Act(), Next());
                 if (Stopping()) {
-                    return;
+                    return {};
                 }
                 if (!ServeTurn(timeout)) {
-                    return;
+                    return waitFailed_ ? Specific(OVSVC_EXIT_WAIT_FAILED) : LoopEnd{};
                 }
             }
             Advance();
@@ -130,6 +188,7 @@ class Loop {
         if (wait == platform::WAIT_FAILED) {
             OVTRACE(ERR | MAIN, "didn't get OVReq2! Unexpected error during waiting!");
             Report(kMsgWaitFailed, kEventError, 14);
+            waitFailed_ = true;
             return false;
         }
         if (wait == platform::WAIT_TIMEOUT) {
@@ -173,6 +232,7 @@ class Loop {
         if (wait == platform::WAIT_FAILED) {
             OVTRACE(ERR | MAIN, "didn't get OVReq3! Unexpected error during waiting!");
             Report(kMsgWaitFailed, kEventError, 13);
+            waitFailed_ = true;
             return false;
         }
         if (wait == platform::WAIT_OBJECT_0) {
@@ -205,6 +265,7 @@ class Loop {
     }
 
     SHM* area_;
+    bool waitFailed_ = false;
     platform::UniqueEvent req1_;
     platform::UniqueEvent req2_;
     platform::UniqueEvent req3_;
@@ -213,36 +274,39 @@ class Loop {
 
 }  // namespace
 
-std::int32_t ServiceLoop(void* /*statusHandle*/, OVSERVICE_STATUS* status) {
+std::int32_t ServiceLoop(void* statusHandle, OVSERVICE_STATUS* status) {
     SHM* area = SharedArea();
     if (!LoadTranslationTableAtStart()) {
         OVTRACE(ERR | MAIN, "LoadTransationList() failed");
         OVTRACE(INF | MAIN, "Leaving OVADLLRunMain()!");
+        RecordEnd(status, Specific(OVSVC_EXIT_TRANSLATION_TABLE));
         return 0;
     }
     if (area == nullptr) {
         OVTRACE(ERR | MAIN, "no shared memory, the service cannot run");
         OVTRACE(INF | MAIN, "Leaving OVADLLRunMain()!");
+        RecordEnd(status, Specific(OVSVC_EXIT_NO_SHARED_AREA));
         return 0;
     }
     std::uint32_t timeout = kDefaultTimeOutService;
     ReadTimeOutValue(u"TimeOutService", kDefaultTimeOutService, &timeout);
-    platform::InterlockedExchange(&area->Act, 0);
-    platform::InterlockedExchange(&area->Next, -1);
     OVTRACE(INF | MAIN, "creating events OVReq1,2,3 und OVAck1,2...");
+    LoopEnd end;
     {
         Loop loop(area);
-        if (loop.CreateEvents()) {
+        end = loop.CreateEvents();
+        if (end.error == 0) {
             area->StopFlag = 0;
             fIsService = true;
             OVTRACE(INF | MAIN, "waiting for OVReq1... (Act: %lu Next: %lu)",
                     static_cast<std::uint32_t>(area->Act), static_cast<std::uint32_t>(area->Next));
-            ReportRunning(status);
+            ReportRunning(statusHandle, status);
             OVTRACE(INF | MAIN, "OVReq1 got");
-            loop.Run(timeout);
+            end = loop.Run(timeout);
         }
     }
     OVTRACE(INF | MAIN, "Leaving OVADLLRunMain()!");
+    RecordEnd(status, end);
     return 0;
 }
 

@@ -1,6 +1,10 @@
 #include "platform/machine.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
 
 #include <cstdlib>
 #include <filesystem>
@@ -40,6 +44,15 @@ State& state() {
     return *s;
 }
 
+// Creates the root if needed, with the folders a Windows machine always has.
+void Prepare(const std::string& root) {
+    std::error_code ec;
+    std::filesystem::create_directories(root + "/drive_c/Windows/Temp", ec);
+    if (ec) {
+        std::filesystem::create_directories(root, ec);
+    }
+}
+
 std::string ConfPath() {
     return Root() + "/machine.conf";
 }
@@ -51,10 +64,26 @@ const std::string& Root() {
     std::lock_guard lock(s.mutex);
     if (s.root.empty()) {
         s.root = DefaultRoot();
-        std::error_code ec;
-        std::filesystem::create_directories(s.root, ec);
+        Prepare(s.root);
     }
     return s.root;
+}
+
+std::string RootProblem() {
+    const std::string root = Root();
+    struct stat st {};
+    if (::stat(root.c_str(), &st) != 0) {
+        return "machine root " + root + " cannot be created: " + std::strerror(errno);
+    }
+    if (!S_ISDIR(st.st_mode)) {
+        return "machine root " + root + " is not a directory";
+    }
+    const std::string registry = root + "/registry.db";
+    if (::access(root.c_str(), W_OK) != 0 ||
+        (::access(registry.c_str(), F_OK) == 0 && ::access(registry.c_str(), W_OK) != 0)) {
+        return "machine root " + root + " is read-only";
+    }
+    return {};
 }
 
 void UseRoot(const std::string& path) {
@@ -70,8 +99,7 @@ void UseRoot(const std::string& path) {
     std::lock_guard lock(s.mutex);
     s.root = path;
     setenv("OVSVC_ROOT", path.c_str(), 1);  // children started later share the machine
-    std::error_code ec;
-    std::filesystem::create_directories(s.root, ec);
+    Prepare(s.root);
 }
 
 void OnRootChange(std::function<void()> hook) {

@@ -1,8 +1,11 @@
 #include "registry_store.h"
 
 #include <pthread.h>
+#include <unistd.h>
 
 #include <bit>
+#include <cctype>
+#include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <thread>
@@ -129,6 +132,8 @@ DWORD FromSqlite(int rc, bool writing) {
         case SQLITE_CORRUPT:
         case SQLITE_NOTADB:
             return ERROR_BADDB;
+        case SQLITE_READONLY:
+            return ERROR_ACCESS_DENIED;  // a registry that can only be read
         default:
             return writing ? ERROR_CANTWRITE : ERROR_CANTREAD;
     }
@@ -254,6 +259,41 @@ std::vector<std::pair<Statement*, const char*>> Store::StatementTable() {
     };
 }
 
+namespace {
+
+// The file name as an SQLite URI path: every byte but unreserved ones and
+// "/" percent-encoded.
+std::string UriPath(const std::string& path) {
+    static constexpr char kHex[] = "0123456789ABCDEF";
+    std::string out;
+    for (const char c : path) {
+        const auto u = static_cast<unsigned char>(c);
+        if (std::isalnum(u) != 0 || c == '/' || c == '-' || c == '_' || c == '.' || c == '~') {
+            out.push_back(c);
+        } else {
+            out += '%';
+            out += kHex[u >> 4];
+            out += kHex[u & 0xF];
+        }
+    }
+    return out;
+}
+
+// Whether a failed open or set-up was the file system refusing writes.
+bool WritesRefused(int rc) {
+    switch (rc & 0xFF) {
+        case SQLITE_READONLY:
+        case SQLITE_CANTOPEN:
+        case SQLITE_PERM:
+        case SQLITE_AUTH:
+            return true;
+        default:
+            return false;
+    }
+}
+
+}  // namespace
+
 DWORD Store::Open() {
     if (db_ != nullptr) {
         return ERROR_SUCCESS;
@@ -262,21 +302,78 @@ DWORD Store::Open() {
     int rc =
         sqlite3_open_v2(path.c_str(), &db_,
                         SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, nullptr);
-    if (rc != SQLITE_OK) {
-        const DWORD error = FromSqlite(rc, true);
+    int setUp = rc;
+    if (rc == SQLITE_OK) {
+        sqlite3_busy_timeout(db_, kBusyTimeoutMs);
+        setUp = Initialize();
+        if (setUp == SQLITE_OK) {
+            return ERROR_SUCCESS;
+        }
+        Close();
+    } else {
         sqlite3_close_v2(db_);
         db_ = nullptr;
-        return error == ERROR_CANTWRITE ? ERROR_CANTOPEN : error;
     }
-    sqlite3_busy_timeout(db_, kBusyTimeoutMs);
-    const DWORD error = Initialize();
-    if (error != ERROR_SUCCESS) {
-        Close();
+    if (WritesRefused(setUp)) {
+        // A machine root that cannot be written can still be read.
+        const DWORD error = OpenReadOnly(path);
+        if (error != ERROR_CANTOPEN) {
+            return error;
+        }
     }
-    return error;
+    const DWORD error = FromSqlite(setUp, true);
+    return error == ERROR_CANTWRITE ? ERROR_CANTOPEN : error;
 }
 
-DWORD Store::Initialize() {
+DWORD Store::OpenReadOnly(const std::string& path) {
+    constexpr int kFlags = SQLITE_OPEN_READONLY | SQLITE_OPEN_URI | SQLITE_OPEN_NOMUTEX;
+    const bool exists = ::access(path.c_str(), F_OK) == 0;
+    if (!exists && errno != ENOENT) {
+        return ERROR_CANTOPEN;  // the root is no directory, or cannot be searched
+    }
+    // A machine that has never been written has an empty registry; reading
+    // it finds nothing, as it would once made.
+    const std::string uris[] = {
+        "file:" + UriPath(path),
+        // The write-ahead log's index cannot be made beside a read-only file:
+        // taking the file as it stands (no journal, no locks) still reads it.
+        "file:" + UriPath(path) + "?immutable=1",
+    };
+    for (const std::string& uri : uris) {
+        int rc = exists ? sqlite3_open_v2(uri.c_str(), &db_, kFlags, nullptr)
+                        : sqlite3_open_v2(":memory:", &db_, SQLITE_OPEN_READWRITE, nullptr);
+        if (rc == SQLITE_OK) {
+            sqlite3_busy_timeout(db_, kBusyTimeoutMs);
+            rc = exists ? sqlite3_exec(db_, "SELECT count(*) FROM keys", nullptr, nullptr, nullptr)
+                        : Initialize();
+        }
+        if (rc == SQLITE_OK) {
+            rc = sqlite3_exec(db_, "PRAGMA query_only=1", nullptr, nullptr, nullptr);
+        }
+        if (rc == SQLITE_OK) {
+            rc = PrepareStatements();
+        }
+        if (rc == SQLITE_OK) {
+            return ERROR_SUCCESS;
+        }
+        Close();
+        if (!exists) {
+            return FromSqlite(rc, false);
+        }
+    }
+    return ERROR_CANTOPEN;
+}
+
+int Store::PrepareStatements() {
+    for (const auto& [stmt, sql] : StatementTable()) {
+        if (const int rc = stmt->Prepare(db_, sql); rc != SQLITE_OK) {
+            return rc;
+        }
+    }
+    return SQLITE_OK;
+}
+
+int Store::Initialize() {
     // Switching to WAL needs a moment alone with the file; others opening
     // the same fresh machine may hold it briefly.
     int rc = SQLITE_BUSY;
@@ -293,7 +390,7 @@ DWORD Store::Initialize() {
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
     if (rc != SQLITE_OK) {
-        return FromSqlite(rc, true);
+        return rc;
     }
     rc = sqlite3_exec(db_,
                       "PRAGMA synchronous=NORMAL;"
@@ -313,16 +410,14 @@ DWORD Store::Initialize() {
                       nullptr, nullptr, nullptr);
     if (rc != SQLITE_OK) {
         sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
-        return FromSqlite(rc, true);
+        return rc;
     }
-    for (const auto& [stmt, sql] : StatementTable()) {
-        rc = stmt->Prepare(db_, sql);
-        if (rc != SQLITE_OK) {
-            return FromSqlite(rc, false);
-        }
+    rc = PrepareStatements();
+    if (rc != SQLITE_OK) {
+        return rc;
     }
     KeyId classes = 0;
-    return ClassesRoot(&classes);
+    return ClassesRoot(&classes) == ERROR_SUCCESS ? SQLITE_OK : SQLITE_ERROR;
 }
 
 // The path cache stays valid while no key was deleted: this connection

@@ -142,7 +142,12 @@ class Store {
     // Closes the connection; with `abandon` (in a forked child, where the
     // parent's connection must not be used or closed) only forgets it.
     void Close(bool abandon = false);
-    DWORD Initialize();
+    // Creates the tables and prepares the statements: an SQLite result.
+    int Initialize();
+    int PrepareStatements();
+    // Opens the registry for reading only (the root cannot be written):
+    // writes then fail with ERROR_ACCESS_DENIED.
+    DWORD OpenReadOnly(const std::string& path);
     // Every prepared statement with its SQL.
     std::vector<std::pair<Statement*, const char*>> StatementTable();
     DWORD CheckCache();

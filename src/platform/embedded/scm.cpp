@@ -16,6 +16,7 @@
 #include <sstream>
 #include <thread>
 
+#include "native_error.h"
 #include "platform/machine.h"
 #include "platform/scm.h"
 #include "process_internal.h"
@@ -42,6 +43,7 @@ namespace {
 constexpr char kServiceName[] = "OvaspoolSvc";
 constexpr char kServiceProgram[] = "ovaspoolsvc";
 constexpr DWORD kStopWaitHint = 30000;
+constexpr DWORD kStartWaitHint = 30000;
 
 // Granted to every caller; anything else needs an administrator.
 constexpr DWORD kManagerUserRights =
@@ -137,14 +139,27 @@ bool ReadPidRecord(PidRecord* record) {
     return static_cast<bool>(in >> record->pid >> record->startTime) && record->pid > 0;
 }
 
-void WriteFileAtomically(const std::string& path, const std::string& text) {
+bool WriteFileAtomically(const std::string& path, const std::string& text) {
     const std::string tmp = path + ".tmp." + std::to_string(getpid());
     {
         std::ofstream out(tmp, std::ios::trunc);
         out << text;
+        out.flush();
+        if (!out) {
+            return false;
+        }
     }
     std::error_code ec;
     std::filesystem::rename(tmp, path, ec);
+    return !ec;
+}
+
+std::string StatusLine(pid_t pid, const SERVICE_STATUS& status) {
+    std::ostringstream text;
+    text << pid << ' ' << status.dwCurrentState << ' ' << status.dwCheckPoint << ' '
+         << status.dwWaitHint << ' ' << status.dwWin32ExitCode << ' ' << status.dwControlsAccepted
+         << ' ' << status.dwServiceSpecificExitCode << '\n';
+    return text.str();
 }
 
 bool IsAlive(const PidRecord& record) {
@@ -168,9 +183,12 @@ struct Reported {
 
 bool ReadReported(Reported* r) {
     std::ifstream in(ServiceFile(".status"));
-    return static_cast<bool>(in >> r->pid >> r->status.dwCurrentState >> r->status.dwCheckPoint >>
-                             r->status.dwWaitHint >> r->status.dwWin32ExitCode >>
-                             r->status.dwControlsAccepted);
+    if (!(in >> r->pid >> r->status.dwCurrentState >> r->status.dwCheckPoint >>
+          r->status.dwWaitHint >> r->status.dwWin32ExitCode >> r->status.dwControlsAccepted)) {
+        return false;
+    }
+    in >> r->status.dwServiceSpecificExitCode;  // absent from older records
+    return true;
 }
 
 struct StopRequest {
@@ -203,6 +221,7 @@ SERVICE_STATUS CurrentStatus() {
             status.dwWin32ExitCode = ERROR_SERVICE_NEVER_STARTED;
         } else if (hasReport && reported.status.dwCurrentState == SERVICE_STOPPED) {
             status.dwWin32ExitCode = reported.status.dwWin32ExitCode;
+            status.dwServiceSpecificExitCode = reported.status.dwServiceSpecificExitCode;
         } else if (recorded && !stopping) {
             status.dwWin32ExitCode = ERROR_PROCESS_ABORTED;  // ended without being stopped
         }
@@ -224,16 +243,21 @@ SERVICE_STATUS CurrentStatus() {
     return status;
 }
 
-// Serialises start and stop across the machine's processes.
+// Serialises start, stop and a service process's registration across the
+// machine's processes. Without a lock file (a root that cannot be written)
+// it holds nothing; error() tells why.
 class ControlLock {
   public:
     ControlLock() {
         fd_ = open(ServiceFile(".ctl").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-        if (fd_ >= 0) {
-            while (flock(fd_, LOCK_EX) != 0 && errno == EINTR) {
-            }
+        if (fd_ < 0) {
+            error_ = embedded::Win32ErrorFromErrno(errno);
+            return;
+        }
+        while (flock(fd_, LOCK_EX) != 0 && errno == EINTR) {
         }
     }
+    DWORD error() const { return error_; }
     ~ControlLock() {
         if (fd_ >= 0) {
             close(fd_);
@@ -244,6 +268,7 @@ class ControlLock {
 
   private:
     int fd_ = -1;
+    DWORD error_ = ERROR_SUCCESS;
 };
 
 ServiceObject* CheckService(SC_HANDLE service, DWORD needed) {
@@ -288,8 +313,20 @@ bool StartProcess(const std::vector<std::u16string>& arguments) {
         return false;
     }
     const unsigned long long start = ReadProcessState(pid).startTime;
-    WriteFileAtomically(ServiceFile(".pid"),
-                        std::to_string(pid) + " " + std::to_string(start) + "\n");
+    // As Windows' service control does, the service reads start pending
+    // until its process reports otherwise. (The process cannot report before
+    // this: it registers under the control lock its starter holds.)
+    SERVICE_STATUS pending;
+    pending.dwCurrentState = SERVICE_START_PENDING;
+    pending.dwWaitHint = kStartWaitHint;
+    if (!WriteFileAtomically(ServiceFile(".pid"),
+                             std::to_string(pid) + " " + std::to_string(start) + "\n") ||
+        !WriteFileAtomically(ServiceFile(".status"), StatusLine(pid, pending))) {
+        const DWORD error = embedded::Win32ErrorFromErrno(errno);
+        kill(pid, SIGKILL);  // a service nobody could find or stop
+        SetLastError(error != ERROR_SUCCESS ? error : ERROR_ACCESS_DENIED);
+        return false;
+    }
     return true;
 }
 
@@ -392,6 +429,10 @@ bool StartServiceW(SC_HANDLE service, const std::vector<std::u16string>& argumen
         SetLastError(ERROR_SERVICE_ALREADY_RUNNING);
         return false;
     }
+    if (control.error() != ERROR_SUCCESS) {
+        SetLastError(control.error());  // the service could not be recorded
+        return false;
+    }
     if (!StartProcess(arguments)) {
         return false;
     }
@@ -484,6 +525,16 @@ SERVICE_STATUS_HANDLE RegisterServiceCtrlHandlerW(std::u16string_view serviceNam
         SetLastError(ERROR_SERVICE_DOES_NOT_EXIST);
         return nullptr;
     }
+    {
+        // Only the process service control started is the service; waits
+        // until its starter has recorded it.
+        ControlLock control;
+        PidRecord record;
+        if (!ReadPidRecord(&record) || record.pid != getpid() || !IsAlive(record)) {
+            SetLastError(ERROR_FAILED_SERVICE_CONTROLLER_CONNECT);
+            return nullptr;
+        }
+    }
     static ServiceStatusObject object;
     static std::once_flag once;
     object.handler = handler;
@@ -522,11 +573,10 @@ bool SetServiceStatus(SERVICE_STATUS_HANDLE handle, const SERVICE_STATUS* status
         SetLastError(ERROR_INVALID_HANDLE);
         return false;
     }
-    std::ostringstream text;
-    text << getpid() << ' ' << status->dwCurrentState << ' ' << status->dwCheckPoint << ' '
-         << status->dwWaitHint << ' ' << status->dwWin32ExitCode << ' '
-         << status->dwControlsAccepted << '\n';
-    WriteFileAtomically(ServiceFile(".status"), text.str());
+    if (!WriteFileAtomically(ServiceFile(".status"), StatusLine(getpid(), *status))) {
+        embedded::SetLastErrorFromErrno();
+        return false;
+    }
     SetLastError(ERROR_SUCCESS);
     return true;
 }

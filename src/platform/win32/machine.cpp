@@ -76,6 +76,19 @@ const std::string& Root() {
     return s.root;
 }
 
+std::string RootProblem() {
+    platform::LastErrorKeeper keep;
+    const std::string root = Root();
+    std::error_code ec;
+    if (!std::filesystem::exists(HostPath(root), ec)) {
+        return "machine root " + root + " cannot be created";
+    }
+    if (!std::filesystem::is_directory(HostPath(root), ec)) {
+        return "machine root " + root + " is not a directory";
+    }
+    return {};  // Windows keeps its own state elsewhere; the root only holds files of tests
+}
+
 void UseRoot(const std::string& path) {
     State& s = state();
     std::vector<std::function<void()>> hooks;

@@ -9,7 +9,8 @@
 //   machine.conf  switches, one "key=value" per line (see below)
 //   eventlog.log  the event log, one line per entry
 //   objects/      bookkeeping of named kernel objects
-//   drive_c/      what Windows paths "C:\..." stand for
+//   drive_c/      what Windows paths "C:\..." stand for; a new root gets the
+//                 folders every Windows machine has (C:\Windows\Temp, ...)
 //
 // machine.conf keys:
 //   global_namespace=0        "Global\" object names are unavailable
@@ -38,6 +39,11 @@ namespace platform::machine {
 
 // The root directory (UTF-8 host path), created if missing.
 const std::string& Root();
+// Empty when the root is a directory this process can write; otherwise one
+// sentence saying what is wrong with it, naming its path ("machine root
+// <path> is read-only", "... is not a directory", "... cannot be created"),
+// for programs to show next to an error that has this cause.
+std::string RootProblem();
 // Switches this process to another root: every cached connection to the old
 // one is dropped first. For tests and tools; not thread-safe against other
 // platform calls in flight.

@@ -7,7 +7,10 @@
 // died reads as stopped. The stop control is SIGTERM. The arguments given to
 // StartServiceW become the program's command-line arguments; its output goes
 // to services/OvaspoolSvc.log. machine.conf "service_program=<path or name>"
-// runs another program as the service (for tests).
+// runs another program as the service (for tests). As on Windows, a started
+// service reads start pending until its process reports another state
+// (RegisterServiceCtrlHandlerW, SetServiceStatus); one that ends without
+// reporting stopped reads stopped with ERROR_PROCESS_ABORTED.
 //
 // Rights beyond connecting, enumerating and querying (SC_MANAGER_LOCK, and
 // starting or stopping the service) are granted to administrators only: the
@@ -32,6 +35,8 @@ namespace platform {
 inline constexpr DWORD ERROR_INVALID_SERVICE_CONTROL = 1052;
 inline constexpr DWORD ERROR_SERVICE_REQUEST_TIMEOUT = 1053;
 inline constexpr DWORD ERROR_DATABASE_DOES_NOT_EXIST = 1065;
+inline constexpr DWORD ERROR_FAILED_SERVICE_CONTROLLER_CONNECT = 1063;
+inline constexpr DWORD ERROR_SERVICE_SPECIFIC_ERROR = 1066;
 inline constexpr DWORD ERROR_PROCESS_ABORTED = 1067;
 inline constexpr DWORD ERROR_INVALID_SERVICE_LOCK = 1071;
 // The exit code a service that has never run reads with.
@@ -102,6 +107,8 @@ SC_LOCK LockServiceDatabase(SC_HANDLE manager);
 bool UnlockServiceDatabase(SC_LOCK lock);
 
 // Starts the service process; ERROR_SERVICE_ALREADY_RUNNING when it runs.
+// On the embedded machine a root where the service cannot be recorded fails
+// with the file system's error (ERROR_ACCESS_DENIED for a read-only root).
 bool StartServiceW(SC_HANDLE service, const std::vector<std::u16string>& arguments);
 // SERVICE_CONTROL_STOP: SIGTERM, then waits (up to 30 s) for the process to
 // end; `status` reads stopped, or stop-pending if it did not end in time.
@@ -118,9 +125,10 @@ using LPHANDLER_FUNCTION = void (*)(DWORD control);
 
 // The handler is called on a thread of its own with SERVICE_CONTROL_STOP when
 // the process receives SIGTERM or SIGINT. Null with ERROR_SERVICE_DOES_NOT_EXIST
-// for another name. On Windows it is called from the service's main function
-// (under StartServiceCtrlDispatcherW), and the handler receives every control
-// on the dispatcher's thread.
+// for another name, and with ERROR_FAILED_SERVICE_CONTROLLER_CONNECT in a
+// process that service control did not start (a program run by hand). On Windows it is called from
+// the service's main function (under StartServiceCtrlDispatcherW), and the handler receives every
+// control on the dispatcher's thread.
 SERVICE_STATUS_HANDLE RegisterServiceCtrlHandlerW(std::u16string_view serviceName,
                                                   LPHANDLER_FUNCTION handler);
 // What QueryServiceStatus reports while this process runs.
