@@ -34,9 +34,9 @@ constexpr LoopEnd Specific(std::uint32_t code) {
 }
 
 // String-table entries of the event-log reports.
-constexpr unsigned kMsgCantCreateEvent = 104;
-constexpr unsigned kMsgNoAcknowledge = 111;
-constexpr unsigned kMsgWaitFailed = 113;
+constexpr unsigned kMsgCantCreateEvent = IDS_EVENT_CREATE_FAILED;
+constexpr unsigned kMsgNoAcknowledge = IDS_NO_ACK;
+constexpr unsigned kMsgWaitFailed = IDS_WAIT_FAILED;
 
 void Report(unsigned message, std::uint16_t type, unsigned location) {
     ReportServiceEvent(LoadOwnString(message), type, location);
