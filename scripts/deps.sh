@@ -6,7 +6,7 @@ packages=(build-essential cmake pkg-config libsqlite3-dev zlib1g-dev
           libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev)
 if [ "${1:-}" = "--windows" ]; then
   packages=(cmake python3 libcli11-dev g++-mingw-w64-x86-64-posix binutils-mingw-w64-x86-64
-            libz-mingw-w64-dev googletest wine64 wine)
+            libz-mingw-w64-dev mingw-w64-tools googletest wine64 wine)
 fi
 missing=()
 for p in "${packages[@]}"; do
