@@ -2,6 +2,10 @@
 // and registered by the system, objects created by COM itself.
 #include "platform/com.h"
 
+#include <cstring>
+#include <iterator>
+#include <string>
+
 #include "win32_api.h"
 
 // clang-format off
