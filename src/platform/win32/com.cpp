@@ -126,7 +126,10 @@ HRESULT CLSIDFromProgID(std::u16string_view progId, CLSID* clsid) {
     ::CLSID native{};
     const HRESULT hr = ::CLSIDFromProgID(win32::Wide(text), &native);
     if (SUCCEEDED(hr)) {
-        std::memcpy(clsid, &native, sizeof native);
+        clsid->Data1 = native.Data1;
+        clsid->Data2 = native.Data2;
+        clsid->Data3 = native.Data3;
+        std::memcpy(clsid->Data4, native.Data4, sizeof native.Data4);
     }
     return hr;
 }
