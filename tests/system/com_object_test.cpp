@@ -54,8 +54,9 @@ TEST_F(ComObjectTest, RegisteringTwiceWritesTheSameAndUnregisteringRestores) {
              "Classes\\OvaspoolLib.Ovaspool.1\\CLSID]\r\n@=\"{",
              "\\ProgID]\r\n@=\"OvaspoolDll.Ovaspool.1\"",
              "\\VersionIndependentProgID]\r\n@=\"OvaspoolDll.Ovaspool\"",
-             "\\InprocServer32]\r\n@=\"" + ovtest::BinDir() + "/OVSvc.dll\"\r\n"
-             "\"ThreadingModel\"=\"Apartment\"",
+             "\\InprocServer32]\r\n@=\"" + ovtest::BinDir() +
+                 "/OVSvc.dll\"\r\n"
+                 "\"ThreadingModel\"=\"Apartment\"",
              "\\1.0]\r\n@=\"Ovaspool 1.0 Type Library\"",
              "\\1.0\\HELPDIR]\r\n@=\"" + ovtest::BinDir() + "\"",
              "\\ProxyStubClsid32]\r\n@=\"{00020424-0000-0000-C000-000000000046}\"",
@@ -92,8 +93,8 @@ TEST_F(ComObjectTest, ScriptCallsCreateAndDeleteThroughTheClientProgram) {
     EXPECT_FALSE(ovtest::ReadPrinter(u"ANN-PC:3#Laser"));
 
     // The session is found by its client's address; -p picks printer 3.
-    CtlResult r = Ctl({"com", "call", "OvaspoolLib.Ovaspool", "OVASAddPrinter", "@name",
-                       "10.0.0.4", "3", "17", "-1"});
+    CtlResult r = Ctl({"com", "call", "OvaspoolLib.Ovaspool", "OVASAddPrinter", "@name", "10.0.0.4",
+                       "3", "17", "-1"});
     EXPECT_EQ(r.exit, 0) << r.out;
     EXPECT_NE(r.out.find("name = \"ANN-PC:3#Laser\"\nresult = 0\nhresult = S_OK"),
               std::string::npos)
@@ -102,8 +103,7 @@ TEST_F(ComObjectTest, ScriptCallsCreateAndDeleteThroughTheClientProgram) {
     EXPECT_FALSE(ovtest::ReadPrinter(u"ANN-PC:2#HP 4"));
 
     // The program fails (no printer 9 on the client): -2, the variable untouched.
-    r = Ctl({"com", "call", "OvaspoolLib.Ovaspool", "OVASAddPrinter", "@name", "", "9", "0",
-             "4"});
+    r = Ctl({"com", "call", "OvaspoolLib.Ovaspool", "OVASAddPrinter", "@name", "", "9", "0", "4"});
     EXPECT_NE(r.out.find("name = (empty)\nresult = -2\nhresult = S_OK"), std::string::npos)
         << r.out;
 
