@@ -32,12 +32,17 @@ class ComObjectTest : public ovtest::MachineTest {
 };
 
 TEST_F(ComObjectTest, RegisteringTwiceWritesTheSameAndUnregisteringRestores) {
-    platform::UniqueKey notify;
-    ASSERT_EQ(platform::RegCreateKeyExW(
-                  platform::HKEY_LOCAL_MACHINE,
-                  u"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion\\Winlogon\\Notify\\Other", 0,
-                  platform::KEY_ALL_ACCESS, &notify, nullptr),
-              platform::ERROR_SUCCESS);
+    // Keys every Windows machine has: registration adds below them and
+    // unregistration leaves them.
+    for (const char16_t* standing :
+         {u"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion\\Winlogon\\Notify\\Other",
+          u"SOFTWARE\\Classes\\CLSID", u"SOFTWARE\\Classes\\Interface",
+          u"SOFTWARE\\Classes\\TypeLib"}) {
+        platform::UniqueKey key;
+        ASSERT_EQ(platform::RegCreateKeyExW(platform::HKEY_LOCAL_MACHINE, standing, 0,
+                                            platform::KEY_ALL_ACCESS, &key, nullptr),
+                  platform::ERROR_SUCCESS);
+    }
     const std::string before = Export();
     CtlResult r = Ctl({"com", "register"});
     ASSERT_EQ(r.exit, 0) << r.out;
