@@ -50,21 +50,21 @@ TEST_F(ComObjectTest, RegisteringTwiceWritesTheSameAndUnregisteringRestores) {
     r = Ctl({"com", "register"});
     ASSERT_EQ(r.exit, 0) << r.out;
     EXPECT_EQ(Export(), once);
-    for (const char* expected : {
-             "Winlogon\\Notify\\OVSvc]\r\n\"Asynchronous\"=dword:00000000\r\n\"Impersonate\"="
-             "dword:00000000\r\n\"DllName\"=\"OVSvc.dll\"\r\n\"Startup\"=\"TSEventStartup\"\r\n"
+    for (const std::string& expected : std::vector<std::string>{
+             "Winlogon\\Notify\\OVSvc]\n\"Asynchronous\"=dword:00000000\n\"Impersonate\"="
+             "dword:00000000\n\"DllName\"=\"OVSvc.dll\"\n\"Startup\"=\"TSEventStartup\"\n"
              "\"Shutdown\"=\"TSEventShutdown\"",
-             "Classes\\OvaspoolLib.Ovaspool]\r\n@=\"Ovaspool Class\"",
-             "Classes\\OvaspoolLib.Ovaspool\\CurVer]\r\n@=\"OvaspoolDll.Ovaspool.1\"",
-             "Classes\\OvaspoolLib.Ovaspool.1\\CLSID]\r\n@=\"{",
-             "\\ProgID]\r\n@=\"OvaspoolDll.Ovaspool.1\"",
-             "\\VersionIndependentProgID]\r\n@=\"OvaspoolDll.Ovaspool\"",
-             "\\InprocServer32]\r\n@=\"" + ovtest::BinDir() +
-                 "/OVSvc.dll\"\r\n"
+             "Classes\\OvaspoolLib.Ovaspool]\n@=\"Ovaspool Class\"",
+             "Classes\\OvaspoolLib.Ovaspool\\CurVer]\n@=\"OvaspoolDll.Ovaspool.1\"",
+             "Classes\\OvaspoolLib.Ovaspool.1\\CLSID]\n@=\"{",
+             "\\ProgID]\n@=\"OvaspoolDll.Ovaspool.1\"",
+             "\\VersionIndependentProgID]\n@=\"OvaspoolDll.Ovaspool\"",
+             "\\InprocServer32]\n@=\"" + ovtest::BinDir() +
+                 "/OVSvc.dll\"\n"
                  "\"ThreadingModel\"=\"Apartment\"",
-             "\\1.0]\r\n@=\"Ovaspool 1.0 Type Library\"",
-             "\\1.0\\HELPDIR]\r\n@=\"" + ovtest::BinDir() + "\"",
-             "\\ProxyStubClsid32]\r\n@=\"{00020424-0000-0000-C000-000000000046}\"",
+             "\\1.0]\n@=\"Ovaspool 1.0 Type Library\"",
+             "\\1.0\\HELPDIR]\n@=\"" + ovtest::BinDir() + "\"",
+             "\\ProxyStubClsid32]\n@=\"{00020424-0000-0000-C000-000000000046}\"",
          }) {
         EXPECT_NE(once.find(expected), std::string::npos) << expected;
     }
