@@ -74,6 +74,12 @@ echo; echo "== the printers of both sessions: marked, listing their session, pri
 expect "alice's printer" "$ctl" spool show 'ALICE-PC:1#HP LaserJet 4'
 expect "bob's printer" "$ctl" spool show 'BOB-PC:7#Office PS'
 
+echo; echo "== the automation object: a script deletes alice's printers and creates one again"
+"$ctl" com register
+"$ctl" com call OvaspoolLib.Ovaspool OVASDelPrinter 2 false
+"$ctl" com call OvaspoolLib.Ovaspool OVASAddPrinter @name 10.0.0.21 1 0 -1
+expect "alice's printer again" "$ctl" spool show 'ALICE-PC:1#HP LaserJet 4'
+
 echo; echo "== only its user may print to a printer"
 "$ctl" spool job add 'ALICE-PC:1#HP LaserJet 4' --as 'ORVELLE\alice'
 if "$ctl" spool job add 'ALICE-PC:1#HP LaserJet 4' --as 'ORVELLE\bob'; then

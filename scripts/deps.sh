@@ -3,11 +3,11 @@
 # With --windows: what the Windows cross build and its Wine test run need.
 # With --fuzz: clang and its sanitizer and libFuzzer runtimes (preset "fuzz").
 set -euo pipefail
-packages=(build-essential cmake pkg-config libsqlite3-dev zlib1g-dev
+packages=(build-essential cmake pkg-config python3 libsqlite3-dev zlib1g-dev
           libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev)
 if [ "${1:-}" = "--windows" ]; then
   packages=(cmake python3 libcli11-dev g++-mingw-w64-x86-64-posix binutils-mingw-w64-x86-64
-            libz-mingw-w64-dev googletest wine64 wine)
+            libz-mingw-w64-dev mingw-w64-tools googletest wine64 wine)
 elif [ "${1:-}" = "--fuzz" ]; then
   packages+=(clang-14 libclang-rt-14-dev)
 fi

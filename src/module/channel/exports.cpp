@@ -10,6 +10,8 @@
 #include "common/boundary.h"
 #include "common/module_state.h"
 #include "common/ovstring.h"
+#include "manage/ovaspool_com.h"
+#include "manage/wmi_provider_hooks.h"
 #include "ovsvc.h"
 #include "platform/kernel.h"
 #include "session/logon_events.h"
@@ -31,8 +33,6 @@ constexpr std::int32_t kInterfaceVersion = 8;
 constexpr OVHRESULT kS_OK = 0;
 constexpr OVHRESULT kS_FALSE = 1;
 constexpr OVHRESULT kE_FAIL = static_cast<OVHRESULT>(0x80004005u);
-constexpr OVHRESULT kE_NOTIMPL = static_cast<OVHRESULT>(0x80004001u);
-constexpr OVHRESULT kCLASS_E_CLASSNOTAVAILABLE = static_cast<OVHRESULT>(0x80040111u);
 
 // Copies the zero-terminated string at `unitOffset` of the reply into `out`
 // (at most `units` units including the terminator).
@@ -293,30 +293,54 @@ OVSVC_API void OVSVC_CALL TSEventShutdown(OVWLX_NOTIFICATION_INFO*) {
     RunAtBoundary("TSEventShutdown", [] {});
 }
 
-// Without the management framework there is no provider to register.
+// The management provider takes part only when its framework accepted the
+// module at load; the automation class always does.
 OVSVC_API OVHRESULT OVSVC_CALL OVASRegister(void) {
-    return RunAtBoundary("OVASRegister", OVHRESULT(kE_FAIL), [&] { return kS_OK; });
+    return RunAtBoundary("OVASRegister", OVHRESULT(kE_FAIL),
+                         [&] { return fFrameworkLogin ? WmiRegisterProvider() : kS_OK; });
 }
 OVSVC_API OVHRESULT OVSVC_CALL OVASUnregister(void) {
-    return RunAtBoundary("OVASUnregister", OVHRESULT(kE_FAIL), [&] { return kS_OK; });
+    return RunAtBoundary("OVASUnregister", OVHRESULT(kE_FAIL),
+                         [&] { return fFrameworkLogin ? WmiUnregisterProvider() : kS_OK; });
 }
 OVSVC_API OVHRESULT OVSVC_CALL DllRegisterServer(void) {
-    return RunAtBoundary("DllRegisterServer", OVHRESULT(kE_FAIL), [&] { return kE_NOTIMPL; });
+    return RunAtBoundary("DllRegisterServer", OVHRESULT(kE_FAIL), [&] {
+        RegisterLogonNotification();
+        return ComRegisterServer();
+    });
 }
 OVSVC_API OVHRESULT OVSVC_CALL DllUnregisterServer(void) {
-    return RunAtBoundary("DllUnregisterServer", OVHRESULT(kE_FAIL), [&] { return kE_NOTIMPL; });
+    return RunAtBoundary("DllUnregisterServer", OVHRESULT(kE_FAIL), [&] {
+        UnregisterLogonNotification();
+        return ComUnregisterServer();
+    });
 }
-OVSVC_API OVHRESULT OVSVC_CALL DllGetClassObject(const void*, const void*, void** object) {
+OVSVC_API OVHRESULT OVSVC_CALL DllGetClassObject(const void* clsid, const void* iid,
+                                                 void** object) {
     return RunAtBoundary("DllGetClassObject", OVHRESULT(kE_FAIL), [&] {
-        if (object != nullptr) {
-            *object = nullptr;
+        if (object == nullptr) {
+            return platform::E_POINTER;
         }
-        return kCLASS_E_CLASSNOTAVAILABLE;
+        *object = nullptr;
+        if (clsid == nullptr || iid == nullptr) {
+            return platform::E_INVALIDARG;
+        }
+        const auto& classId = *static_cast<const platform::CLSID*>(clsid);
+        const auto& interfaceId = *static_cast<const platform::IID*>(iid);
+        if (fFrameworkLogin) {
+            const platform::HRESULT hr = WmiGetClassObject(classId, interfaceId, object);
+            if (hr != kE_FAIL) {
+                return hr;
+            }
+        }
+        return ComGetClassObject(classId, interfaceId, object);
     });
 }
 OVSVC_API OVHRESULT OVSVC_CALL DllCanUnloadNow(void) {
-    return RunAtBoundary("DllCanUnloadNow", OVHRESULT(kS_FALSE),
-                         [&] { return fFrameworkLogin ? kS_FALSE : kS_OK; });
+    return RunAtBoundary("DllCanUnloadNow", OVHRESULT(kS_FALSE), [&] {
+        const bool providerDone = !fFrameworkLogin || WmiCanUnloadNow() == kS_OK;
+        return providerDone && ComLockCount() == 0 ? kS_OK : kS_FALSE;
+    });
 }
 
 }  // extern "C"

@@ -3,6 +3,7 @@
 #include <map>
 
 #include "common/format.h"
+#include "res/com_description.h"
 
 namespace ovsvc {
 
@@ -17,6 +18,7 @@ const platform::ModuleResources& OwnResources() {
         r.fileName = kModuleFileName;
         r.strings = res::StringTable();
         r.version = res::VersionInformation();
+        r.texts[{u"REGISTRY", u"#214"}] = res::RegistryScript();
         return r;
     }();
     return resources;

@@ -18,4 +18,10 @@ void OnLogoff(platform::HANDLE userToken);
 void RunInSessionContext(platform::HANDLE userToken, std::u16string_view eventName,
                          std::u16string_view commandLine, bool wait);
 
+// The module's entry "OVSvc" under the logon manager's Notify key (the
+// startup and shutdown handlers, synchronous): written by registration,
+// removed with its subtree by unregistration. Failures are only traced.
+void RegisterLogonNotification();
+void UnregisterLogonNotification();
+
 }  // namespace ovsvc
