@@ -1,0 +1,489 @@
+// The client printer's properties: how the lists are read, and what a
+// printer of the virtual printer driver gets from them.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <optional>
+#include <sstream>
+#include <string>
+
+#include "config/product_key.h"
+#include "create/printer_properties.h"
+#include "ovtest.h"
+#include "platform/machine.h"
+#include "platform/registry.h"
+#include "platform/spooler.h"
+#include "trace/trace.h"
+
+namespace ovsvc {
+namespace {
+
+using namespace std::string_literals;
+
+class PrinterPropertiesTest : public ovtest::MachineTest {
+  protected:
+    void SetUp() override {
+        ovtest::MachineTest::SetUp();
+        OVTEST_EMBEDDED_ONLY("adds drivers and printers to a fresh spooler");
+        ASSERT_EQ(platform::RegCreateKeyExW(platform::HKEY_LOCAL_MACHINE, kProductKey, 0,
+                                            platform::KEY_ALL_ACCESS, &key_, nullptr),
+                  0);
+        tracePath_ = root() + "/trace.log";
+        SetDword(u"DebugLevel", 0xFF);
+        const std::u16string file = ovtest::U16(tracePath_);
+        ASSERT_EQ(platform::RegSetValueExW(key_.get(), u"DebugFile", platform::REG_SZ, file.c_str(),
+                                           static_cast<platform::DWORD>((file.size() + 1) * 2)),
+                  0);
+        ResetTraceStateForTesting();
+    }
+    void TearDown() override {
+        ResetTraceStateForTesting();
+        ovtest::MachineTest::TearDown();
+    }
+
+    void SetDword(std::u16string_view name, platform::DWORD value) {
+        ASSERT_EQ(
+            platform::RegSetValueExW(key_.get(), name, platform::REG_DWORD, &value, sizeof value),
+            0);
+    }
+    std::string Trace() const {
+        std::ifstream in(tracePath_, std::ios::binary);
+        std::stringstream text;
+        text << in.rdbuf();
+        return text.str();
+    }
+    // A printer of a driver whose file is `driverFile`.
+    platform::UniquePrinter AddPrinter(const std::u16string& name, const std::string& driverFile) {
+        const std::filesystem::path dir = std::filesystem::path(platform::machine::Root()) /
+                                          "drive_c/Windows/System32/spool/drivers/x64";
+        std::filesystem::create_directories(dir);
+        std::ofstream(dir / driverFile) << "";
+        platform::DriverInfo6 driver;
+        driver.name = u"Relay " + ovtest::U16(driverFile);
+        driver.environment = platform::kEnvironmentX64;
+        driver.driverPath = ovtest::U16(driverFile);
+        EXPECT_TRUE(platform::AddPrinterDriverW(u"", 6, driver));
+        platform::PrinterInfo2 info;
+        info.printerName = name;
+        info.portName = u"LPT1:";
+        info.driverName = driver.name;
+        info.printProcessor = u"winprint";
+        info.attributes = platform::PRINTER_ATTRIBUTE_LOCAL;
+        return platform::AddPrinterW(u"", info);
+    }
+
+    platform::UniqueKey key_;
+    std::string tracePath_;
+};
+
+// Text of a UTF-16 list with its zeros shown as "|".
+std::string Shown(std::u16string list) {
+    for (char16_t& c : list) {
+        c = c == u'\0' ? u'|' : c;
+    }
+    return ovtest::U8(list);
+}
+
+const std::u16string kTwoTrays = u"1,Upper\0*4,Manual\0\0"s;
+const std::u16string kPapers = u"*9,2100,2970\u00B642,42,2058,2928\0001,2159,2794\0\0"s;
+const std::u16string kResolutions = u"300\0*600\0\0"s;
+
+TEST_F(PrinterPropertiesTest, ListsAreSplitCountedAndTheirChoicesTakenOut) {
+    struct Case {
+        const char* what;
+        std::u16string data;
+        std::optional<std::uint32_t> length;  // bytes; default: the whole data
+        std::uint32_t parts;
+        std::int32_t end;
+        std::uint32_t partsAfter;
+        std::string trays, papers, resolutions;
+        std::uint32_t counts[3];
+        std::string defaults[3];  // tray, paper, resolution
+        std::string zeroBorder;
+        std::string traced;  // a line the parse writes, or empty
+    };
+    const std::string kLengthCheck = "m_dwLength == iEnd * sizeof(TCHAR)";
+    const std::string kIllegal =
+        "Illegal PrinterProperties Format, lan reached while "
+        "interpreting, len=";
+    const Case cases[] = {
+        {"a lone trays list keeps its mark",
+         kTwoTrays,
+         {},
+         1,
+         19,
+         1,
+         "1,Upper|*4,Manual||",
+         "",
+         "",
+         {2, 0, 0},
+         {"", "", ""},
+         "",
+         ""},
+        {"a second list takes the marks out",
+         kTwoTrays + u"\0\0"s,
+         {},
+         2,
+         21,
+         2,
+         "1,Upper|4,Manual||",
+         "||",
+         "",
+         {2, 1, 0},
+         {"4,Manual", "", ""},
+         "|",
+         ""},
+        {"three lists",
+         kTwoTrays + kPapers + kResolutions,
+         {},
+         3,
+         71,
+         3,
+         "1,Upper|4,Manual||",
+         "9,2100,2970\u00B642,42,2058,2928|1,2159,2794||",
+         "300|600||",
+         {2, 2, 2},
+         {"4,Manual", "9,2100,2970\u00B642,42,2058,2928", "600"},
+         "9,2100,2970\u00B60,0,2100,2970|1,2159,2794\u00B60,0,2159,2794||",
+         ""},
+        {"a marked first entry wins, else the last marked one",
+         u"*a\0*b\0\0c\0*d\0*e\0\0"s,
+         {},
+         2,
+         16,
+         2,
+         "a|*b||",
+         "c|*d|e||",
+         "",
+         {2, 3, 0},
+         {"a", "e", ""},
+         "c|*d|e||",
+         "SetZeroBorder: Could not interpret <*d>"},
+        {"a paper without three numbers keeps its text before the area",
+         u"\0\0Letter\u00B6x\0 9, 5,+7\0\0"s,
+         {},
+         2,
+         21,
+         2,
+         "||",
+         "Letter\u00B6x| 9, 5,+7||",
+         "",
+         {1, 2, 0},
+         {"", "", ""},
+         "Letter| 9, 5,+7\u00B60,0,5,7||",
+         "SetZeroBorder: Could not interpret <Letter\u00B6x>"},
+        {"more than three parts read three lists",
+         u"\0\0\0\0\0\0"s,
+         {},
+         7,
+         6,
+         3,
+         "||",
+         "||",
+         "||",
+         {1, 1, 1},
+         {"", "", ""},
+         "|",
+         ""},
+        {"bytes after the lists are a check entry only",
+         kTwoTrays + u"xyz"s,
+         {},
+         1,
+         19,
+         1,
+         "1,Upper|*4,Manual||",
+         "",
+         "",
+         {2, 0, 0},
+         {"", "", ""},
+         "",
+         kLengthCheck},
+        {"an odd length counts whole characters",
+         u"a\0\0"s,
+         7,
+         1,
+         3,
+         1,
+         "a||",
+         "",
+         "",
+         {1, 0, 0},
+         {"", "", ""},
+         "",
+         kLengthCheck},
+        {"no parts", u"1,Upper\0\0"s, 0, 0, 0, 0, "", "", "", {0, 0, 0}, {"", "", ""}, "", ""},
+        {"two bytes",
+         u"\0\0"s,
+         2,
+         1,
+         -1,
+         0,
+         "",
+         "",
+         "",
+         {0, 0, 0},
+         {"", "", ""},
+         "",
+         kIllegal + "2"},
+        {"the closing zeros beyond the length",
+         u"a\0\0"s,
+         4,
+         1,
+         -1,
+         0,
+         "",
+         "",
+         "",
+         {0, 0, 0},
+         {"", "", ""},
+         "",
+         kIllegal + "4"},
+        {"a list without its closing zeros",
+         u"1,Upper\0"s,
+         {},
+         1,
+         -1,
+         0,
+         "",
+         "",
+         "",
+         {0, 0, 0},
+         {"", "", ""},
+         "",
+         kIllegal + "16"},
+        {"a missing second list discards the first",
+         kTwoTrays + u"9,1,1\0"s,
+         {},
+         2,
+         -1,
+         0,
+         "",
+         "",
+         "",
+         {0, 0, 0},
+         {"", "", ""},
+         "",
+         kIllegal},
+        {"a missing third list discards all",
+         kTwoTrays + u"\0\0"s,
+         {},
+         3,
+         -1,
+         0,
+         "",
+         "",
+         "",
+         {0, 0, 0},
+         {"", "", ""},
+         "",
+         kIllegal},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        const std::size_t traceBefore = Trace().size();
+        // The data is copied to its own buffer, so that a read past the
+        // length shows under the address sanitizer.
+        std::vector<char16_t> buffer(c.data.begin(), c.data.end());
+        CPrinterProperties props(c.length.value_or(static_cast<std::uint32_t>(buffer.size() * 2)),
+                                 c.parts);
+        EXPECT_EQ(ParsePrinterProperties(&props, buffer.data()), c.end);
+        EXPECT_EQ(props.m_dwParts, c.partsAfter);
+        EXPECT_EQ(Shown(props.strTrays), c.trays);
+        EXPECT_EQ(Shown(props.strPapers), c.papers);
+        EXPECT_EQ(Shown(props.strResolutions), c.resolutions);
+        EXPECT_EQ(props.m_dwTrays, c.counts[0]);
+        EXPECT_EQ(props.m_dwPapers, c.counts[1]);
+        EXPECT_EQ(props.m_dwRess, c.counts[2]);
+        EXPECT_EQ(ovtest::U8(props.strDefaultTray), c.defaults[0]);
+        EXPECT_EQ(ovtest::U8(props.strDefaultPaper), c.defaults[1]);
+        EXPECT_EQ(ovtest::U8(props.strDefaultResolution), c.defaults[2]);
+        EXPECT_EQ(Shown(props.strZeroBorderPapers), c.zeroBorder);
+        const std::string written = Trace().substr(traceBefore);
+        if (c.traced.empty()) {
+            EXPECT_EQ(written.find(kLengthCheck), std::string::npos) << written;
+            EXPECT_EQ(written.find("Illegal"), std::string::npos) << written;
+        } else {
+            EXPECT_NE(written.find(c.traced), std::string::npos) << written;
+        }
+    }
+}
+
+// What a printer gets, by PrinterPropertyFlags, duplex option, driver file
+// and the driver's options. The device mode starts as the driver's default:
+// Letter (1), automatic source (7), 300 dpi, simplex.
+TEST_F(PrinterPropertiesTest, FlagsChooseTheDataAndDeviceSettingsApplied) {
+    struct Case {
+        const char* what;
+        std::uint32_t flags;
+        std::u16string data;
+        std::uint32_t parts;
+        std::uint32_t option;
+        std::string driverFile;
+        std::optional<platform::DWORD> optionTrays, optionDuplex;  // the driver's, before
+        std::string trayData, formData, resolutionData;            // "" when not written
+        std::optional<platform::DWORD> optionTraysAfter, optionDuplexAfter;
+        short source, duplex, paper, quality;
+    };
+    const std::u16string all = kTwoTrays + kPapers + kResolutions;
+    const std::string trays = "1,Upper|4,Manual||";
+    const std::string papers = "9,2100,2970\u00B642,42,2058,2928|1,2159,2794||";
+    const std::string zeroBorder =
+        "9,2100,2970\u00B60,0,2100,2970|1,2159,2794\u00B60,0,2159,2794||";
+    const Case cases[] = {
+        {"everything", 0xFFFF, all, 3, PROP_DUPLEX_VERTICAL, "OVPRN.DLL", 1, 1, trays, papers,
+         "300|600||", 1, 1, 4, platform::DMDUP_VERTICAL, 9, 600},
+        {"papers with the whole sheet printable", 0x01, all, 3, 0, "ovprn.dll", 1, 1, "",
+         zeroBorder, "", 1, 1, 7, 1, 9, 300},
+        {"0x02 alone writes no forms",
+         0x02,
+         all,
+         3,
+         0,
+         "OVPRN.DLL",
+         {},
+         {},
+         "",
+         "",
+         "",
+         {},
+         {},
+         7,
+         1,
+         1,
+         300},
+        {"simplex only removes the duplex unit", 0x1C, all, 3, PROP_SIMPLEX, "UNIDRV.DLL", 1, 1,
+         trays, "", "300|600||", 1, 0, 4, platform::DMDUP_SIMPLEX, 1, 300},
+        {"a duplex unit with simplex chosen", 0x10, all, 3, PROP_DUPLEX_SIMPLEX, "OVPRN.DLL", 1, 1,
+         "", "", "", 1, 1, 7, platform::DMDUP_SIMPLEX, 1, 300},
+        {"horizontal duplex", 0x10, all, 3, PROP_DUPLEX_HORIZONTAL | 0x30, "OVPRN.DLL", 1, 1, "",
+         "", "", 1, 1, 7, platform::DMDUP_HORIZONTAL, 1, 300},
+        {"a driver without the options keeps its defaults",
+         0xFFFF,
+         all,
+         3,
+         PROP_DUPLEX_VERTICAL,
+         "OVPRN.DLL",
+         {},
+         0,
+         trays,
+         papers,
+         "300|600||",
+         {},
+         0,
+         7,
+         1,
+         9,
+         600},
+        {"without 0x10 the option is not looked at", 0x0F, all, 3, PROP_DUPLEX_VERTICAL,
+         "OVPRN.DLL", 1, 1, trays, papers, "300|600||", 1, 1, 4, 1, 9, 600},
+        {"one tray: the driver's tray option goes", 0x04, u"*2,Only\0\0\0\0"s, 2, 0, "OVPRN.DLL", 1,
+         1, "2,Only||", "", "", 0, 1, 7, 1, 1, 300},
+        {"a lone trays list keeps its mark and sets no source", 0xFFFF, kTwoTrays, 1, 0,
+         "OVPRN.DLL", 1, 1, "1,Upper|*4,Manual||", "", "", 1, 1, 7, 1, 1, 300},
+        {"a user-defined paper is not set",
+         0x01,
+         u"\0\0*256,1000,1000\0\0"s,
+         2,
+         0,
+         "OVPRN.DLL",
+         {},
+         {},
+         "",
+         "256,1000,1000\u00B60,0,1000,1000||",
+         "",
+         {},
+         {},
+         7,
+         1,
+         1,
+         300},
+        {"a format error applies nothing", 0xFFFF, u"\0"s, 1, PROP_DUPLEX_VERTICAL, "OVPRN.DLL", 1,
+         1, "", "", "", 1, 1, 7, 1, 1, 300},
+    };
+    int n = 0;
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        SetDword(u"PrinterPropertyFlags", c.flags);
+        const std::u16string name = u"P" + ovtest::U16(std::to_string(++n));
+        platform::UniquePrinter printer = AddPrinter(name, c.driverFile);
+        ASSERT_TRUE(printer);
+        for (const auto& [option, value] : {std::pair{u"OptionTrays", c.optionTrays},
+                                            std::pair{u"OptionDuplex", c.optionDuplex}}) {
+            if (value) {
+                ASSERT_EQ(platform::SetPrinterDataW(printer.get(), option, platform::REG_DWORD,
+                                                    &*value, 4),
+                          0u);
+            }
+        }
+        platform::PrinterInfo2 record;
+        ASSERT_TRUE(platform::GetPrinterW(printer.get(), &record));
+        platform::DevMode expected = *record.devMode;
+        EXPECT_EQ(SetPrinterProperties(c.data.data(), static_cast<std::uint32_t>(c.data.size() * 2),
+                                       c.parts, c.option, printer.get(), &record),
+                  0);
+
+        const auto data = [&](std::u16string_view value) -> std::optional<platform::RegistryValue> {
+            std::vector<std::byte> bytes(4096);
+            platform::DWORD type = 0;
+            platform::DWORD needed = 0;
+            if (platform::GetPrinterDataW(printer.get(), value, &type, bytes.data(),
+                                          static_cast<platform::DWORD>(bytes.size()),
+                                          &needed) != 0) {
+                return std::nullopt;
+            }
+            bytes.resize(needed);
+            return platform::RegistryValue{std::u16string(value), type, bytes};
+        };
+        for (const auto& [value, text] :
+             {std::pair{u"TrayData", c.trayData}, std::pair{u"FormData", c.formData},
+              std::pair{u"ResolutionData", c.resolutionData}}) {
+            const auto got = data(value);
+            if (text.empty()) {
+                EXPECT_FALSE(got) << ovtest::U8(value);
+                continue;
+            }
+            ASSERT_TRUE(got) << ovtest::U8(value);
+            EXPECT_EQ(got->type, platform::REG_MULTI_SZ);
+            std::u16string list(got->data.size() / 2, u'\0');
+            std::memcpy(list.data(), got->data.data(), list.size() * 2);
+            EXPECT_EQ(Shown(list), text) << ovtest::U8(value);
+        }
+        for (const auto& [value, after] : {std::pair{u"OptionTrays", c.optionTraysAfter},
+                                           std::pair{u"OptionDuplex", c.optionDuplexAfter}}) {
+            const auto got = data(value);
+            ASSERT_EQ(got.has_value(), after.has_value()) << ovtest::U8(value);
+            if (after) {
+                platform::DWORD stored = 0;
+                std::memcpy(&stored, got->data.data(), 4);
+                EXPECT_EQ(stored, *after) << ovtest::U8(value);
+            }
+        }
+        if (c.source != expected.dmDefaultSource) {
+            expected.dmDefaultSource = c.source;
+        }
+        expected.dmDuplex = c.duplex;
+        if (c.paper != expected.dmPaperSize) {
+            expected.dmPaperSize = c.paper;
+            expected.dmFields &= ~platform::DM_FORMNAME;
+        }
+        expected.dmPrintQuality = c.quality;
+        expected.dmYResolution = c.quality;
+        EXPECT_EQ(*record.devMode, expected);
+    }
+    const std::string trace = Trace();
+    for (const char* line :
+         {"OVPRN detected", "UNIDRV detected", "PROP_SIMPLEX", "PROP_DUPLEX_VERTICAL",
+          "pobjProps->m_dwTrays(4,Manual) = 2", "SetPrinterProperties: no entries found"}) {
+        EXPECT_NE(trace.find(line), std::string::npos) << line;
+    }
+
+    // No data at all is the one failure; it changes nothing.
+    platform::PrinterInfo2 record;
+    EXPECT_EQ(SetPrinterProperties(nullptr, 10, 3, 0, nullptr, &record), -1);
+    EXPECT_NE(Trace().find("Printer properties not <>, "), std::string::npos);
+}
+
+}  // namespace
+}  // namespace ovsvc
