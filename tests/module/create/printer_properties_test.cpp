@@ -161,6 +161,19 @@ TEST_F(PrinterPropertiesTest, ListsAreSplitCountedAndTheirChoicesTakenOut) {
          {"a", "e", ""},
          "c|*d|e||",
          "SetZeroBorder: Could not interpret <*d>"},
+        {"a bare mark leaves an empty entry",
+         u"1,Upper\0*\0\0\0\0"s,
+         {},
+         2,
+         13,
+         2,
+         "1,Upper|||",
+         "||",
+         "",
+         {2, 1, 0},
+         {"", "", ""},
+         "|",
+         ""},
         {"a paper without three numbers keeps its text before the area",
          u"\0\0Letter\u00B6x\0 9, 5,+7\0\0"s,
          {},
@@ -311,8 +324,9 @@ TEST_F(PrinterPropertiesTest, ListsAreSplitCountedAndTheirChoicesTakenOut) {
 }
 
 // What a printer gets, by PrinterPropertyFlags, duplex option, driver file
-// and the driver's options. The device mode starts as the driver's default:
-// Letter (1), automatic source (7), 300 dpi, simplex.
+// and the driver's options. The device mode starts blank (the settings at
+// stake zero and their field bits clear), so that every setting made shows;
+// 0 below means left alone.
 TEST_F(PrinterPropertiesTest, FlagsChooseTheDataAndDeviceSettingsApplied) {
     struct Case {
         const char* what;
@@ -326,81 +340,40 @@ TEST_F(PrinterPropertiesTest, FlagsChooseTheDataAndDeviceSettingsApplied) {
         std::optional<platform::DWORD> optionTraysAfter, optionDuplexAfter;
         short source, duplex, paper, quality;
     };
+    constexpr auto no = std::nullopt;
     const std::u16string all = kTwoTrays + kPapers + kResolutions;
     const std::string trays = "1,Upper|4,Manual||";
     const std::string papers = "9,2100,2970\u00B642,42,2058,2928|1,2159,2794||";
     const std::string zeroBorder =
         "9,2100,2970\u00B60,0,2100,2970|1,2159,2794\u00B60,0,2159,2794||";
+    const std::string res = "300|600||";
     const Case cases[] = {
-        {"everything", 0xFFFF, all, 3, PROP_DUPLEX_VERTICAL, "OVPRN.DLL", 1, 1, trays, papers,
-         "300|600||", 1, 1, 4, platform::DMDUP_VERTICAL, 9, 600},
+        {"everything", 0xFFFF, all, 3, PROP_DUPLEX_VERTICAL, "OVPRN.DLL", 1, 1, trays, papers, res,
+         1, 1, 4, platform::DMDUP_VERTICAL, 9, 600},
         {"papers with the whole sheet printable", 0x01, all, 3, 0, "ovprn.dll", 1, 1, "",
-         zeroBorder, "", 1, 1, 7, 1, 9, 300},
-        {"0x02 alone writes no forms",
-         0x02,
-         all,
-         3,
-         0,
-         "OVPRN.DLL",
-         {},
-         {},
-         "",
-         "",
-         "",
-         {},
-         {},
-         7,
-         1,
-         1,
-         300},
+         zeroBorder, "", 1, 1, 0, 0, 9, 0},
+        {"0x02 alone writes no forms", 0x02, all, 3, 0, "OVPRN.DLL", no, no, "", "", "", no, no, 0,
+         0, 0, 0},
         {"simplex only removes the duplex unit", 0x1C, all, 3, PROP_SIMPLEX, "UNIDRV.DLL", 1, 1,
-         trays, "", "300|600||", 1, 0, 4, platform::DMDUP_SIMPLEX, 1, 300},
+         trays, "", res, 1, 0, 4, platform::DMDUP_SIMPLEX, 0, 0},
         {"a duplex unit with simplex chosen", 0x10, all, 3, PROP_DUPLEX_SIMPLEX, "OVPRN.DLL", 1, 1,
-         "", "", "", 1, 1, 7, platform::DMDUP_SIMPLEX, 1, 300},
+         "", "", "", 1, 1, 0, platform::DMDUP_SIMPLEX, 0, 0},
         {"horizontal duplex", 0x10, all, 3, PROP_DUPLEX_HORIZONTAL | 0x30, "OVPRN.DLL", 1, 1, "",
-         "", "", 1, 1, 7, platform::DMDUP_HORIZONTAL, 1, 300},
-        {"a driver without the options keeps its defaults",
-         0xFFFF,
-         all,
-         3,
-         PROP_DUPLEX_VERTICAL,
-         "OVPRN.DLL",
-         {},
-         0,
-         trays,
-         papers,
-         "300|600||",
-         {},
-         0,
-         7,
-         1,
-         9,
-         600},
+         "", "", 1, 1, 0, platform::DMDUP_HORIZONTAL, 0, 0},
+        {"an unknown duplex option", 0x10, all, 3, 3, "OVPRN.DLL", 1, 1, "", "", "", 1, 1, 0, 0, 0,
+         0},
+        {"a driver without the options keeps its defaults", 0xFFFF, all, 3, PROP_DUPLEX_VERTICAL,
+         "OVPRN.DLL", no, 0, trays, papers, res, no, 0, 0, 0, 9, 600},
         {"without 0x10 the option is not looked at", 0x0F, all, 3, PROP_DUPLEX_VERTICAL,
-         "OVPRN.DLL", 1, 1, trays, papers, "300|600||", 1, 1, 4, 1, 9, 600},
+         "OVPRN.DLL", 1, 1, trays, papers, res, 1, 1, 4, 0, 9, 600},
         {"one tray: the driver's tray option goes", 0x04, u"*2,Only\0\0\0\0"s, 2, 0, "OVPRN.DLL", 1,
-         1, "2,Only||", "", "", 0, 1, 7, 1, 1, 300},
+         1, "2,Only||", "", "", 0, 1, 0, 0, 0, 0},
         {"a lone trays list keeps its mark and sets no source", 0xFFFF, kTwoTrays, 1, 0,
-         "OVPRN.DLL", 1, 1, "1,Upper|*4,Manual||", "", "", 1, 1, 7, 1, 1, 300},
-        {"a user-defined paper is not set",
-         0x01,
-         u"\0\0*256,1000,1000\0\0"s,
-         2,
-         0,
-         "OVPRN.DLL",
-         {},
-         {},
-         "",
-         "256,1000,1000\u00B60,0,1000,1000||",
-         "",
-         {},
-         {},
-         7,
-         1,
-         1,
-         300},
+         "OVPRN.DLL", 1, 1, "1,Upper|*4,Manual||", "", "", 1, 1, 0, 0, 0, 0},
+        {"a user-defined paper is not set", 0x01, u"\0\0*256,1000,1000\0\0"s, 2, 0, "OVPRN.DLL", no,
+         no, "", "256,1000,1000\u00B60,0,1000,1000||", "", no, no, 0, 0, 0, 0},
         {"a format error applies nothing", 0xFFFF, u"\0"s, 1, PROP_DUPLEX_VERTICAL, "OVPRN.DLL", 1,
-         1, "", "", "", 1, 1, 7, 1, 1, 300},
+         1, "", "", "", 1, 1, 0, 0, 0, 0},
     };
     int n = 0;
     for (const Case& c : cases) {
@@ -419,7 +392,12 @@ TEST_F(PrinterPropertiesTest, FlagsChooseTheDataAndDeviceSettingsApplied) {
         }
         platform::PrinterInfo2 record;
         ASSERT_TRUE(platform::GetPrinterW(printer.get(), &record));
-        platform::DevMode expected = *record.devMode;
+        platform::DevMode& dm = *record.devMode;
+        dm.dmFields &= ~(platform::DM_DEFAULTSOURCE | platform::DM_DUPLEX | platform::DM_PAPERSIZE |
+                         platform::DM_PRINTQUALITY | platform::DM_YRESOLUTION);
+        dm.dmDefaultSource = dm.dmDuplex = dm.dmPaperSize = dm.dmPrintQuality = dm.dmYResolution =
+            0;
+        platform::DevMode expected = dm;
         EXPECT_EQ(SetPrinterProperties(c.data.data(), static_cast<std::uint32_t>(c.data.size() * 2),
                                        c.parts, c.option, printer.get(), &record),
                   0);
@@ -460,16 +438,20 @@ TEST_F(PrinterPropertiesTest, FlagsChooseTheDataAndDeviceSettingsApplied) {
                 EXPECT_EQ(stored, *after) << ovtest::U8(value);
             }
         }
-        if (c.source != expected.dmDefaultSource) {
-            expected.dmDefaultSource = c.source;
-        }
-        expected.dmDuplex = c.duplex;
-        if (c.paper != expected.dmPaperSize) {
-            expected.dmPaperSize = c.paper;
+        const auto set = [&](short value, platform::DWORD fields, auto... members) {
+            if (value != 0) {
+                ((expected.*members = value), ...);
+                expected.dmFields |= fields;
+            }
+        };
+        set(c.source, platform::DM_DEFAULTSOURCE, &platform::DevMode::dmDefaultSource);
+        set(c.duplex, platform::DM_DUPLEX, &platform::DevMode::dmDuplex);
+        set(c.paper, platform::DM_PAPERSIZE, &platform::DevMode::dmPaperSize);
+        set(c.quality, platform::DM_PRINTQUALITY | platform::DM_YRESOLUTION,
+            &platform::DevMode::dmPrintQuality, &platform::DevMode::dmYResolution);
+        if (c.paper != 0) {
             expected.dmFields &= ~platform::DM_FORMNAME;
         }
-        expected.dmPrintQuality = c.quality;
-        expected.dmYResolution = c.quality;
         EXPECT_EQ(*record.devMode, expected);
     }
     const std::string trace = Trace();
