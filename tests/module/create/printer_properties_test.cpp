@@ -2,14 +2,18 @@
 // printer of the virtual printer driver gets from them.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <optional>
 #include <sstream>
 #include <string>
+#include <tuple>
+#include <vector>
 
 #include "config/product_key.h"
+#include "create/install_printer.h"
 #include "create/printer_properties.h"
 #include "ovtest.h"
 #include "platform/machine.h"
@@ -465,6 +469,44 @@ TEST_F(PrinterPropertiesTest, FlagsChooseTheDataAndDeviceSettingsApplied) {
     platform::PrinterInfo2 record;
     EXPECT_EQ(SetPrinterProperties(nullptr, 10, 3, 0, nullptr, &record), -1);
     EXPECT_NE(Trace().find("Printer properties not <>, "), std::string::npos);
+}
+
+// A template's driver data goes to the new printer value by value; a value
+// whose name is longer than a value name may be is left out instead of
+// being asked for again and again.
+TEST_F(PrinterPropertiesTest, TemplateDriverDataIsCopiedValueByValue) {
+    platform::UniquePrinter templ = AddPrinter(u"_#Relay", "OVPRN.DLL");
+    platform::UniquePrinter target = AddPrinter(u"Copy", "OVPRN.DLL");
+    ASSERT_TRUE(templ && target);
+    const platform::DWORD one = 1;
+    const std::vector<std::byte> big(5000, std::byte{0x5A});
+    const std::u16string longName(300, u'N');
+    for (const auto& [name, type, data, size] :
+         {std::tuple{std::u16string(u"OptionTrays"), platform::REG_DWORD,
+                     static_cast<const void*>(&one), platform::DWORD{4}},
+          std::tuple{longName, platform::REG_DWORD, static_cast<const void*>(&one),
+                     platform::DWORD{4}},
+          std::tuple{std::u16string(u"Big"), platform::REG_BINARY,
+                     static_cast<const void*>(big.data()), platform::DWORD{5000}}}) {
+        ASSERT_EQ(platform::SetPrinterDataW(templ.get(), name, type, data, size), 0u);
+    }
+    EXPECT_EQ(CopyPrinterDriverData(u"_#Relay", target.get()), 0);
+    platform::DWORD type = 0;
+    platform::DWORD needed = 0;
+    std::vector<std::byte> got(8000);
+    EXPECT_EQ(platform::GetPrinterDataW(target.get(), u"Big", &type, got.data(), 8000, &needed),
+              0u);
+    EXPECT_EQ(type, platform::REG_BINARY);
+    EXPECT_TRUE(std::equal(big.begin(), big.end(), got.begin()) && needed == big.size());
+    EXPECT_EQ(
+        platform::GetPrinterDataW(target.get(), u"OptionTrays", &type, got.data(), 4, &needed), 0u);
+    EXPECT_EQ(platform::GetPrinterDataW(target.get(), longName, &type, got.data(), 4, &needed),
+              platform::ERROR_FILE_NOT_FOUND);
+
+    EXPECT_EQ(CopyPrinterDriverData(u"_#Missing", target.get()),
+              static_cast<std::int32_t>(platform::ERROR_FILE_NOT_FOUND));
+    EXPECT_NE(Trace().find("CopyPrinterDriverData(_#Missing,0x"), std::string::npos);
+    EXPECT_NE(Trace().find(") failed at 0 with Rtn=2, GetLastError "), std::string::npos);
 }
 
 }  // namespace
