@@ -109,11 +109,15 @@ ClientProperties PropertiesOf(const platform::terminal::ClientPrinter& printer) 
         }
     }
     for (uint32_t i = 0; i < p.parts; ++i) {
+        bool entries = false;
         for (const std::u16string& entry : *lists[i]) {
-            p.lists += entry;
-            p.lists.push_back(u'\0');
+            if (!entry.empty()) {  // an empty one would end the list early
+                p.lists += entry;
+                p.lists.push_back(u'\0');
+                entries = true;
+            }
         }
-        if (lists[i]->empty()) {
+        if (!entries) {
             p.lists.push_back(u'\0');
         }
         p.lists.push_back(u'\0');
