@@ -94,232 +94,78 @@ const std::u16string kTwoTrays = u"1,Upper\0*4,Manual\0\0"s;
 const std::u16string kPapers = u"*9,2100,2970\u00B642,42,2058,2928\0001,2159,2794\0\0"s;
 const std::u16string kResolutions = u"300\0*600\0\0"s;
 
+// The parse in one line: end index, lists present, each list with its
+// count, the three choices, the zero-margin papers.
+std::string Parsed(std::int32_t end, const CPrinterProperties& p) {
+    return std::to_string(end) + " " + std::to_string(p.m_dwParts) + " T" + Shown(p.strTrays) +
+           "#" + std::to_string(p.m_dwTrays) + " P" + Shown(p.strPapers) + "#" +
+           std::to_string(p.m_dwPapers) + " R" + Shown(p.strResolutions) + "#" +
+           std::to_string(p.m_dwRess) + " D" + ovtest::U8(p.strDefaultTray) + "/" +
+           ovtest::U8(p.strDefaultPaper) + "/" + ovtest::U8(p.strDefaultResolution) + " Z" +
+           Shown(p.strZeroBorderPapers);
+}
+
 TEST_F(PrinterPropertiesTest, ListsAreSplitCountedAndTheirChoicesTakenOut) {
     struct Case {
         const char* what;
         std::u16string data;
-        std::optional<std::uint32_t> length;  // bytes; default: the whole data
+        int length;  // bytes; -1: the whole data
         std::uint32_t parts;
-        std::int32_t end;
-        std::uint32_t partsAfter;
-        std::string trays, papers, resolutions;
-        std::uint32_t counts[3];
-        std::string defaults[3];  // tray, paper, resolution
-        std::string zeroBorder;
+        std::string parsed;
         std::string traced;  // a line the parse writes, or empty
     };
-    const std::string kLengthCheck = "m_dwLength == iEnd * sizeof(TCHAR)";
+    const std::string kCheck = "m_dwLength == iEnd * sizeof(TCHAR)";
     const std::string kIllegal =
-        "Illegal PrinterProperties Format, lan reached while "
-        "interpreting, len=";
+        "Illegal PrinterProperties Format, lan reached while interpreting, len=";
+    const std::string kNothing = "-1 0 T#0 P#0 R#0 D// Z";
     const Case cases[] = {
-        {"a lone trays list keeps its mark",
-         kTwoTrays,
-         {},
-         1,
-         19,
-         1,
-         "1,Upper|*4,Manual||",
-         "",
-         "",
-         {2, 0, 0},
-         {"", "", ""},
-         "",
+        {"a lone trays list keeps its mark", kTwoTrays, -1, 1,
+         "19 1 T1,Upper|*4,Manual||#2 P#0 R#0 D// Z", ""},
+        {"a second list takes the marks out", kTwoTrays + u"\0\0"s, -1, 2,
+         "21 2 T1,Upper|4,Manual||#2 P||#1 R#0 D4,Manual// Z|", ""},
+        {"three lists", kTwoTrays + kPapers + kResolutions, -1, 3,
+         "71 3 T1,Upper|4,Manual||#2 P9,2100,2970\u00B642,42,2058,2928|1,2159,2794||#2 "
+         "R300|600||#2 D4,Manual/9,2100,2970\u00B642,42,2058,2928/600 "
+         "Z9,2100,2970\u00B60,0,2100,2970|1,2159,2794\u00B60,0,2159,2794||",
          ""},
-        {"a second list takes the marks out",
-         kTwoTrays + u"\0\0"s,
-         {},
-         2,
-         21,
-         2,
-         "1,Upper|4,Manual||",
-         "||",
-         "",
-         {2, 1, 0},
-         {"4,Manual", "", ""},
-         "|",
-         ""},
-        {"three lists",
-         kTwoTrays + kPapers + kResolutions,
-         {},
-         3,
-         71,
-         3,
-         "1,Upper|4,Manual||",
-         "9,2100,2970\u00B642,42,2058,2928|1,2159,2794||",
-         "300|600||",
-         {2, 2, 2},
-         {"4,Manual", "9,2100,2970\u00B642,42,2058,2928", "600"},
-         "9,2100,2970\u00B60,0,2100,2970|1,2159,2794\u00B60,0,2159,2794||",
-         ""},
-        {"a marked first entry wins, else the last marked one",
-         u"*a\0*b\0\0c\0*d\0*e\0\0"s,
-         {},
-         2,
-         16,
-         2,
-         "a|*b||",
-         "c|*d|e||",
-         "",
-         {2, 3, 0},
-         {"a", "e", ""},
-         "c|*d|e||",
+        {"a marked first entry wins, else the last marked one", u"*a\0*b\0\0c\0*d\0*e\0\0"s, -1, 2,
+         "16 2 Ta|*b||#2 Pc|*d|e||#3 R#0 Da/e/ Zc|*d|e||",
          "SetZeroBorder: Could not interpret <*d>"},
-        {"a bare mark leaves an empty entry",
-         u"1,Upper\0*\0\0\0\0"s,
-         {},
-         2,
-         13,
-         2,
-         "1,Upper|||",
-         "||",
-         "",
-         {2, 1, 0},
-         {"", "", ""},
-         "|",
-         ""},
+        {"a bare mark leaves an empty entry", u"1,Upper\0*\0\0\0\0"s, -1, 2,
+         "13 2 T1,Upper|||#2 P||#1 R#0 D// Z|", ""},
         {"a paper without three numbers keeps its text before the area",
-         u"\0\0Letter\u00B6x\0 9, 5,+7\0\0"s,
-         {},
-         2,
-         21,
-         2,
-         "||",
-         "Letter\u00B6x| 9, 5,+7||",
-         "",
-         {1, 2, 0},
-         {"", "", ""},
-         "Letter| 9, 5,+7\u00B60,0,5,7||",
+         u"\0\0Letter\u00B6x\0 9, 5,+7\0\0"s, -1, 2,
+         "21 2 T||#1 PLetter\u00B6x| 9, 5,+7||#2 R#0 D// ZLetter| 9, 5,+7\u00B60,0,5,7||",
          "SetZeroBorder: Could not interpret <Letter\u00B6x>"},
-        {"more than three parts read three lists",
-         u"\0\0\0\0\0\0"s,
-         {},
-         7,
-         6,
-         3,
-         "||",
-         "||",
-         "||",
-         {1, 1, 1},
-         {"", "", ""},
-         "|",
-         ""},
-        {"bytes after the lists are a check entry only",
-         kTwoTrays + u"xyz"s,
-         {},
-         1,
-         19,
-         1,
-         "1,Upper|*4,Manual||",
-         "",
-         "",
-         {2, 0, 0},
-         {"", "", ""},
-         "",
-         kLengthCheck},
-        {"an odd length counts whole characters",
-         u"a\0\0"s,
-         7,
-         1,
-         3,
-         1,
-         "a||",
-         "",
-         "",
-         {1, 0, 0},
-         {"", "", ""},
-         "",
-         kLengthCheck},
-        {"no parts", u"1,Upper\0\0"s, 0, 0, 0, 0, "", "", "", {0, 0, 0}, {"", "", ""}, "", ""},
-        {"two bytes",
-         u"\0\0"s,
-         2,
-         1,
-         -1,
-         0,
-         "",
-         "",
-         "",
-         {0, 0, 0},
-         {"", "", ""},
-         "",
-         kIllegal + "2"},
-        {"the closing zeros beyond the length",
-         u"a\0\0"s,
-         4,
-         1,
-         -1,
-         0,
-         "",
-         "",
-         "",
-         {0, 0, 0},
-         {"", "", ""},
-         "",
-         kIllegal + "4"},
-        {"a list without its closing zeros",
-         u"1,Upper\0"s,
-         {},
-         1,
-         -1,
-         0,
-         "",
-         "",
-         "",
-         {0, 0, 0},
-         {"", "", ""},
-         "",
-         kIllegal + "16"},
-        {"a missing second list discards the first",
-         kTwoTrays + u"9,1,1\0"s,
-         {},
-         2,
-         -1,
-         0,
-         "",
-         "",
-         "",
-         {0, 0, 0},
-         {"", "", ""},
-         "",
-         kIllegal},
-        {"a missing third list discards all",
-         kTwoTrays + u"\0\0"s,
-         {},
-         3,
-         -1,
-         0,
-         "",
-         "",
-         "",
-         {0, 0, 0},
-         {"", "", ""},
-         "",
-         kIllegal},
+        {"more than three parts read three lists", u"\0\0\0\0\0\0"s, -1, 7,
+         "6 3 T||#1 P||#1 R||#1 D// Z|", ""},
+        {"bytes after the lists are a check entry only", kTwoTrays + u"xyz"s, -1, 1,
+         "19 1 T1,Upper|*4,Manual||#2 P#0 R#0 D// Z", kCheck},
+        {"an odd length counts whole characters", u"a\0\0"s, 7, 1, "3 1 Ta||#1 P#0 R#0 D// Z",
+         kCheck},
+        {"no parts", u"1,Upper\0\0"s, 0, 0, "0 0 T#0 P#0 R#0 D// Z", ""},
+        {"two bytes", u"\0\0"s, 2, 1, kNothing, kIllegal + "2"},
+        {"the closing zeros beyond the length", u"a\0\0"s, 4, 1, kNothing, kIllegal + "4"},
+        {"a list without its closing zeros", u"1,Upper\0"s, -1, 1, kNothing, kIllegal + "16"},
+        {"a missing second list discards the first", kTwoTrays + u"9,1,1\0"s, -1, 2, kNothing,
+         kIllegal + "50"},
+        {"a missing third list discards all", kTwoTrays + u"\0\0"s, -1, 3, kNothing,
+         kIllegal + "42"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
         const std::size_t traceBefore = Trace().size();
-        // The data is copied to its own buffer, so that a read past the
-        // length shows under the address sanitizer.
+        // The data in a buffer of its own, so that a read past the length
+        // shows under the address sanitizer.
         std::vector<char16_t> buffer(c.data.begin(), c.data.end());
-        CPrinterProperties props(c.length.value_or(static_cast<std::uint32_t>(buffer.size() * 2)),
+        CPrinterProperties props(c.length < 0 ? static_cast<std::uint32_t>(buffer.size() * 2)
+                                              : static_cast<std::uint32_t>(c.length),
                                  c.parts);
-        EXPECT_EQ(ParsePrinterProperties(&props, buffer.data()), c.end);
-        EXPECT_EQ(props.m_dwParts, c.partsAfter);
-        EXPECT_EQ(Shown(props.strTrays), c.trays);
-        EXPECT_EQ(Shown(props.strPapers), c.papers);
-        EXPECT_EQ(Shown(props.strResolutions), c.resolutions);
-        EXPECT_EQ(props.m_dwTrays, c.counts[0]);
-        EXPECT_EQ(props.m_dwPapers, c.counts[1]);
-        EXPECT_EQ(props.m_dwRess, c.counts[2]);
-        EXPECT_EQ(ovtest::U8(props.strDefaultTray), c.defaults[0]);
-        EXPECT_EQ(ovtest::U8(props.strDefaultPaper), c.defaults[1]);
-        EXPECT_EQ(ovtest::U8(props.strDefaultResolution), c.defaults[2]);
-        EXPECT_EQ(Shown(props.strZeroBorderPapers), c.zeroBorder);
+        const std::int32_t end = ParsePrinterProperties(&props, buffer.data());
+        EXPECT_EQ(Parsed(end, props), c.parsed);
         const std::string written = Trace().substr(traceBefore);
         if (c.traced.empty()) {
-            EXPECT_EQ(written.find(kLengthCheck), std::string::npos) << written;
+            EXPECT_EQ(written.find(kCheck), std::string::npos) << written;
             EXPECT_EQ(written.find("Illegal"), std::string::npos) << written;
         } else {
             EXPECT_NE(written.find(c.traced), std::string::npos) << written;
