@@ -1,4 +1,5 @@
 // ovasctl session: log users on and off the embedded terminal server.
+#include <cctype>
 #include <cstdio>
 #include <cstring>
 #include <iostream>
@@ -51,14 +52,29 @@ std::vector<std::u16string> SplitList(const std::string& text) {
     return out;
 }
 
+// The comma that ends the field starting at `start`: the next one followed
+// by a field name and "=", so that values may hold commas themselves (tray
+// entries "7,Manual", paper entries "9,2100,2970").
+std::size_t FieldEnd(const std::string& text, std::size_t start) {
+    for (std::size_t comma = text.find(',', start); comma != std::string::npos;
+         comma = text.find(',', comma + 1)) {
+        std::size_t i = comma + 1;
+        while (i < text.size() && std::isalpha(static_cast<unsigned char>(text[i]))) {
+            ++i;
+        }
+        if (i > comma + 1 && i < text.size() && text[i] == '=') {
+            return comma;
+        }
+    }
+    return text.size();
+}
+
 // "name=..,class=..,driver=..,id=..[,trays=a;*b][,papers=..][,resolutions=..][,duplex=N]"
+// List entries are separated by ";" and may contain commas.
 bool ParsePrinter(const std::string& text, terminal::ClientPrinter* p, std::string* error) {
     std::size_t start = 0;
     while (start < text.size()) {
-        std::size_t end = text.find(',', start);
-        if (end == std::string::npos) {
-            end = text.size();
-        }
+        const std::size_t end = FieldEnd(text, start);
         const std::string field = text.substr(start, end - start);
         start = end + 1;
         const auto eq = field.find('=');

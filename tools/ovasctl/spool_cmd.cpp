@@ -434,6 +434,26 @@ int AddDriver(const std::string& name, const std::vector<std::string>& files) {
     return 0;
 }
 
+int AddProcessor(const std::string& name, const std::string& file) {
+    if (!AddPrintProcessorW(u"", kEnvironmentX64, Utf16(file.empty() ? name + ".dll" : file),
+                            Utf16(name))) {
+        return Fail("AddPrintProcessor \"" + name + "\"", GetLastError());
+    }
+    std::cout << "Added print processor \"" << name << "\"\n";
+    return 0;
+}
+
+int ListProcessors() {
+    const auto names = EnumPrintProcessorsW(u"", kEnvironmentX64);
+    if (!names) {
+        return Fail("EnumPrintProcessors", GetLastError());
+    }
+    for (const auto& name : *names) {
+        std::cout << Utf8(name) << '\n';
+    }
+    return 0;
+}
+
 int ListDrivers(bool json) {
     auto drivers = EnumPrinterDriversW(u"", kEnvironmentX64, 6);
     if (!drivers) {
@@ -746,6 +766,20 @@ void InstallSpoolCommands(CLI::App& app) {
     auto* dlist = driver->add_subcommand("list", "installed drivers");
     dlist->add_flag("--json", *json, "machine-readable output");
     dlist->callback([json] { ListDrivers(*json); });
+
+    auto* processor = spool->add_subcommand("processor", "print processors");
+    processor->require_subcommand(1);
+    struct ProcessorArgs {
+        std::string name, file;
+    };
+    auto prargs = std::make_shared<ProcessorArgs>();
+    auto* pradd = processor->add_subcommand("add", "install a print processor");
+    pradd->add_option("NAME", prargs->name, "print processor name")->required();
+    pradd->add_option("--file", prargs->file, "its library (default NAME.dll)");
+    pradd->callback([prargs] { AddProcessor(prargs->name, prargs->file); });
+    processor->add_subcommand("list", "installed print processors")->callback([] {
+        ListProcessors();
+    });
 
     auto* port = spool->add_subcommand("port", "port monitors and their ports");
     port->require_subcommand(1);

@@ -10,6 +10,7 @@
 // Exit codes: creating 0 when every printer was made, 2 when any failed or
 // the printers cannot be chosen; deleting 1 when printers were deleted, 0
 // when none, 2 on an error; 3 for a bad command line.
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -214,6 +215,45 @@ bool ChoosePrinters(const Options& o, const platform::terminal::Session& session
     return true;
 }
 
+// The client printer's trays, papers and resolutions as the service takes
+// them: one list each (entries zero-terminated, the list closed by one more
+// zero), trays first; lists after the last non-empty one are left out. The
+// duplex ability becomes the option: no duplex unit 1, long edge 8
+// (vertical), short edge 4 (horizontal).
+struct ClientProperties {
+    std::u16string lists;
+    uint32_t parts = 0;
+    uint32_t options = 0;
+};
+
+ClientProperties PropertiesOf(const platform::terminal::ClientPrinter& printer) {
+    ClientProperties p;
+    const std::vector<std::u16string>* lists[] = {&printer.trays, &printer.papers,
+                                                  &printer.resolutions};
+    for (uint32_t i = 0; i < 3; ++i) {
+        if (!lists[i]->empty()) {
+            p.parts = i + 1;
+        }
+    }
+    for (uint32_t i = 0; i < p.parts; ++i) {
+        bool entries = false;
+        for (const std::u16string& entry : *lists[i]) {
+            if (!entry.empty()) {  // an empty one would end the list early
+                p.lists += entry;
+                p.lists.push_back(u'\0');
+                entries = true;
+            }
+        }
+        if (!entries) {
+            p.lists.push_back(u'\0');
+        }
+        p.lists.push_back(u'\0');
+    }
+    constexpr uint32_t kOptionByDuplex[] = {1, 8, 4};
+    p.options = printer.duplex < 3 ? kOptionByDuplex[printer.duplex] : 0;
+    return p;
+}
+
 int Delete(const Options& o) {
     const int32_t result = OVADLLDelPrinter(o.session, o.removeAll ? 1 : 0);
     if (result < 0) {
@@ -252,10 +292,12 @@ int Create(const Options& o) {
         for (std::size_t i = 0; i < printer.printerClass.size() && i < 524; ++i) {
             templ[i] = static_cast<OVCHAR>(printer.printerClass[i]);
         }
+        const ClientProperties props = PropertiesOf(printer);
         const int32_t result = OVADLLAddPrinter(
             name.data(), templ.data(), Ov(session.clientAddress), 3, Ov(printer.driver),
             printer.printerId, o.session, Ov(session.clientName), Ov(user), Ov(session.clientName),
-            nullptr, 0, 0, 0, 0);
+            props.parts != 0 ? props.lists.data() : nullptr,
+            static_cast<uint32_t>(props.lists.size() * 2), props.parts, props.options, 0);
         const std::string created(platform::ToUtf8(reinterpret_cast<const char16_t*>(name.data())));
         const std::string from(platform::ToUtf8(reinterpret_cast<const char16_t*>(templ.data())));
         if (result == 0) {

@@ -8,6 +8,7 @@
 #include "common/module_state.h"
 #include "common/ovstring.h"
 #include "create/naming_scheme.h"
+#include "create/printer_properties.h"
 #include "create/template_search.h"
 #include "create/win_port.h"
 #include "platform/kernel.h"
@@ -167,6 +168,8 @@ std::int32_t CopyPrinterDriverData(std::u16string_view templateName, void* print
         return failed(0, static_cast<std::int32_t>(rc));
     }
     std::vector<std::byte> data(1024);
+    constexpr int kMemoryRetries = 3;
+    int memoryShort = 0;
     for (platform::DWORD index = 0;;) {
         char16_t name[261] = {};
         platform::DWORD nameLength = 261;
@@ -174,10 +177,23 @@ std::int32_t CopyPrinterDriverData(std::u16string_view templateName, void* print
         auto size = static_cast<platform::DWORD>(data.size());
         const auto rc =
             platform::RegEnumValueW(key.get(), index, name, &nameLength, &type, data.data(), &size);
-        if (rc == platform::ERROR_MORE_DATA) {
+        if (rc == platform::ERROR_MORE_DATA && size > data.size()) {
             data.resize(size);
             continue;
         }
+        if (rc == platform::ERROR_MORE_DATA) {
+            // The data fits, so the name does not: no value of the driver
+            // has such a name, and it is left out rather than asked for again.
+            OVTRACE(ERR | NORM,
+                    "CopyPrinterDriverData(%s,0x%x): value %d has a name too long, left out",
+                    templateName, printer, index);
+            ++index;
+            continue;
+        }
+        if (rc == platform::ERROR_NOT_ENOUGH_MEMORY && ++memoryShort < kMemoryRetries) {
+            continue;
+        }
+        memoryShort = 0;
         if (rc == platform::ERROR_NO_MORE_ITEMS) {
             OVTRACE(INF | NORM, "CopyPrinterDriverData(%s,0x%x) ok ", templateName, printer);
             return 0;
@@ -296,9 +312,23 @@ std::int32_t InstallPrinter(const CreateRequest& r, std::u16string* strCreatedPr
             if (r.PrinterProperties == nullptr) {
                 OVTRACE(INF | NORM, "No PrinterPorperties got");
             } else {
-                // The client's trays, papers and resolutions are not applied
-                // yet: the printer keeps its driver's defaults.
-                OVTRACE(ERR | NORM, "SetPrinterProperties failed");
+                OVTRACE(INF | NORM, "SetPrinterProperties");
+                if (SetPrinterProperties(r.PrinterProperties, r.PropertiesLength, r.PropertiesParts,
+                                         r.nPrinterPropertiesOptions, printer.get(),
+                                         &added) == -1) {
+                    OVTRACE(ERR | NORM, "SetPrinterProperties failed");
+                } else {
+                    OVTRACE(INF | NORM, "SetPrinterProperties ok");
+                    platform::OSVERSIONINFOEXW version;
+                    if (platform::GetVersionExW(&version) &&
+                        version.dwPlatformId == platform::VER_PLATFORM_WIN32_NT &&
+                        version.dwMajorVersion >= 5 &&
+                        !platform::SetPrinterW(printer.get(), platform::PrinterInfo8{added.devMode},
+                                               0)) {
+                        OVTRACE(ERR | NORM, "SetPrinter(8) failed with: %d",
+                                platform::GetLastError());
+                    }
+                }
             }
         } else {
             OVTRACE(INF | NORM, "No OVRP, PrinterPorperties not set");

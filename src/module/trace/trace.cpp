@@ -21,9 +21,6 @@ namespace {
 constexpr std::uint32_t kNotRead = 0xFFFFFFFF;
 std::atomic<std::uint32_t> g_level{kNotRead};
 
-// The longest trace file path, in characters.
-constexpr std::size_t kMaxPathChars = 259;
-
 void SwitchOff() {
     g_level.store(0, std::memory_order_relaxed);
 }
