@@ -38,7 +38,11 @@ TEST_F(SystemText, SystemDirectoryAnsiTextAndStartupInfo) {
         // Windows-1252: the euro sign, curly quotes, Latin-1 letters and the
         // five undefined bytes kept as their own code points.
         EXPECT_EQ(AnsiToWide("\x80\x93\xE9\x81\x9F\xFF"), u"\u20AC\u201C\u00E9\u0081\u0178\u00FF");
+        // And back; what the code page lacks becomes '?'.
+        EXPECT_EQ(WideToAnsi(u"\u20AC\u201C\u00E9\u0081\u0178\u00FF"), "\x80\x93\xE9\x81\x9F\xFF");
+        EXPECT_EQ(WideToAnsi(u"Drucker B\u00FCro \u0416\u4E2D"), "Drucker B\xFCro ??");
     }
+    EXPECT_EQ(WideToAnsi(u"plain text 123"), "plain text 123");
     STARTUPINFOW startup;
     startup.dwFlags = 0xDEAD;
     GetStartupInfoW(&startup);

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "ovsvc.h"
+#include "platform/kernel.h"
 #include "platform/process.h"
 #include "platform/text.h"
 #include "platform/wts.h"
@@ -298,8 +299,12 @@ int Create(const Options& o) {
             printer.printerId, o.session, Ov(session.clientName), Ov(user), Ov(session.clientName),
             props.parts != 0 ? props.lists.data() : nullptr,
             static_cast<uint32_t>(props.lists.size() * 2), props.parts, props.options, 0);
-        const std::string created(platform::ToUtf8(reinterpret_cast<const char16_t*>(name.data())));
-        const std::string from(platform::ToUtf8(reinterpret_cast<const char16_t*>(templ.data())));
+        // In the ANSI code page, as a Windows program writes into a pipe: the
+        // automation object reads the line that way.
+        const std::string created(
+            platform::WideToAnsi(reinterpret_cast<const char16_t*>(name.data())));
+        const std::string from(
+            platform::WideToAnsi(reinterpret_cast<const char16_t*>(templ.data())));
         if (result == 0) {
             if (o.verbosity > 0) {
                 std::printf("Create \"%s\" from \"%s\"\n", created.c_str(), from.c_str());

@@ -61,6 +61,26 @@ std::u16string AnsiToWide(std::string_view bytes) {
     return text;
 }
 
+std::string WideToAnsi(std::u16string_view text) {
+    std::string bytes;
+    bytes.reserve(text.size());
+    for (const char16_t c : text) {
+        char byte = '?';
+        if (c < 0x80 || (c >= 0xA0 && c <= 0xFF)) {
+            byte = static_cast<char>(c);
+        } else {
+            for (unsigned i = 0; i < 32; ++i) {
+                if (kHigh1252[i] == c) {
+                    byte = static_cast<char>(0x80 + i);
+                    break;
+                }
+            }
+        }
+        bytes.push_back(byte);
+    }
+    return bytes;
+}
+
 void GetStartupInfoW(STARTUPINFOW* startup) {
     *startup = STARTUPINFOW{};
 }

@@ -40,6 +40,18 @@ std::u16string AnsiToWide(std::string_view bytes) {
     return text;
 }
 
+std::string WideToAnsi(std::u16string_view text) {
+    if (text.empty()) {
+        return {};
+    }
+    const std::wstring wide(text.begin(), text.end());
+    const int size = static_cast<int>(wide.size());
+    const int n = ::WideCharToMultiByte(CP_ACP, 0, wide.data(), size, nullptr, 0, nullptr, nullptr);
+    std::string bytes(static_cast<std::size_t>(n), '\0');
+    ::WideCharToMultiByte(CP_ACP, 0, wide.data(), size, bytes.data(), n, nullptr, nullptr);
+    return bytes;
+}
+
 void GetStartupInfoW(STARTUPINFOW* startup) {
     ::STARTUPINFOW native{};
     native.cb = sizeof native;

@@ -200,6 +200,9 @@ std::optional<std::u16string> GetSystemDirectoryW();
 // converts them.
 inline constexpr unsigned CP_ACP = 0;
 std::u16string AnsiToWide(std::string_view bytes);
+// The reverse: UTF-16 in the ANSI code page, each character the code page
+// lacks as '?' (WideCharToMultiByte's default character).
+std::string WideToAnsi(std::u16string_view text);
 // Sets (or, with an empty value, removes) one of this process's environment
 // variables, seen by programs it starts later. On the embedded machine
 // OVSVC_SESSION_ID is the terminal session the process belongs to.
