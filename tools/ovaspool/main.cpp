@@ -121,10 +121,13 @@ int Create(const Options& o) {
         for (std::size_t i = 0; i < printer.printerClass.size() && i < 524; ++i) {
             templ[i] = static_cast<OVCHAR>(printer.printerClass[i]);
         }
+        // A PostScript printer's data is its packed description (no lists).
+        const void* ppd = printer.ppd.empty() ? nullptr : printer.ppd.data();
+        const auto ppdBytes = static_cast<uint32_t>(printer.ppd.size());
         const int32_t result = OVADLLAddPrinter(
             name.data(), templ.data(), Ov(session.clientAddress), 3, Ov(printer.driver),
             printer.printerId, o.session, Ov(session.clientName), Ov(user), Ov(session.clientName),
-            nullptr, 0, 0, 0, 0);
+            ppd, ppdBytes, 0, 0, 0);
         const std::string created(platform::ToUtf8(reinterpret_cast<const char16_t*>(name.data())));
         const std::string from(platform::ToUtf8(reinterpret_cast<const char16_t*>(templ.data())));
         if (result == 0) {
