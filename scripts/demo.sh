@@ -146,6 +146,9 @@ echo; echo "== alice logs off: no autocreated printer is left"
 if "$ctl" spool printers | grep -q 'Printer created by Ovaspool'; then
   echo "demo: an autocreated printer is left" >&2; exit 1
 fi
+if "$ctl" spool driver list | grep -q 'OV PS Driver'; then
+  echo "demo: a generated PostScript driver is left" >&2; exit 1
+fi
 
 echo; echo "== stopping the service"
 "$ctl" service stop
