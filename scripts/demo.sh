@@ -21,16 +21,19 @@ key='HKLM\Software\Orvelle\Ovaspool'
 "$ctl" reg set "$key" NameTranslationEx --type multi_sz \
   'IP,Client,Driver,Printer,Class,T1,T2,T4,T8,Template,Flag' \
   '*,*,HP*,*,*,true,true,true,true,HP Universal,' \
-  '*,*,*,*,PS,true,true,true,true,Generic PostScript,'
+  '*,*,*,*,PS,true,true,true,true,OVPS!OVAS2:,'
 
-echo; echo "== the product's port monitor and the template printers the translated names point at"
+echo; echo "== the product's installation: the PostScript template driver \"OV Relay Printer PS\""
+"$ctl" setup
+"$ctl" setup   # a second run changes nothing
+
+echo; echo "== the product's port monitor and the template printer the PCL names point at"
 "$ctl" spool port add 'Orvelle Port' OVAS1: --info 'Protocol=3\nOVASScheme=%A:%I#%N'
 "$ctl" spool port add 'Orvelle Port' OVAS2: --info 'Protocol=3\nOVASScheme=%A:%I#%N'
 "$ctl" spool template add 'HP Universal' --driver 'Generic / Text Only' --port OVAS1:
-"$ctl" spool template add 'Generic PostScript' --driver 'Generic / Text Only' --port OVAS2:
 # Printers made from a template keep its ACL: only SYSTEM and Administrators.
+# PostScript client printers ("OVPS!OVAS2:") get a driver generated from the PPD they send.
 "$ctl" spool acl '_#HP Universal'
-"$ctl" spool acl '_#Generic PostScript'
 "$ctl" account add 'ORVELLE\alice'
 "$ctl" account add 'ORVELLE\bob'
 
@@ -51,11 +54,22 @@ expect() {  # expect <what> <command...>: the command must succeed
   if ! "$@" >/dev/null 2>&1; then echo "demo: expected $what, but it is not so" >&2; exit 1; fi
 }
 
+echo; echo "== bob's client machine has a PostScript printer; its PPD travels packed"
+cat > "$OVSVC_ROOT/office.ppd" <<'PPD'
+*PPD-Adobe: "4.3"
+*ModelName: "Office PS 3000"
+*NickName: "Office PS 3000"
+*LanguageLevel: "3"
+*DefaultPageSize: A4
+*PageSize A4/A4: "<</PageSize[595 842]>>setpagedevice"
+PPD
+"$ctl" ppd pack "$OVSVC_ROOT/office.ppd" -o "$OVSVC_ROOT/office.ovppd"
+
 echo; echo "== two users log on; each session's client program ("Ovaspool -q") creates its client printers"
 "$ctl" session logon --id 2 --user 'ORVELLE\alice' --client ALICE-PC --address 10.0.0.21 \
   --printer 'name=HP LaserJet 4,class=PCL,driver=HP LaserJet 4,id=1'
 "$ctl" session logon --id 3 --user 'ORVELLE\bob' --client BOB-PC --address 10.0.0.22 \
-  --printer 'name=Office PS,class=PS,driver=Generic PS,id=7'
+  --printer "name=Office PS,class=PS,driver=Generic PS,id=7,ppd=$OVSVC_ROOT/office.ovppd"
 "$ctl" session list
 
 echo; echo "== client calls answered by the service"
@@ -73,6 +87,8 @@ echo; echo "== the printers of both sessions: marked, listing their session, pri
 "$ctl" call enum
 expect "alice's printer" "$ctl" spool show 'ALICE-PC:1#HP LaserJet 4'
 expect "bob's printer" "$ctl" spool show 'BOB-PC:7#Office PS'
+echo "-- bob's printer has a driver of its own, its data file the PPD his client sent:"
+"$ctl" spool driver list | grep -E 'NAME|OV PS Driver'
 
 echo; echo "== the automation object: a script deletes alice's printers and creates one again"
 "$ctl" com register
@@ -106,12 +122,15 @@ expect "bob's printer to wait for its job" "$ctl" spool show 'BOB-PC:7#Office PS
 if "$ctl" spool show 'BOB-PC:7#Office PS' >/dev/null 2>&1; then
   echo "demo: bob's printer stayed after its job" >&2; exit 1
 fi
+if "$ctl" spool driver list | grep -q 'OV PS Driver'; then
+  echo "demo: bob's generated driver outlived his printer" >&2; exit 1
+fi
 
 echo; echo "== both log on again; the service is killed, bob's session ends meanwhile, the restarted service repairs"
 "$ctl" session logon --id 4 --user 'ORVELLE\alice' --client ALICE-PC --address 10.0.0.21 \
   --printer 'name=HP LaserJet 4,class=PCL,driver=HP LaserJet 4,id=1'
 "$ctl" session logon --id 5 --user 'ORVELLE\bob' --client BOB-PC --address 10.0.0.22 \
-  --printer 'name=Office PS,class=PS,driver=Generic PS,id=7'
+  --printer "name=Office PS,class=PS,driver=Generic PS,id=7,ppd=$OVSVC_ROOT/office.ovppd"
 pkill -KILL -f "$PWD/build/default/bin/ovaspoolsvc" || true
 "$ctl" session logoff --id 5 2>/dev/null || true   # its delete command finds no service
 "$ctl" service start >/dev/null
@@ -132,6 +151,9 @@ echo; echo "== alice logs off: no autocreated printer is left"
 "$ctl" call enum
 if "$ctl" spool printers | grep -q 'Printer created by Ovaspool'; then
   echo "demo: an autocreated printer is left" >&2; exit 1
+fi
+if "$ctl" spool driver list | grep -q 'OV PS Driver'; then
+  echo "demo: a generated PostScript driver is left" >&2; exit 1
 fi
 
 echo; echo "== stopping the service"

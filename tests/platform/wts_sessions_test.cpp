@@ -362,6 +362,7 @@ TEST_F(WtsSessions, ClientPrintersRoundTripInOrder) {
         p.papers = {u"A4", u"*Letter"};
         p.resolutions = {u"*600x600"};
         p.duplex = i % 3;
+        p.ppd.assign(i, std::byte{0xA5});  // binary, and none for the first printer
         s.printers.push_back(p);
     }
     ASSERT_EQ(terminal::Logon(s), ERROR_SUCCESS);
@@ -378,6 +379,7 @@ TEST_F(WtsSessions, ClientPrintersRoundTripInOrder) {
         EXPECT_EQ(p.papers, (std::vector<std::u16string>{u"A4", u"*Letter"}));
         EXPECT_EQ(p.resolutions, (std::vector<std::u16string>{u"*600x600"}));
         EXPECT_EQ(p.duplex, i % 3);
+        EXPECT_EQ(p.ppd, std::vector<std::byte>(i, std::byte{0xA5}));
     }
     // A reconnect with fewer printers replaces the list.
     ASSERT_EQ(terminal::Disconnect(6), ERROR_SUCCESS);

@@ -3,6 +3,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -33,5 +34,12 @@ std::string Utf8(std::u16string_view text);
 
 // A JSON string literal (quotes included) for UTF-8 text.
 std::string JsonString(std::string_view text);
+
+// The packed form ("OVPPD" and one zlib stream per file) of PPD files.
+bool PackPpdFiles(const std::vector<std::string>& paths, std::vector<std::byte>* packed,
+                  std::string* error);
+// What a client printer with the description in `path` sends: the file as
+// it is when already packed, else its packed form.
+bool ReadPpdForClient(const std::string& path, std::vector<std::byte>* packed, std::string* error);
 
 }  // namespace ovasctl

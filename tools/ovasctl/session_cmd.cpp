@@ -69,7 +69,8 @@ std::size_t FieldEnd(const std::string& text, std::size_t start) {
     return text.size();
 }
 
-// "name=..,class=..,driver=..,id=..[,trays=a;*b][,papers=..][,resolutions=..][,duplex=N]"
+// "name=..,class=..,driver=..,id=..[,trays=a;*b][,papers=..][,resolutions=..][,duplex=N]
+// [,ppd=FILE]"; FILE is a PPD file (packed here) or one packed already.
 // List entries are separated by ";" and may contain commas.
 bool ParsePrinter(const std::string& text, terminal::ClientPrinter* p, std::string* error) {
     std::size_t start = 0;
@@ -101,6 +102,10 @@ bool ParsePrinter(const std::string& text, terminal::ClientPrinter* p, std::stri
                 p->resolutions = SplitList(value);
             } else if (key == "duplex") {
                 p->duplex = static_cast<DWORD>(std::stoul(value));
+            } else if (key == "ppd") {
+                if (!ReadPpdForClient(value, &p->ppd, error)) {
+                    return false;
+                }
             } else {
                 *error = "unknown printer field: " + key;
                 return false;
@@ -149,8 +154,12 @@ void PrintTable(const std::vector<terminal::Session>& sessions) {
                     user.c_str(), Utf8(s.clientName).c_str(), Utf8(s.clientAddress).c_str(),
                     s.printers.size());
         for (const auto& p : s.printers) {
-            std::printf("        printer %u: %s (class %s, driver %s)\n", p.printerId,
+            std::printf("        printer %u: %s (class %s, driver %s)", p.printerId,
                         Utf8(p.name).c_str(), Utf8(p.printerClass).c_str(), Utf8(p.driver).c_str());
+            if (!p.ppd.empty()) {
+                std::printf(", packed PPD of %zu bytes", p.ppd.size());
+            }
+            std::printf("\n");
         }
     }
 }
@@ -175,7 +184,7 @@ void PrintJson(const std::vector<terminal::Session>& sessions) {
                 << ",\"driver\":" << JsonString(Utf8(p.driver)) << ",\"id\":" << p.printerId
                 << ",\"trays\":" << JsonList(p.trays) << ",\"papers\":" << JsonList(p.papers)
                 << ",\"resolutions\":" << JsonList(p.resolutions) << ",\"duplex\":" << p.duplex
-                << "}";
+                << ",\"ppdBytes\":" << p.ppd.size() << "}";
         }
         out << "]}";
     }
@@ -279,7 +288,7 @@ void InstallSessionCommands(CLI::App& app) {
     cmdLogon->add_option("--station", logon->station, "window station name");
     cmdLogon->add_option("--printer", logon->printers,
                          "name=..,class=..,driver=..,id=..[,trays=a;*b][,papers=..]"
-                         "[,resolutions=..][,duplex=N]");
+                         "[,resolutions=..][,duplex=N][,ppd=FILE (a PostScript printer's PPD)]");
     cmdLogon->callback([logon] {
         terminal::Session s;
         s.id = logon->id;
@@ -300,6 +309,12 @@ void InstallSessionCommands(CLI::App& app) {
                 std::cerr << "ovasctl: " << error << "\n";
                 ExitCode() = 2;
                 return;
+            }
+            if (p.ppd.size() >= 131073) {
+                std::cerr << "ovasctl: warning: the packed PPD of \"" << Utf8(p.name) << "\" has "
+                          << p.ppd.size()
+                          << " bytes, more than a create request carries: the service will use "
+                             "the standard PPD\n";
             }
             s.printers.push_back(std::move(p));
         }

@@ -293,12 +293,17 @@ int Create(const Options& o) {
         for (std::size_t i = 0; i < printer.printerClass.size() && i < 524; ++i) {
             templ[i] = static_cast<OVCHAR>(printer.printerClass[i]);
         }
+        // A PostScript printer's data is its packed description; any other
+        // printer sends its trays, papers and resolutions.
         const ClientProperties props = PropertiesOf(printer);
+        const bool ppd = !printer.ppd.empty();
+        const void* data = ppd ? static_cast<const void*>(printer.ppd.data())
+                               : (props.parts != 0 ? props.lists.data() : nullptr);
+        const auto bytes = static_cast<uint32_t>(ppd ? printer.ppd.size() : props.lists.size() * 2);
         const int32_t result = OVADLLAddPrinter(
             name.data(), templ.data(), Ov(session.clientAddress), 3, Ov(printer.driver),
             printer.printerId, o.session, Ov(session.clientName), Ov(user), Ov(session.clientName),
-            props.parts != 0 ? props.lists.data() : nullptr,
-            static_cast<uint32_t>(props.lists.size() * 2), props.parts, props.options, 0);
+            data, bytes, ppd ? 0 : props.parts, ppd ? 0 : props.options, 0);
         // In the ANSI code page, as a Windows program writes into a pipe: the
         // automation object reads the line that way.
         const std::string created(

@@ -109,7 +109,7 @@ std::u16string_view GetConnectionSuffix(std::uint32_t nFlags) {
 std::int32_t FindPrinterTemplate(const std::array<std::u16string, 3>& templates,
                                  std::uint32_t* count, std::u16string* outName, TemplateInfo* info,
                                  std::uint32_t* isNewDefinition, std::uint32_t nFlags,
-                                 const void* /*properties*/, std::uint32_t /*propertiesLength*/) {
+                                 const void* properties, std::uint32_t propertiesLength) {
     const std::uint32_t tries = std::min<std::uint32_t>(*count, 3);
     for (std::uint32_t i = 0; i < tries; ++i) {
         const std::u16string& name = templates[i];
@@ -129,10 +129,15 @@ std::int32_t FindPrinterTemplate(const std::array<std::u16string, 3>& templates,
                 NewDefinition(info->strPort, kRelayDriver, u"ovwinprn", u"NT EMF 1.003");
             *outName = Format(u"OVRP!, Port: %s", info->strPort);
         } else if (const auto psPort = PortAfter(name, u"OVPS!")) {
-            // Drivers generated from the client's PPD are not built yet: the
-            // search ends as for an unusable PPD.
             OVTRACE(INF | NORM, "%d. Versuch NEW PS DRIVER added to port %s", n, *psPort);
-            return kResultNoTemplate;
+            PostScriptDriver psDriver(properties, propertiesLength);
+            if (psDriver.GetError() != 0 || psDriver.Install(kPostScriptDriverBase) == 0) {
+                return kResultNoTemplate;
+            }
+            info->strPort = *psPort;
+            info->strPsDriver = psDriver.GetNewDriverName();
+            info->pPrtInfo2 = NewDefinition(info->strPort, info->strPsDriver, u"WinPrint", u"");
+            *outName = Format(u"OVPS! %s, Port: %s", info->strPsDriver, info->strPort);
         } else if (SplitDriverPort(name, &driver, &port)) {
             OVTRACE(ERR | NORM, "%d. Versuch NEW Printer added with driver=%s, port=%s", n, driver,
                     port);

@@ -126,6 +126,10 @@ void WriteSession(HKEY key, const terminal::Session& s) {
         SetList(pk.get(), u"Papers", p.papers);
         SetList(pk.get(), u"Resolutions", p.resolutions);
         SetDword(pk.get(), u"Duplex", p.duplex);
+        if (!p.ppd.empty()) {
+            RegSetValueExW(pk.get(), u"PPD", REG_BINARY, p.ppd.data(),
+                           static_cast<DWORD>(p.ppd.size()));
+        }
     }
 }
 
@@ -156,6 +160,10 @@ std::vector<terminal::ClientPrinter> ReadPrinters(HKEY sessionKey) {
         p.papers = GetList(pk.get(), u"Papers");
         p.resolutions = GetList(pk.get(), u"Resolutions");
         p.duplex = GetDword(pk.get(), u"Duplex", 0);
+        if (RegistryValue ppd;
+            RegGetValue(pk.get(), u"PPD", &ppd) == ERROR_SUCCESS && ppd.type == REG_BINARY) {
+            p.ppd = std::move(ppd.data);
+        }
         out.push_back(std::move(p));
     }
     return out;

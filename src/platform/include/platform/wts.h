@@ -173,6 +173,9 @@ struct ClientPrinter {
     std::vector<std::u16string> papers;
     std::vector<std::u16string> resolutions;
     DWORD duplex = 0;  // 0 none, 1 long edge, 2 short edge
+    // A PostScript printer's packed description ("OVPPD" and zlib streams),
+    // sent as its create request's data; empty for none.
+    std::vector<std::byte> ppd;
 };
 
 struct Session {
