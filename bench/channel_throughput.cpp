@@ -4,9 +4,9 @@
 //   bench_channel_throughput [requests-per-client=2000] [client counts...]
 //
 // Each run uses a fresh machine root with tracing off. A client process
-// sends repair requests (the service answers them at once on an empty
-// machine), so the numbers are the channel's own cost: ticket, five event
-// hand-overs, area copy. Beside them, measured in the same run:
+// sends requests with a command code the service has no handler for (it
+// answers -1 at once), so the numbers are the channel's own cost: ticket,
+// five event hand-overs, area copy. Beside them, measured in the same run:
 //   - one request's time in cross-process event round trips (two processes
 //     handing a turn back and forth through two named events);
 //   - the CPU the clients spend beyond what one client alone spends per
@@ -23,12 +23,15 @@
 #include <string>
 #include <vector>
 
+#include "channel/client_sync.h"
 #include "channel/startup.h"
 #include "ovsvc.h"
 #include "platform/kernel.h"
 #include "platform/machine.h"
 
 namespace {
+
+constexpr std::uint32_t kNoSuchCommand = 99;
 
 double Seconds(const timeval& tv) {
     return static_cast<double>(tv.tv_sec) + tv.tv_usec / 1e6;
@@ -61,8 +64,11 @@ int RunClient(int requests, platform::HANDLE startGate) {
     ovsvc::ModuleAttach();
     platform::WaitForSingleObject(startGate, platform::INFINITE);
     int failures = 0;
+    ovsvc::ClientRequest request{};
+    request.Command = kNoSuchCommand;
+    ovsvc::ReplyBuffer reply;
     for (int i = 0; i < requests; ++i) {
-        if (OVADLLRepair() != 0) {  // nothing to repair on an empty machine
+        if (ovsvc::ClientSync(&request, &reply) != ovsvc::kResultUnknownCommand) {
             ++failures;
         }
     }

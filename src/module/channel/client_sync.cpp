@@ -32,15 +32,18 @@ bool SetNamedEvent(const std::u16string& name) {
 
 // Waiting for a turn costs no CPU. Only the holder of the ticket after the
 // one being served waits on OVAck1; the others sleep on the turn counter
-// `Act`, each under its own ticket as key. Once the holder of ticket n has
-// its turn it wakes the holder of n + 1: right after taking OVAck1 back (so
-// that one finds OVAck1 reset and sleeps on it until the service grants the
-// next turn) and again when it leaves. A sleep that no wake ends (the holder
-// before gave up, a ticket was abandoned) is cut short after kPollMs.
+// `Act`, each under its own ticket as key. The holder of ticket n, when it
+// leaves after its turn, wakes the holder of n + 1, which then waits on
+// OVAck1 (reset by n) for the service to grant its turn. A sleep that no
+// wake ends (the holder before gave up, a ticket was abandoned) is cut short
+// after kPollMs.
 constexpr platform::DWORD kPollMs = 20;
 
 void WakeNextTicket(SHM* area, std::int32_t myNr) {
-    platform::WakeByAddressKey(&area->Act, static_cast<platform::DWORD>(myNr + 1));
+    // A ticket drawn after this check is the next one and waits on OVAck1.
+    if (platform::InterlockedRead(&area->Next) > myNr) {
+        platform::WakeByAddressKey(&area->Act, static_cast<platform::DWORD>(myNr + 1));
+    }
 }
 
 // Wakes the holder of the next ticket however the request ends.
@@ -238,7 +241,6 @@ std::int32_t ClientSync(const ClientRequest* request, ReplyBuffer* reply) {
         OVTRACE(INF | SYNC, "reset event OVAck1...");
         platform::ResetEvent(ack1.get());
     }
-    WakeNextTicket(area, myNr);  // it now finds OVAck1 reset and sleeps on it
 
     OVTRACE(INF | SYNC, "copy data into SHM ...");
     const std::uint32_t threadId = platform::GetCurrentThreadId();

@@ -1,6 +1,7 @@
 #include "platform/machine.h"
 
 #include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -82,15 +83,29 @@ void OnRootChange(std::function<void()> hook) {
     s.hooks.push_back(std::move(hook));
 }
 
+namespace {
+
 // machine.conf as last read, kept until the file changes: settings are
-// asked for on hot paths (every "Global\" object name).
+// asked for on hot paths (every "Global\" object name), so the file is
+// looked at again only when kRecheckNs have passed since the last look (a
+// change made by this process is seen at once, one made by another process
+// that much later).
+constexpr std::int64_t kRecheckNs = 2000000;
+
 struct Conf {
     std::mutex mutex;
     std::string path;
     bool exists = false;
     struct stat st {};
+    std::int64_t checkedNs = 0;
     std::map<std::string, std::string, std::less<>> values;
 };
+
+std::int64_t NowNs() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec * 1000000000LL + now.tv_nsec;
+}
 
 Conf& conf() {
     static Conf* c = new Conf;
@@ -102,12 +117,22 @@ bool SameFile(const struct stat& a, const struct stat& b) {
            a.st_mtim.tv_sec == b.st_mtim.tv_sec && a.st_mtim.tv_nsec == b.st_mtim.tv_nsec;
 }
 
+}  // namespace
+
 std::optional<std::string> Setting(const std::string& key) {
     const std::string path = ConfPath();
-    struct stat st {};
-    const bool exists = ::stat(path.c_str(), &st) == 0;
     Conf& c = conf();
     std::lock_guard lock(c.mutex);
+    const std::int64_t now = NowNs();
+    if (path == c.path && now - c.checkedNs < kRecheckNs) {
+        if (auto it = c.values.find(key); it != c.values.end()) {
+            return it->second;
+        }
+        return std::nullopt;
+    }
+    c.checkedNs = now;
+    struct stat st {};
+    const bool exists = ::stat(path.c_str(), &st) == 0;
     if (path != c.path || exists != c.exists || (exists && !SameFile(st, c.st))) {
         c.path = path;
         c.exists = exists;
@@ -147,6 +172,9 @@ void SetSetting(const std::string& key, const std::string& value) {
         }
     }
     std::filesystem::rename(tmp, ConfPath());
+    Conf& c = conf();
+    std::lock_guard lock(c.mutex);
+    c.path.clear();  // read again on the next look
 }
 
 std::string EventLogPath() {
