@@ -1,6 +1,7 @@
 // Thread and process ids, sessions, clocks and the reported OS version.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <filesystem>
 #include <set>
@@ -69,6 +70,41 @@ TEST_F(KernelSystem, SettingsLiveInTheMachineConfOfTheRoot) {
     const std::filesystem::path conf = std::filesystem::path(ovtest::U16(root())) / "machine.conf";
     EXPECT_TRUE(std::filesystem::is_regular_file(conf));
     EXPECT_EQ(machine::EventLogPath().rfind(root(), 0), 0u) << machine::EventLogPath();
+}
+
+// Waiting on a word: it returns at once when the word moved on, times out
+// with ERROR_TIMEOUT, and a wake under the waiter's key ends its sleep (on
+// Windows the waiter looks again by itself after a moment).
+TEST_F(KernelSystem, WaitOnAddressEndsOnAChangedWordOnItsKeyOrOnTimeout) {
+    LONG word = 5;
+    EXPECT_TRUE(WaitOnAddress(&word, 4, 10000));
+    SetLastError(0xDEADBEEF);
+    EXPECT_FALSE(WaitOnAddress(&word, 5, 0));
+    EXPECT_EQ(GetLastError(), ERROR_TIMEOUT);
+
+    std::atomic<bool> lastWasWake{false};
+    std::thread waiter([&] {
+        while (InterlockedRead(&word) == 5) {
+            lastWasWake = WaitOnAddress(&word, 5, 20000, 7);
+        }
+    });
+    Sleep(50);
+    InterlockedExchange(&word, 6);
+    WakeByAddressKey(&word, 7 + 32);  // keys count modulo 32
+    waiter.join();
+    EXPECT_TRUE(lastWasWake) << "the waiter slept until its timeout";
+}
+
+TEST_F(KernelSystem, WakeForAnotherKeyLeavesAWaiterAsleep) {
+    OVTEST_EMBEDDED_ONLY("on Windows a waiter on shared memory looks again by itself");
+    LONG word = 0;
+    std::atomic<bool> woken{true};
+    std::thread waiter([&] { woken = WaitOnAddress(&word, 0, 400, 3); });
+    Sleep(50);
+    WakeByAddressKey(&word, 4);
+    waiter.join();
+    EXPECT_FALSE(woken);
+    EXPECT_TRUE(WaitOnAddress(&word, 1, 0, 3));
 }
 
 TEST_F(KernelSystem, TicksAdvanceAcrossASleep) {

@@ -70,6 +70,7 @@ void MachineTest::TearDown() {
     }
     std::error_code ec;
     std::filesystem::remove_all(root_, ec);
+    ReleaseHostLeftovers();
 }
 
 std::u16string U16(const std::string& text) {

@@ -137,6 +137,10 @@ std::string MakeTempDir(const std::string& prefix);
 // A name no other test process uses at the same time (for object names).
 std::string UniqueName(const std::string& base);
 
+// Frees what killed processes of the finished test left outside its
+// machine root (the embedded machine's shared memory); nothing on Windows.
+void ReleaseHostLeftovers();
+
 // Base fixture: every test runs on its own fresh machine root, removed
 // afterwards unless the test failed (its path is printed then). On Windows
 // the root is only a directory: the registry, the spooler and the kernel

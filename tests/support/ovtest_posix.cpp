@@ -12,6 +12,7 @@
 #include <sstream>
 #include <thread>
 
+#include "../../src/platform/embedded/object_table.h"
 #include "ovtest.h"
 
 extern char** environ;
@@ -190,6 +191,11 @@ std::string MakeTempDir(const std::string& prefix) {
     std::string templ = std::filesystem::temp_directory_path().string() + "/" + prefix + "XXXXXX";
     char* made = mkdtemp(templ.data());
     return made != nullptr ? std::string(made) : std::string();
+}
+
+void ReleaseHostLeftovers() {
+    // What the next process to start would do anyway.
+    platform::embedded::SweepOrphanedSegments();
 }
 
 }  // namespace ovtest

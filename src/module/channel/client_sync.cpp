@@ -21,36 +21,6 @@ void CopyField(char16_t* field, std::size_t units, const char16_t* text) {
     }
 }
 
-// Waiting clients see OVAck1 still set while the client whose turn it is has
-// not yet reset it. A normal hand-over takes microseconds, so they yield;
-// only a turn that stays stalled (its client died or hangs) makes them sleep,
-// longer each time, so it costs no CPU. A new turn starts the yielding over,
-// so a client is never asleep when a turn that moves normally reaches it.
-class TurnBackoff {
-  public:
-    void Pause(std::int32_t act) {
-        const std::uint64_t now = platform::GetTickCount64();
-        if (act != act_) {
-            act_ = act;
-            since_ = now;
-            sleepMs_ = 0;
-        }
-        if (now - since_ < kYieldMs) {
-            platform::SwitchToThread();
-            return;
-        }
-        sleepMs_ = std::min<platform::DWORD>(sleepMs_ + 1, kMaxSleepMs);
-        platform::Sleep(sleepMs_);
-    }
-
-  private:
-    static constexpr std::uint64_t kYieldMs = 2;
-    static constexpr platform::DWORD kMaxSleepMs = 10;
-    std::int32_t act_ = -1;
-    std::uint64_t since_ = 0;
-    platform::DWORD sleepMs_ = 0;
-};
-
 bool SetNamedEvent(const std::u16string& name) {
     platform::UniqueEvent event = platform::OpenEventW(platform::EVENT_MODIFY_STATE, false, name);
     if (!event) {
@@ -60,10 +30,105 @@ bool SetNamedEvent(const std::u16string& name) {
     return true;
 }
 
+// Waiting for a turn costs no CPU. Only the holder of the ticket after the
+// one being served waits on OVAck1; the others sleep on the turn counter
+// `Act`, each under its own ticket as key. The holder of ticket n, when it
+// leaves after its turn, wakes the holder of n + 1, which then waits on
+// OVAck1 (reset by n) for the service to grant its turn. A sleep that no
+// wake ends (the holder before gave up, a ticket was abandoned) is cut short
+// after kPollMs.
+constexpr platform::DWORD kPollMs = 20;
+
+void WakeNextTicket(SHM* area, std::int32_t myNr) {
+    // A ticket drawn after this check is the next one and waits on OVAck1.
+    if (platform::InterlockedRead(&area->Next) > myNr) {
+        platform::WakeByAddressKey(&area->Act, static_cast<platform::DWORD>(myNr + 1));
+    }
+}
+
+// Wakes the holder of the next ticket however the request ends.
+class NextTicketWaker {
+  public:
+    NextTicketWaker(SHM* area, std::int32_t myNr) : area_(area), myNr_(myNr) {}
+    ~NextTicketWaker() { WakeNextTicket(area_, myNr_); }
+    NextTicketWaker(const NextTicketWaker&) = delete;
+    NextTicketWaker& operator=(const NextTicketWaker&) = delete;
+
+  private:
+    SHM* area_;
+    std::int32_t myNr_;
+};
+
+// What a waiting client knows about the turns: the last value of `Act` it
+// saw and when the turns last moved. The turns standing still for the
+// client's timeout means the service stopped or died; the counters going
+// back below what the client saw means the service restarted and will hand
+// this ticket's number to another client.
+class TurnWatch {
+  public:
+    TurnWatch(SHM* area, std::int32_t myNr, std::int32_t actAtTicket, platform::DWORD timeout)
+        : area_(area),
+          myNr_(myNr),
+          seen_(actAtTicket),
+          timeout_(timeout),
+          since_(platform::GetTickCount64()) {}
+
+    // The turn now served; false when the service restarted.
+    bool Read(std::int32_t* act) {
+        const std::int32_t now = platform::InterlockedRead(&area_->Act);
+        const std::int32_t next = platform::InterlockedRead(&area_->Next);
+        if (now < seen_ || next < myNr_) {
+            OVTRACE(ERR | SYNC,
+                    "service restarted (Act: %ld, was %ld, Next: %ld), MyNr %ld given up",
+                    static_cast<long>(now), static_cast<long>(seen_), static_cast<long>(next),
+                    static_cast<long>(myNr_));
+            return false;
+        }
+        if (now != seen_) {
+            seen_ = now;
+            since_ = platform::GetTickCount64();
+        }
+        *act = now;
+        return true;
+    }
+
+    // Milliseconds left before the client gives up; 0 when the time is up.
+    platform::DWORD Left() const {
+        const std::uint64_t waited = platform::GetTickCount64() - since_;
+        return waited >= timeout_ ? 0 : static_cast<platform::DWORD>(timeout_ - waited);
+    }
+
+  private:
+    SHM* area_;
+    std::int32_t myNr_;
+    std::int32_t seen_;
+    platform::DWORD timeout_;
+    std::uint64_t since_;
+};
+
 // Step 3: waits until the service grants this ticket. 0 when granted.
-std::int32_t WaitForTurn(SHM* area, std::int32_t myNr, platform::DWORD timeout) {
-    TurnBackoff backoff;
+std::int32_t WaitForTurn(SHM* area, std::int32_t myNr, std::int32_t actAtTicket,
+                         platform::DWORD timeout) {
+    TurnWatch watch(area, myNr, actAtTicket, timeout);
+    const auto key = static_cast<platform::DWORD>(myNr);
+    platform::DWORD backoff = 1;
     for (;;) {
+        std::int32_t act = 0;
+        if (!watch.Read(&act)) {
+            return kResultTimeout;
+        }
+        if (act > myNr) {
+            OVTRACE(ERR | SYNC, "lMyNr already processed!");
+            return kResultTimeout;
+        }
+        if (watch.Left() == 0) {
+            OVTRACE(ERR | SYNC, "didn't get OVAck1! Timeout occurred!");
+            return kResultTimeout;
+        }
+        if (act < myNr - 1) {
+            platform::WaitOnAddress(&area->Act, act, std::min(watch.Left(), kPollMs), key);
+            continue;
+        }
         platform::UniqueEvent ack1 =
             platform::OpenEventW(platform::EVENT_ALL_ACCESS, false, Names().ack1);
         if (!ack1) {
@@ -71,7 +136,7 @@ std::int32_t WaitForTurn(SHM* area, std::int32_t myNr, platform::DWORD timeout) 
             return kResultNoEvent;
         }
         OVTRACE(INF | SYNC, "wait for OVAck1...");
-        const platform::DWORD wait = platform::WaitForSingleObject(ack1.get(), timeout);
+        const platform::DWORD wait = platform::WaitForSingleObject(ack1.get(), watch.Left());
         ack1.reset();
         if (wait == platform::WAIT_TIMEOUT) {
             OVTRACE(ERR | SYNC, "didn't get OVAck1! Timeout occurred!");
@@ -82,7 +147,9 @@ std::int32_t WaitForTurn(SHM* area, std::int32_t myNr, platform::DWORD timeout) 
             return kResultWaitFailed;
         }
         OVTRACE(INF | SYNC, "got OVAck1!");
-        const std::int32_t act = platform::InterlockedRead(&area->Act);
+        if (!watch.Read(&act)) {
+            return kResultTimeout;
+        }
         if (act > myNr) {
             OVTRACE(ERR | SYNC, "lMyNr already processed!");
             return kResultTimeout;
@@ -90,7 +157,10 @@ std::int32_t WaitForTurn(SHM* area, std::int32_t myNr, platform::DWORD timeout) 
         if (act == myNr) {
             return 0;
         }
-        backoff.Pause(act);  // another client's turn is still being taken
+        // OVAck1 still grants the ticket before ours: its holder takes it back
+        // and wakes us.
+        platform::WaitOnAddress(&area->Act, act, std::min(watch.Left(), backoff), key);
+        backoff = std::min(backoff * 2, kPollMs);
     }
 }
 
@@ -133,6 +203,9 @@ std::int32_t ClientSync(const ClientRequest* request, ReplyBuffer* reply) {
     std::uint32_t timeout = kDefaultTimeOutClient;
     ReadTimeOutValue(u"TimeOutClient", kDefaultTimeOutClient, &timeout);
 
+    // The turn counter as it stood before the ticket: seeing it lower later
+    // means the service restarted.
+    const std::int32_t actAtTicket = platform::InterlockedRead(&area->Act);
     const std::int32_t myNr = platform::InterlockedIncrement(&area->Next);
     OVTRACE(INF | SYNC, "setting OVReq1... (MyNr: %lu)", static_cast<std::uint32_t>(myNr));
     {
@@ -148,8 +221,14 @@ std::int32_t ClientSync(const ClientRequest* request, ReplyBuffer* reply) {
         }
     }
 
-    if (const std::int32_t rc = WaitForTurn(area, myNr, timeout); rc != 0) {
+    if (const std::int32_t rc = WaitForTurn(area, myNr, actAtTicket, timeout); rc != 0) {
         return rc;
+    }
+    NextTicketWaker waker(area, myNr);
+    if (myNr == 0) {
+        // The first turn of a service: clients still holding tickets of an
+        // earlier one wake and see the counters gone back.
+        platform::WakeByAddressAll(&area->Act);
     }
 
     {

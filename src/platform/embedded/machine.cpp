@@ -1,6 +1,7 @@
 #include "platform/machine.h"
 
 #include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -9,6 +10,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <mutex>
 #include <sstream>
 #include <vector>
@@ -108,17 +110,73 @@ void OnRootChange(std::function<void()> hook) {
     s.hooks.push_back(std::move(hook));
 }
 
+namespace {
+
+// machine.conf as last read, kept until the file changes: settings are
+// asked for on hot paths (every "Global\" object name), so the file is
+// looked at again only when kRecheckNs have passed since the last look (a
+// change made by this process is seen at once, one made by another process
+// that much later).
+constexpr std::int64_t kRecheckNs = 2000000;
+
+struct Conf {
+    std::mutex mutex;
+    std::string path;
+    bool exists = false;
+    struct stat st {};
+    std::int64_t checkedNs = 0;
+    std::map<std::string, std::string, std::less<>> values;
+};
+
+std::int64_t NowNs() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec * 1000000000LL + now.tv_nsec;
+}
+
+Conf& conf() {
+    static Conf* c = new Conf;
+    return *c;
+}
+
+bool SameFile(const struct stat& a, const struct stat& b) {
+    return a.st_ino == b.st_ino && a.st_dev == b.st_dev && a.st_size == b.st_size &&
+           a.st_mtim.tv_sec == b.st_mtim.tv_sec && a.st_mtim.tv_nsec == b.st_mtim.tv_nsec;
+}
+
+}  // namespace
+
 std::optional<std::string> Setting(const std::string& key) {
-    std::ifstream in(ConfPath());
-    std::string line;
-    std::optional<std::string> found;
-    while (std::getline(in, line)) {
-        auto eq = line.find('=');
-        if (eq != std::string::npos && line.compare(0, eq, key) == 0 && eq == key.size()) {
-            found = line.substr(eq + 1);  // the last assignment wins
+    const std::string path = ConfPath();
+    Conf& c = conf();
+    std::lock_guard lock(c.mutex);
+    const std::int64_t now = NowNs();
+    if (path == c.path && now - c.checkedNs < kRecheckNs) {
+        if (auto it = c.values.find(key); it != c.values.end()) {
+            return it->second;
+        }
+        return std::nullopt;
+    }
+    c.checkedNs = now;
+    struct stat st {};
+    const bool exists = ::stat(path.c_str(), &st) == 0;
+    if (path != c.path || exists != c.exists || (exists && !SameFile(st, c.st))) {
+        c.path = path;
+        c.exists = exists;
+        c.st = st;
+        c.values.clear();
+        std::ifstream in(path);
+        std::string line;
+        while (std::getline(in, line)) {
+            if (auto eq = line.find('='); eq != std::string::npos) {
+                c.values[line.substr(0, eq)] = line.substr(eq + 1);  // the last assignment wins
+            }
         }
     }
-    return found;
+    if (auto it = c.values.find(key); it != c.values.end()) {
+        return it->second;
+    }
+    return std::nullopt;
 }
 
 void SetSetting(const std::string& key, const std::string& value) {
@@ -141,6 +199,9 @@ void SetSetting(const std::string& key, const std::string& value) {
         }
     }
     std::filesystem::rename(tmp, ConfPath());
+    Conf& c = conf();
+    std::lock_guard lock(c.mutex);
+    c.path.clear();  // read again on the next look
 }
 
 std::string EventLogPath() {

@@ -1,22 +1,26 @@
 #include "object_table.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <pthread.h>
-#include <signal.h>
 #include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <map>
 #include <mutex>
 #include <random>
-#include <sstream>
-#include <unordered_map>
+#include <utility>
 
 #include "native_error.h"
 #include "platform/machine.h"
@@ -26,15 +30,19 @@ namespace platform::embedded {
 namespace {
 
 constexpr std::uint64_t kMagic = 0x4f56534f424a5431ULL;  // "OVSOBJT1"
-constexpr std::uint32_t kVersion = 1;
+constexpr std::uint32_t kVersion = 2;
 constexpr std::uint32_t kBuckets = 1024;
+// Liveness locks: one byte per pid, far beyond the table's data.
+constexpr off_t kLivenessBase = off_t{1} << 40;
+constexpr char kSegmentDirectory[] = "/dev/shm";
+constexpr char kSegmentPrefix[] = "ovsvc-map-";
 
 struct HolderEntry {
     std::int32_t pid;
     std::uint32_t next;  // index + 1
-    std::uint64_t startTime;
+    std::uint64_t unused;
     std::uint32_t count;
-    std::uint32_t unused;
+    std::uint32_t unused2;
 };
 
 struct TableHeader {
@@ -64,52 +72,21 @@ std::string ReadBootId() {
     return id;
 }
 
-// Start time of a process in clock ticks since boot; 0 when it is gone or a
-// zombie. When /proc does not show the process (a hidden /proc of another
-// user), a process that still accepts signals counts as alive with an
-// unknown start time, kUnknownStart.
-constexpr std::uint64_t kUnknownStart = ~std::uint64_t{0};
+// This process's id, asked of the system once (and again in a forked child).
+std::atomic<int> g_selfPid{0};
 
-std::uint64_t ProcessStartTime(int pid) {
-    char path[64];
-    std::snprintf(path, sizeof path, "/proc/%d/stat", pid);
-    std::ifstream in(path);
-    std::string line;
-    if (!std::getline(in, line)) {
-        return (::kill(pid, 0) == 0 || errno == EPERM) ? kUnknownStart : 0;
+int SelfPid() {
+    int pid = g_selfPid.load(std::memory_order_relaxed);
+    if (pid == 0) {
+        static const bool hooked = [] {
+            pthread_atfork(nullptr, nullptr, [] { g_selfPid.store(0); });
+            return true;
+        }();
+        (void)hooked;
+        pid = getpid();
+        g_selfPid.store(pid, std::memory_order_relaxed);
     }
-    const auto close = line.rfind(')');
-    if (close == std::string::npos) {
-        return 0;
-    }
-    std::istringstream fields(line.substr(close + 1));
-    std::string state;
-    fields >> state;
-    if (state == "Z" || state == "X" || state == "x") {
-        return 0;
-    }
-    std::string skip;
-    for (int i = 0; i < 18 && fields >> skip; ++i) {
-    }
-    std::uint64_t start = 0;
-    fields >> start;
-    return start;
-}
-
-struct Self {
-    int pid;
-    std::uint64_t startTime;
-};
-
-Self CurrentProcess() {
-    static std::atomic<int> cachedPid{0};
-    static std::atomic<std::uint64_t> cachedStart{0};
-    const int pid = getpid();
-    if (cachedPid.load() != pid) {  // first use, or a forked child
-        cachedStart.store(ProcessStartTime(pid));
-        cachedPid.store(pid);
-    }
-    return {pid, cachedStart.load()};
+    return pid;
 }
 
 std::uint64_t HashName(std::uint32_t scope, std::u16string_view name) {
@@ -127,6 +104,88 @@ std::uint64_t HashName(std::uint32_t scope, std::u16string_view name) {
     return h;
 }
 
+// Open-file-description locks: held per open file, dropped by the system
+// when the last descriptor of that open file closes (at the latest when the
+// process ends), never by closing another descriptor of the same file.
+bool LockShared(int fd, off_t start, off_t length) {
+    struct flock lock {};
+    lock.l_type = F_RDLCK;
+    lock.l_whence = SEEK_SET;
+    lock.l_start = start;
+    lock.l_len = length;
+    return ::fcntl(fd, F_OFD_SETLK, &lock) == 0;
+}
+
+// Whether another open file holds a lock on the range (an error counts as
+// held: nothing is freed on a doubt).
+bool LockedElsewhere(int fd, off_t start, off_t length) {
+    struct flock lock {};
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET;
+    lock.l_start = start;
+    lock.l_len = length;
+    if (::fcntl(fd, F_OFD_GETLK, &lock) != 0) {
+        return true;
+    }
+    return lock.l_type != F_UNLCK;
+}
+
+std::string SegmentName(std::uint64_t tableId, std::uint32_t index, std::uint32_t generation) {
+    char name[96];
+    std::snprintf(name, sizeof name, "%s%016llx-%u-%u", kSegmentPrefix,
+                  static_cast<unsigned long long>(tableId), index, generation);
+    return name;
+}
+
+std::string SegmentPath(const std::string& name) {
+    return std::string(kSegmentDirectory) + "/" + name;
+}
+
+// Creates the named segment of `size` bytes, already locked for this
+// process, so that no sweep can take it for an orphan. -1 with errno set.
+int CreateSegment(const std::string& path, std::uint64_t size) {
+    ::unlink(path.c_str());  // a leftover of a table that was reset
+    int fd = ::open(kSegmentDirectory, O_TMPFILE | O_RDWR | O_CLOEXEC, 0666);
+    if (fd >= 0) {
+        char self[64];
+        std::snprintf(self, sizeof self, "/proc/self/fd/%d", fd);
+        if (::fchmod(fd, 0666) != 0 || ::ftruncate(fd, static_cast<off_t>(size)) != 0 ||
+            !LockShared(fd, 0, 0) ||
+            ::linkat(AT_FDCWD, self, AT_FDCWD, path.c_str(), AT_SYMLINK_FOLLOW) != 0) {
+            const int saved = errno;
+            ::close(fd);
+            errno = saved;
+            return -1;
+        }
+        return fd;
+    }
+    // No unnamed files here: named at once, locked a moment later.
+    fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    if (fd < 0) {
+        return -1;
+    }
+    if (::fchmod(fd, 0666) != 0 || ::ftruncate(fd, static_cast<off_t>(size)) != 0 ||
+        !LockShared(fd, 0, 0)) {
+        const int saved = errno;
+        ::close(fd);
+        ::unlink(path.c_str());
+        errno = saved;
+        return -1;
+    }
+    return fd;
+}
+
+int OpenSegment(const std::string& path) {
+    const int fd = ::open(path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW);
+    if (fd >= 0 && !LockShared(fd, 0, 0)) {
+        const int saved = errno;
+        ::close(fd);
+        errno = saved;
+        return -1;
+    }
+    return fd;
+}
+
 class FileDescriptor {
   public:
     explicit FileDescriptor(int fd) noexcept : fd_(fd) {}
@@ -138,6 +197,7 @@ class FileDescriptor {
     FileDescriptor(const FileDescriptor&) = delete;
     FileDescriptor& operator=(const FileDescriptor&) = delete;
     [[nodiscard]] int get() const noexcept { return fd_; }
+    [[nodiscard]] int release() noexcept { return std::exchange(fd_, -1); }
 
   private:
     int fd_;
@@ -145,12 +205,39 @@ class FileDescriptor {
 
 }  // namespace
 
+void SweepOrphanedSegments() {
+    DIR* dir = ::opendir(kSegmentDirectory);
+    if (dir == nullptr) {
+        return;
+    }
+    const std::size_t prefixLength = std::strlen(kSegmentPrefix);
+    while (const dirent* item = ::readdir(dir)) {
+        if (std::strncmp(item->d_name, kSegmentPrefix, prefixLength) != 0) {
+            continue;
+        }
+        const int fd = ::openat(::dirfd(dir), item->d_name, O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+        if (fd < 0) {
+            continue;
+        }
+        if (!LockedElsewhere(fd, 0, 0)) {
+            ::unlinkat(::dirfd(dir), item->d_name, 0);
+        }
+        ::close(fd);
+    }
+    ::closedir(dir);
+}
+
 // The table of one root, mapped into this process.
 class SharedTable {
   public:
-    SharedTable(TableLayout* layout, std::string root) noexcept
-        : layout_(layout), root_(std::move(root)) {}
-    ~SharedTable() { munmap(layout_, sizeof(TableLayout)); }
+    SharedTable(TableLayout* layout, std::string path) noexcept
+        : layout_(layout), path_(std::move(path)) {}
+    ~SharedTable() {
+        munmap(layout_, sizeof(TableLayout));
+        if (fd_ >= 0) {
+            ::close(fd_);
+        }
+    }
     SharedTable(const SharedTable&) = delete;
     SharedTable& operator=(const SharedTable&) = delete;
 
@@ -160,27 +247,74 @@ class SharedTable {
     ObjectEntry& object(std::uint32_t index) noexcept { return layout_->objects[index]; }
     HolderEntry& holder(std::uint32_t index) noexcept { return layout_->holders[index]; }
 
-    std::string SegmentName(std::uint32_t index, std::uint32_t generation) {
-        char name[80];
-        std::snprintf(name, sizeof name, "/ovsvc-%016llx-%u-%u",
-                      static_cast<unsigned long long>(header().tableId), index, generation);
-        return name;
+    std::string SegmentPathOf(std::uint32_t index, std::uint32_t generation) {
+        return SegmentPath(SegmentName(header().tableId, index, generation));
     }
+
+    // Makes sure this process has its liveness lock on the table (again
+    // after a fork). Not under the table lock.
+    DWORD Register();
 
     // Under the lock.
     std::uint32_t Find(std::uint32_t scope, std::u16string_view name, std::uint64_t hash);
     std::uint32_t AllocateObject();
     std::uint32_t AllocateHolder();
     void FreeObject(std::uint32_t index);
-    void AddHolder(std::uint32_t index, const Self& self);
-    void ReleaseHolder(std::uint32_t index, const Self& self);
-    void ReclaimDeadHolders(std::uint32_t index, const Self& self,
-                            std::unordered_map<int, std::uint64_t>* known);
-    void SweepAll(const Self& self);
+    void AddHolder(std::uint32_t index, int pid);
+    void ReleaseHolder(std::uint32_t index, int pid);
+    // Drops dead holders of the object up to the first live one (all of
+    // them with `all`); frees the object when none is alive. True when it
+    // still exists.
+    bool DropDeadHolders(std::uint32_t index, int self, bool all);
+    void SweepAll(int self);
+    void DropRecordsOf(int pid);
 
   private:
+    // A holder found alive is taken for alive for a moment without asking
+    // again: opening and closing a few events per request would otherwise
+    // ask the system about the same service process each time. A death is
+    // then noticed that much later, never a life.
+    bool Alive(int pid, int self) {
+        if (pid == self) {
+            return true;
+        }
+        timespec now{};
+        clock_gettime(CLOCK_MONOTONIC, &now);
+        const std::int64_t nowNs = now.tv_sec * 1000000000LL + now.tv_nsec;
+        for (const RecentlyAlive& r : recent_) {
+            if (r.pid == pid && nowNs < r.untilNs) {
+                return true;
+            }
+        }
+        if (!LockedElsewhere(fd_, kLivenessBase + pid, 1)) {
+            return false;
+        }
+        recent_[nextRecent_] = {pid, nowNs + kTrustAliveNs};
+        nextRecent_ = (nextRecent_ + 1) % recent_.size();
+        return true;
+    }
+    void Unlink(std::uint32_t* link) {
+        HolderEntry& r = holder(*link - 1);
+        const std::uint32_t k = *link;
+        *link = r.next;
+        r.next = header().freeHolders;
+        header().freeHolders = k;
+    }
+
+    struct RecentlyAlive {
+        int pid = 0;
+        std::int64_t untilNs = 0;
+    };
+    static constexpr std::int64_t kTrustAliveNs = 2000000;  // 2 ms
+
     TableLayout* layout_;
-    std::string root_;
+    std::string path_;
+    std::mutex registerLock_;
+    // Used under the table lock, which every thread of the process takes too.
+    std::array<RecentlyAlive, 8> recent_{};
+    std::size_t nextRecent_ = 0;
+    int fd_ = -1;
+    std::atomic<int> registeredPid_{0};
 };
 
 namespace {
@@ -221,7 +355,8 @@ void InitializeTable(TableLayout* layout, const std::string& bootId) {
 std::shared_ptr<SharedTable> SharedTable::Open(const std::string& root, DWORD* error) {
     const std::string dir = root + "/objects";
     ::mkdir(dir.c_str(), 0777);
-    FileDescriptor fd(::open((dir + "/table").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666));
+    const std::string path = dir + "/table";
+    FileDescriptor fd(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666));
     if (fd.get() < 0) {
         *error = Win32ErrorFromErrno(errno);
         return nullptr;
@@ -260,7 +395,45 @@ std::shared_ptr<SharedTable> SharedTable::Open(const std::string& root, DWORD* e
         InitializeTable(layout, bootId);
     }
     ::flock(fd.get(), LOCK_UN);
-    return std::make_shared<SharedTable>(layout, root);
+    auto table = std::make_shared<SharedTable>(layout, path);
+    table->fd_ = fd.release();
+    if (DWORD e = table->Register(); e != ERROR_SUCCESS) {
+        *error = e;
+        return nullptr;
+    }
+    return table;
+}
+
+DWORD SharedTable::Register() {
+    const int self = SelfPid();
+    if (registeredPid_.load(std::memory_order_acquire) == self) {
+        return ERROR_SUCCESS;
+    }
+    std::lock_guard guard(registerLock_);
+    if (registeredPid_.load() == self) {
+        return ERROR_SUCCESS;
+    }
+    if (registeredPid_.load() != 0) {
+        // A forked child: the inherited open file carries the parent's
+        // lock; this process gets an open file of its own.
+        const int fd = ::open(path_.c_str(), O_RDWR | O_CLOEXEC);
+        if (fd < 0) {
+            return Win32ErrorFromErrno(errno);
+        }
+        ::close(fd_);
+        fd_ = fd;
+    }
+    if (!LockShared(fd_, kLivenessBase + self, 1)) {
+        return Win32ErrorFromErrno(errno);
+    }
+    {
+        TableLock lock(header());
+        DropRecordsOf(self);  // an earlier process of this pid died holding objects
+        SweepAll(self);
+    }
+    registeredPid_.store(self, std::memory_order_release);
+    SweepOrphanedSegments();
+    return ERROR_SUCCESS;
 }
 
 std::uint32_t SharedTable::Find(std::uint32_t scope, std::u16string_view name, std::uint64_t hash) {
@@ -312,15 +485,11 @@ void SharedTable::FreeObject(std::uint32_t index) {
         }
     }
     if (e.type == static_cast<std::uint32_t>(ObjectType::Mapping)) {
-        ::shm_unlink(SegmentName(index - 1, e.generation).c_str());
+        ::unlink(SegmentPathOf(index - 1, e.generation).c_str());
     }
-    for (std::uint32_t k = e.holderHead; k != 0;) {
-        const std::uint32_t next = holder(k - 1).next;
-        holder(k - 1).next = h.freeHolders;
-        h.freeHolders = k;
-        k = next;
+    while (e.holderHead != 0) {
+        Unlink(&e.holderHead);
     }
-    e.holderHead = 0;
     e.type = static_cast<std::uint32_t>(ObjectType::None);
     ++e.generation;
     e.nextInChain = h.freeObjects;
@@ -328,77 +497,82 @@ void SharedTable::FreeObject(std::uint32_t index) {
     --h.liveObjects;
 }
 
-void SharedTable::AddHolder(std::uint32_t index, const Self& self) {
+void SharedTable::AddHolder(std::uint32_t index, int pid) {
     ObjectEntry& e = object(index - 1);
     for (std::uint32_t k = e.holderHead; k != 0; k = holder(k - 1).next) {
         HolderEntry& r = holder(k - 1);
-        if (r.pid == self.pid && r.startTime == self.startTime) {
+        if (r.pid == pid) {
             ++r.count;
             return;
         }
     }
     const std::uint32_t k = AllocateHolder();  // callers made sure one is free
     HolderEntry& r = holder(k - 1);
-    r.pid = self.pid;
-    r.startTime = self.startTime;
+    r.pid = pid;
     r.count = 1;
     r.next = e.holderHead;
     e.holderHead = k;
 }
 
-void SharedTable::ReleaseHolder(std::uint32_t index, const Self& self) {
+void SharedTable::ReleaseHolder(std::uint32_t index, int pid) {
     ObjectEntry& e = object(index - 1);
     for (std::uint32_t* link = &e.holderHead; *link != 0; link = &holder(*link - 1).next) {
         HolderEntry& r = holder(*link - 1);
-        if (r.pid == self.pid && r.startTime == self.startTime) {
+        if (r.pid == pid) {
             if (--r.count == 0) {
-                const std::uint32_t k = *link;
-                *link = r.next;
-                r.next = header().freeHolders;
-                header().freeHolders = k;
+                Unlink(link);
+                // The others may all have died without letting go.
+                DropDeadHolders(index, pid, false);
             }
-            break;
+            return;
         }
-    }
-    if (e.holderHead == 0) {
-        FreeObject(index);
     }
 }
 
-void SharedTable::ReclaimDeadHolders(std::uint32_t index, const Self& self,
-                                     std::unordered_map<int, std::uint64_t>* known) {
+bool SharedTable::DropDeadHolders(std::uint32_t index, int self, bool all) {
     ObjectEntry& e = object(index - 1);
     for (std::uint32_t* link = &e.holderHead; *link != 0;) {
         HolderEntry& r = holder(*link - 1);
-        std::uint64_t start = 0;
-        if (r.pid == self.pid) {
-            start = self.startTime;
-        } else if (auto it = known->find(r.pid); it != known->end()) {
-            start = it->second;
-        } else {
-            start = ProcessStartTime(r.pid);
-            known->emplace(r.pid, start);
-        }
-        if (start == 0 || (start != kUnknownStart && start != r.startTime)) {
-            const std::uint32_t k = *link;
-            *link = r.next;
-            r.next = header().freeHolders;
-            header().freeHolders = k;
+        if (!Alive(r.pid, self)) {
+            Unlink(link);
+        } else if (!all) {
+            return true;
         } else {
             link = &r.next;
         }
     }
     if (e.holderHead == 0) {
         FreeObject(index);
+        return false;
     }
+    return true;
 }
 
-void SharedTable::SweepAll(const Self& self) {
-    std::unordered_map<int, std::uint64_t> known;
+void SharedTable::SweepAll(int self) {
     const std::uint32_t used = header().objectsUsed;
     for (std::uint32_t i = 1; i <= used; ++i) {
         if (object(i - 1).type != static_cast<std::uint32_t>(ObjectType::None)) {
-            ReclaimDeadHolders(i, self, &known);
+            DropDeadHolders(i, self, true);
+        }
+    }
+}
+
+void SharedTable::DropRecordsOf(int pid) {
+    const std::uint32_t used = header().objectsUsed;
+    for (std::uint32_t i = 1; i <= used; ++i) {
+        ObjectEntry& e = object(i - 1);
+        if (e.type == static_cast<std::uint32_t>(ObjectType::None)) {
+            continue;
+        }
+        for (std::uint32_t* link = &e.holderHead; *link != 0;) {
+            if (holder(*link - 1).pid == pid) {
+                Unlink(link);
+            } else {
+                link = &holder(*link - 1).next;
+            }
+        }
+        if (e.holderHead == 0) {
+            FreeObject(i);
         }
     }
 }
@@ -408,6 +582,9 @@ namespace {
 struct CurrentState {
     std::mutex mutex;
     std::shared_ptr<SharedTable> table;
+    // Every table this process has open, so that going back to a root
+    // finds the same one (with this process's records in it) again.
+    std::map<std::string, std::weak_ptr<SharedTable>> open;
     bool hooked = false;
 };
 
@@ -418,19 +595,33 @@ CurrentState& current() {
 
 std::shared_ptr<SharedTable> CurrentTable(DWORD* error) {
     CurrentState& s = current();
-    std::lock_guard guard(s.mutex);
-    if (!s.hooked) {
-        s.hooked = true;
-        machine::OnRootChange([] {
-            CurrentState& st = current();
-            std::lock_guard g(st.mutex);
-            st.table.reset();  // objects still open keep their own table alive
-        });
+    std::shared_ptr<SharedTable> table;
+    {
+        std::lock_guard guard(s.mutex);
+        if (!s.hooked) {
+            s.hooked = true;
+            machine::OnRootChange([] {
+                CurrentState& st = current();
+                std::lock_guard g(st.mutex);
+                st.table.reset();  // objects still open keep their own table alive
+            });
+        }
+        if (!s.table) {
+            const std::string& root = machine::Root();
+            s.table = s.open[root].lock();
+            if (!s.table) {
+                s.table = SharedTable::Open(root, error);
+                s.open[root] = s.table;
+                return s.table;
+            }
+        }
+        table = s.table;
     }
-    if (!s.table) {
-        s.table = SharedTable::Open(machine::Root(), error);
+    if (DWORD e = table->Register(); e != ERROR_SUCCESS) {  // first use after a fork
+        *error = e;
+        return nullptr;
     }
-    return s.table;
+    return table;
 }
 
 }  // namespace
@@ -443,16 +634,12 @@ ObjectRef::~ObjectRef() {
     TableLock lock(table_->header());
     ObjectEntry& e = table_->object(index_);
     if (e.generation == generation_ && e.type != static_cast<std::uint32_t>(ObjectType::None)) {
-        table_->ReleaseHolder(index_ + 1, CurrentProcess());
+        table_->ReleaseHolder(index_ + 1, SelfPid());
     }
 }
 
 ObjectEntry& ObjectRef::entry() const noexcept {
     return table_->object(index_);
-}
-
-std::string ObjectRef::SegmentName() const {
-    return table_->SegmentName(index_, generation_);
 }
 
 ObjectResult AcquireNamedObject(const ObjectName& name, const ObjectRequest& request) {
@@ -461,39 +648,36 @@ ObjectResult AcquireNamedObject(const ObjectName& name, const ObjectRequest& req
     if (!table) {
         return result;
     }
-    const Self self = CurrentProcess();
+    const int self = SelfPid();
     const std::uint64_t hash = HashName(name.scope, name.name);
     TableLock lock(table->header());
-    std::unordered_map<int, std::uint64_t> known;
     std::uint32_t index = table->Find(name.scope, name.name, hash);
-    if (index != 0) {
-        table->ReclaimDeadHolders(index, self, &known);
-        index = table->Find(name.scope, name.name, hash);
+    if (index != 0 && !table->DropDeadHolders(index, self, false)) {
+        index = 0;  // every holder had died: the object is gone
     }
+    auto holdersFull = [&table] {
+        const TableHeader& h = table->header();
+        return h.freeHolders == 0 && h.holdersUsed >= kMaxHolders;
+    };
     if (index != 0) {
         ObjectEntry& e = table->object(index - 1);
         if (e.type != static_cast<std::uint32_t>(request.type)) {
             result.error = ERROR_INVALID_HANDLE;
             return result;
         }
+        if (holdersFull()) {
+            table->SweepAll(self);
+            if (holdersFull() || e.type != static_cast<std::uint32_t>(request.type)) {
+                result.error = ERROR_NOT_ENOUGH_MEMORY;
+                return result;
+            }
+        }
         if (request.type == ObjectType::Mapping) {
-            result.segmentFd = ::shm_open(table->SegmentName(index - 1, e.generation).c_str(),
-                                          O_RDWR | O_CLOEXEC, 0);
+            result.segmentFd = OpenSegment(table->SegmentPathOf(index - 1, e.generation));
             if (result.segmentFd < 0) {
                 result.error = Win32ErrorFromErrno(errno);
                 return result;
             }
-        }
-        if (table->header().freeHolders == 0 && table->header().holdersUsed >= kMaxHolders) {
-            table->SweepAll(self);
-        }
-        if (table->header().freeHolders == 0 && table->header().holdersUsed >= kMaxHolders) {
-            if (result.segmentFd >= 0) {
-                ::close(result.segmentFd);
-                result.segmentFd = -1;
-            }
-            result.error = ERROR_NOT_ENOUGH_MEMORY;
-            return result;
         }
         table->AddHolder(index, self);
         result.existed = true;
@@ -504,10 +688,9 @@ ObjectResult AcquireNamedObject(const ObjectName& name, const ObjectRequest& req
         result.error = ERROR_FILE_NOT_FOUND;
         return result;
     }
-    auto full = [&table] {
+    auto full = [&table, &holdersFull] {
         const TableHeader& h = table->header();
-        return (h.freeObjects == 0 && h.objectsUsed >= kMaxObjects) ||
-               (h.freeHolders == 0 && h.holdersUsed >= kMaxHolders);
+        return (h.freeObjects == 0 && h.objectsUsed >= kMaxObjects) || holdersFull();
     };
     if (full()) {
         table->SweepAll(self);
@@ -519,17 +702,10 @@ ObjectResult AcquireNamedObject(const ObjectName& name, const ObjectRequest& req
     index = table->AllocateObject();
     ObjectEntry& e = table->object(index - 1);
     if (request.type == ObjectType::Mapping) {
-        const std::string segment = table->SegmentName(index - 1, e.generation);
-        ::shm_unlink(segment.c_str());  // a leftover of a table that was reset
-        result.segmentFd = ::shm_open(segment.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-        if (result.segmentFd < 0 ||
-            ::ftruncate(result.segmentFd, static_cast<off_t>(request.size)) != 0) {
+        result.segmentFd =
+            CreateSegment(table->SegmentPathOf(index - 1, e.generation), request.size);
+        if (result.segmentFd < 0) {
             result.error = Win32ErrorFromErrno(errno);
-            if (result.segmentFd >= 0) {
-                ::close(result.segmentFd);
-                result.segmentFd = -1;
-                ::shm_unlink(segment.c_str());
-            }
             e.nextInChain = table->header().freeObjects;
             table->header().freeObjects = index;
             return result;
@@ -562,6 +738,16 @@ std::uint32_t LiveNamedObjects() {
     }
     TableLock lock(table->header());
     return table->header().liveObjects;
+}
+
+std::string SegmentPathPrefix() {
+    DWORD error = ERROR_SUCCESS;
+    std::shared_ptr<SharedTable> table = CurrentTable(&error);
+    if (!table) {
+        return {};
+    }
+    const std::string any = SegmentName(table->header().tableId, 0, 0);
+    return SegmentPath(any.substr(0, any.size() - 3));  // without "0-0"
 }
 
 }  // namespace platform::embedded

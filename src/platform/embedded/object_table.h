@@ -3,12 +3,29 @@
 // The bookkeeping lives in one file, <root>/objects/table, mapped shared by
 // each process that uses named objects: a robust process-shared mutex, a hash
 // index of names, one entry per object (an event's state words live right in
-// it) and holder records (pid, process start time, count) saying which
-// processes hold the object. An object is freed when its last holder lets go;
-// holders whose process has died are dropped whenever the object is created
-// or opened, and from every object when the table runs full. A mapping's
-// memory is a POSIX shared-memory segment named after the table's random id,
-// unlinked when the object is freed, so two machine roots never share one.
+// it) and holder records (pid, count) saying which processes hold the object.
+// An object is freed when its last live holder lets go.
+//
+// Whether a holder is alive is told by a lock, not by /proc: every process
+// that uses a table holds a shared open-file-description lock on the byte
+// kLivenessBase + pid of the table file for as long as it lives, and the
+// system drops it when the process dies, however it dies. Holders are
+// checked where one may have died: when an object is opened or created
+// (until one live holder is found), when a holder lets go while others
+// remain, and, for every object, when a process first uses the table and
+// when the table runs full. A process that starts using a table drops the
+// records left under its pid by an earlier process of the same pid.
+//
+// A mapping's memory is a file in the host's shared-memory directory
+// (/dev/shm/ovsvc-map-<table id>-<entry>-<generation>), unlinked when the
+// object is freed, so two machine roots never share one. Each process with
+// the mapping open holds a shared lock on that file. A file that nobody
+// holds a lock on belongs to no live process: every process that first uses
+// a table removes such files of every root, so the memory of a machine
+// whose last holder was killed, or whose root was deleted, does not outlive
+// the next process that starts on any machine. Files are created unnamed,
+// locked and only then given their name, so a sweep never sees a new one
+// without its lock.
 #pragma once
 
 #include <cstdint>
@@ -66,8 +83,6 @@ class ObjectRef {
     ObjectRef& operator=(const ObjectRef&) = delete;
 
     [[nodiscard]] ObjectEntry& entry() const noexcept;
-    // Name of the shared-memory segment of a mapping.
-    [[nodiscard]] std::string SegmentName() const;
 
   private:
     std::shared_ptr<SharedTable> table_;
@@ -78,7 +93,9 @@ class ObjectRef {
 struct ObjectResult {
     std::shared_ptr<ObjectRef> ref;
     bool existed = false;
-    int segmentFd = -1;  // a mapping's segment, opened read-write; the caller owns it
+    // A mapping's memory, opened read-write and locked for this process; the
+    // caller owns the descriptor and keeps it open while it uses the memory.
+    int segmentFd = -1;
     DWORD error = ERROR_SUCCESS;
 };
 
@@ -90,5 +107,14 @@ ObjectResult AcquireNamedObject(const ObjectName& name, const ObjectRequest& req
 
 // Number of live named objects in the current root's table (for tests).
 std::uint32_t LiveNamedObjects();
+
+// Host paths of the shared-memory files of the current root's mappings
+// (for tests).
+std::string SegmentPathPrefix();
+
+// Removes the shared-memory files of mappings that no live process holds,
+// of every machine root. Runs when a process first uses a table; callable
+// again (tools and tests).
+void SweepOrphanedSegments();
 
 }  // namespace platform::embedded

@@ -38,6 +38,26 @@ bool SwitchToThread() noexcept {
     return ::SwitchToThread() != FALSE;
 }
 
+// Windows' WaitOnAddress reaches only waiters of the same process, and the
+// words waited on here live in memory shared with other processes: a waiter
+// looks again after a millisecond, and the wakes have nothing to do.
+bool WaitOnAddress(const LONG* address, LONG undesired, DWORD milliseconds,
+                   DWORD /*key*/) noexcept {
+    if (InterlockedRead(address) != undesired) {
+        return true;
+    }
+    if (milliseconds == 0) {
+        ::SetLastError(ERROR_TIMEOUT);
+        return false;
+    }
+    ::Sleep(1);
+    return true;
+}
+
+void WakeByAddressAll(const LONG* /*address*/) noexcept {}
+
+void WakeByAddressKey(const LONG* /*address*/, DWORD /*key*/) noexcept {}
+
 DWORD GetTickCount() noexcept {
     return static_cast<DWORD>(::GetTickCount());
 }

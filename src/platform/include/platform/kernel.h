@@ -168,6 +168,31 @@ inline LONG InterlockedRead(const LONG* value) noexcept {
     return std::atomic_ref<LONG>(*const_cast<LONG*>(value)).load();
 }
 
+// ---- waiting on a word ---------------------------------------------------------
+
+// A wake key for waiters that any wake of the address reaches.
+inline constexpr DWORD kAnyWakeKey = 0xFFFFFFFF;
+
+// WaitOnAddress for a 32-bit word: sleeps while *address still holds
+// `undesired`, at most `milliseconds`, until a wake for the address. True when
+// woken or when the word no longer holds `undesired` (a waiter may also
+// return early without either: callers read the word again); false with
+// ERROR_TIMEOUT when the time ran out. A waiter with a `key` other than
+// kAnyWakeKey is reached only by WakeByAddressAll and by WakeByAddressKey with
+// a key equal to its own modulo 32, so a wake meant for one waiter does not
+// rouse the others.
+//
+// On the embedded machine a word in a named mapping works across processes.
+// Windows' own WaitOnAddress only works within one process, so there a
+// waiter whose word lives in memory shared with other processes returns
+// after about a millisecond and reads the word again.
+bool WaitOnAddress(const LONG* address, LONG undesired, DWORD milliseconds,
+                   DWORD key = kAnyWakeKey) noexcept;
+// Wakes every waiter on the address.
+void WakeByAddressAll(const LONG* address) noexcept;
+// Wakes the waiters on the address whose key matches (and those without one).
+void WakeByAddressKey(const LONG* address, DWORD key) noexcept;
+
 // ---- threads, processes, time ----------------------------------------------
 
 DWORD GetCurrentThreadId() noexcept;
