@@ -113,6 +113,8 @@ class Loop {
         // touches them.
         platform::InterlockedExchange(&area_->Act, 0);
         platform::InterlockedExchange(&area_->Next, -1);
+        // Clients still asleep on an earlier service's turns see the restart now.
+        platform::WakeByAddressAll(&area_->Act);
         req2_ = platform::CreateEventW(&attributes, false, false, Names().req2);
         if (!req2_) {
             const platform::DWORD error = platform::GetLastError();
@@ -252,6 +254,10 @@ class Loop {
     // Moves on to the next ticket; when none is waiting, OVReq1 is reset.
     void Advance() {
         const std::int32_t act = platform::InterlockedIncrement(&area_->Act);
+        // The clients whose turn is now or next may be asleep on the counter
+        // (when the turn moved without them, after a timeout).
+        platform::WakeByAddressKey(&area_->Act, static_cast<platform::DWORD>(act));
+        platform::WakeByAddressKey(&area_->Act, static_cast<platform::DWORD>(act + 1));
         OVTRACE(INF | MAIN, "InterlockedIncrement(), Next Act: %lu Next: %lu",
                 static_cast<std::uint32_t>(act), Next());
         if (act > platform::InterlockedRead(&area_->Next)) {

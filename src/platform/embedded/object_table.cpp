@@ -270,28 +270,10 @@ class SharedTable {
     void DropRecordsOf(int pid);
 
   private:
-    // A holder found alive is taken for alive for a moment without asking
-    // again: opening and closing a few events per request would otherwise
-    // ask the system about the same service process each time. A death is
-    // then noticed that much later, never a life.
+    // Asked of the system each time (one lock test): a holder that died is
+    // never taken for alive, so its objects go at once, as on Windows.
     bool Alive(int pid, int self) {
-        if (pid == self) {
-            return true;
-        }
-        timespec now{};
-        clock_gettime(CLOCK_MONOTONIC, &now);
-        const std::int64_t nowNs = now.tv_sec * 1000000000LL + now.tv_nsec;
-        for (const RecentlyAlive& r : recent_) {
-            if (r.pid == pid && nowNs < r.untilNs) {
-                return true;
-            }
-        }
-        if (!LockedElsewhere(fd_, kLivenessBase + pid, 1)) {
-            return false;
-        }
-        recent_[nextRecent_] = {pid, nowNs + kTrustAliveNs};
-        nextRecent_ = (nextRecent_ + 1) % recent_.size();
-        return true;
+        return pid == self || LockedElsewhere(fd_, kLivenessBase + pid, 1);
     }
     void Unlink(std::uint32_t* link) {
         HolderEntry& r = holder(*link - 1);
@@ -301,18 +283,9 @@ class SharedTable {
         header().freeHolders = k;
     }
 
-    struct RecentlyAlive {
-        int pid = 0;
-        std::int64_t untilNs = 0;
-    };
-    static constexpr std::int64_t kTrustAliveNs = 2000000;  // 2 ms
-
     TableLayout* layout_;
     std::string path_;
     std::mutex registerLock_;
-    // Used under the table lock, which every thread of the process takes too.
-    std::array<RecentlyAlive, 8> recent_{};
-    std::size_t nextRecent_ = 0;
     int fd_ = -1;
     std::atomic<int> registeredPid_{0};
 };
