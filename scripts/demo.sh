@@ -1,9 +1,12 @@
 #!/usr/bin/env bash
-# The main job: builds (installing what is missing), then runs OVSvc on a fresh
-# embedded machine: the service started through service control, two users
-# logged on from their client machines, a server printer created for each
-# client printer (usable only by its user), the printers listed, one user
-# logging off and his printer going, and the service stopped.
+# The main job: builds (installing what is missing), then tells OVSvc's story
+# on a fresh embedded machine: installation and service start; three sessions
+# of two users log on and get a server printer for each client printer (one a
+# PostScript printer with its own PPD), usable only by its user; logoffs take
+# them away, a job keeps one pending until the next release; the service is
+# killed and restarted and a repair puts things right; at the end no
+# autocreated printer is left. It stops with an error when a step does not
+# leave the machine as expected.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/deps.sh
@@ -65,11 +68,14 @@ cat > "$OVSVC_ROOT/office.ppd" <<'PPD'
 PPD
 "$ctl" ppd pack "$OVSVC_ROOT/office.ppd" -o "$OVSVC_ROOT/office.ovppd"
 
-echo; echo "== two users log on; each session's client program ("Ovaspool -q") creates its client printers"
+echo; echo "== three sessions of two users log on (alice twice, from the same PC); each session's"
+echo "   client program (\"Ovaspool -q\") asks the service for its client printers"
 "$ctl" session logon --id 2 --user 'ORVELLE\alice' --client ALICE-PC --address 10.0.0.21 \
   --printer 'name=HP LaserJet 4,class=PCL,driver=HP LaserJet 4,id=1'
 "$ctl" session logon --id 3 --user 'ORVELLE\bob' --client BOB-PC --address 10.0.0.22 \
   --printer "name=Office PS,class=PS,driver=Generic PS,id=7,ppd=$OVSVC_ROOT/office.ovppd"
+"$ctl" session logon --id 6 --user 'ORVELLE\alice' --client ALICE-PC --address 10.0.0.21 \
+  --printer 'name=HP LaserJet 4,class=PCL,driver=HP LaserJet 4,id=1'
 "$ctl" session list
 
 echo; echo "== client calls answered by the service"
@@ -82,9 +88,12 @@ echo; echo "== client calls answered by the service"
 "$ctl" call reload
 "$ctl" call repair || true
 
-echo; echo "== the printers of both sessions: marked, listing their session, printable by their user"
+echo; echo "== the printers: marked as autocreated, listing their sessions (alice's serves both of hers),"
+echo "   printable only by their user (besides SYSTEM and Administrators)"
 "$ctl" spool printers
 "$ctl" call enum
+expect "alice's printer to list both her sessions" \
+  sh -c "'$ctl' spool show 'ALICE-PC:1#HP LaserJet 4' | grep -q '2;6;'"
 expect "alice's printer" "$ctl" spool show 'ALICE-PC:1#HP LaserJet 4'
 expect "bob's printer" "$ctl" spool show 'BOB-PC:7#Office PS'
 echo "-- bob's printer has a driver of its own, its data file the PPD his client sent:"
@@ -103,30 +112,36 @@ if "$ctl" spool job add 'ALICE-PC:1#HP LaserJet 4' --as 'ORVELLE\bob'; then
 fi
 "$ctl" spool job finish 'ALICE-PC:1#HP LaserJet 4'
 
-echo; echo "== alice logs off: the logoff runs the client program's delete command, her printer goes"
+echo; echo "== alice ends her first session: the logoff runs the client program's delete command;"
+echo "   her printer stays for her second session"
 "$ctl" session logoff --id 2
-"$ctl" spool printers
 "$ctl" call enum
-if "$ctl" spool show 'ALICE-PC:1#HP LaserJet 4' >/dev/null 2>&1; then
-  echo "demo: alice's printer outlived her session" >&2; exit 1
-fi
+expect "alice's printer for her second session" \
+  sh -c "'$ctl' spool show 'ALICE-PC:1#HP LaserJet 4' | grep -q 'Location: *6;\$'"
 expect "bob's printer to stay" "$ctl" spool show 'BOB-PC:7#Office PS'
 
-echo; echo "== a job keeps bob's printer past his logoff; once it is printed, a repair removes the printer"
+echo; echo "== bob prints and logs off: the job keeps his printer, pending, past his logoff;"
+echo "   once the job is printed, the next release (alice's last logoff) removes it with hers"
 "$ctl" spool job add 'BOB-PC:7#Office PS' --as 'ORVELLE\bob'
 "$ctl" session logoff --id 3
 expect "bob's printer to wait for its job" "$ctl" spool show 'BOB-PC:7#Office PS'
 "$ctl" call enum
 "$ctl" spool job finish 'BOB-PC:7#Office PS'
-"$ctl" call repair
+"$ctl" session logoff --id 6
+"$ctl" spool printers
 if "$ctl" spool show 'BOB-PC:7#Office PS' >/dev/null 2>&1; then
   echo "demo: bob's printer stayed after its job" >&2; exit 1
+fi
+if "$ctl" spool show 'ALICE-PC:1#HP LaserJet 4' >/dev/null 2>&1; then
+  echo "demo: alice's printer outlived her sessions" >&2; exit 1
 fi
 if "$ctl" spool driver list | grep -q 'OV PS Driver'; then
   echo "demo: bob's generated driver outlived his printer" >&2; exit 1
 fi
 
-echo; echo "== both log on again; the service is killed, bob's session ends meanwhile, the restarted service repairs"
+echo; echo "== both log on again; the service is killed (SIGKILL) and bob's session ends while none runs;"
+echo "   the restarted service rebuilds its cache from the printers, and a repair drops bob's session"
+echo "   and printer and restores the Location field and ACL of alice's"
 "$ctl" session logon --id 4 --user 'ORVELLE\alice' --client ALICE-PC --address 10.0.0.21 \
   --printer 'name=HP LaserJet 4,class=PCL,driver=HP LaserJet 4,id=1'
 "$ctl" session logon --id 5 --user 'ORVELLE\bob' --client BOB-PC --address 10.0.0.22 \
@@ -142,6 +157,9 @@ done
 "$ctl" call repair
 "$ctl" spool printers
 expect "alice's printer for her new session" "$ctl" spool show 'ALICE-PC:1#HP LaserJet 4'
+expect "alice's session back in her printer's Location" \
+  sh -c "'$ctl' spool show 'ALICE-PC:1#HP LaserJet 4' | grep -q 'Location: *4;\$'"
+expect "alice in her printer's ACL" sh -c "'$ctl' spool printers | grep ALICE-PC | grep -q 'alice:print'"
 if "$ctl" spool show 'BOB-PC:7#Office PS' >/dev/null 2>&1; then
   echo "demo: the repair left the printer of a session that is gone" >&2; exit 1
 fi
@@ -158,5 +176,6 @@ fi
 
 echo; echo "== stopping the service"
 "$ctl" service stop
-echo; echo "== the service's trace (its last lines; the whole file: $OVSVC_ROOT/trace.log)"
+echo; echo "== the service's trace, its last lines"
 grep -a '_SVC_' "$OVSVC_ROOT/trace.log" | tail -n 6
+echo; echo "The whole trace: $OVSVC_ROOT/trace.log"
