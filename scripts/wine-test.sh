@@ -38,14 +38,30 @@ if [ ${#programs[@]} -eq 0 ]; then
   exit 1
 fi
 
+# Module tests that need what only the embedded machine gives them, left out
+# of the Wine run (suite: reason).
+module_left_out=(
+  "OwnStrings OwnModule OwnModuleLifetime: the module's resources live in OVSvc.dll, which module_tests does not load (system_tests reads them from the DLL)"
+  "OvaspoolCommandTest: the printer-name markers are the module's string resources, and the writer program's lines end in CR LF there"
+  "EventReport: reads the entries back from the embedded machine's event-log file"
+  "TerminalServicesTest: needs a terminal server's session table and the embedded library switches"
+  "LoadTranslationTest RuleTraceTest: need a product key no earlier test wrote (Wine's registry is shared by the whole run)"
+)
+module_filter="-"
+for entry in "${module_left_out[@]}"; do
+  for suite in ${entry%%:*}; do module_filter+="$suite.*:"; done
+done
+
 failed=0
 for p in "${programs[@]}"; do
   name=$(basename "$p" .exe)
   echo "=== $name"
+  filter=()
+  [ "$name" = module_tests ] && filter=("--gtest_filter=${module_filter%:}")
   # Into a file, not a pipe: Wine's own background processes inherit the
   # output and would hold a pipe open. Windows programs end their lines
   # with CR LF; the log keeps LF only.
-  timeout 900 wine "$p" --gtest_color=no "$@" >"$logs/$name.log" 2>&1
+  timeout 900 wine "$p" --gtest_color=no "${filter[@]}" "$@" >"$logs/$name.log" 2>&1
   rc=$?
   sed -i 's/\r$//' "$logs/$name.log"
   if [ $rc -ne 0 ]; then
@@ -62,6 +78,9 @@ for p in "${programs[@]}"; do
 done
 
 echo "=== skipped tests and why"
+for entry in "${module_left_out[@]}"; do
+  echo "  module_tests: ${entry%%:*} -- left out: ${entry#*: }"
+done
 for p in "${programs[@]}"; do
   name=$(basename "$p" .exe)
   # gtest prints the reason two lines above the test's SKIPPED line.

@@ -225,6 +225,13 @@ inline constexpr VARTYPE VT_BYREF = 0x4000;
 inline constexpr VARIANT_BOOL VARIANT_TRUE = -1;
 inline constexpr VARIANT_BOOL VARIANT_FALSE = 0;
 
+// The record member of VARIANT's union (VT_RECORD), named so that the union
+// holds no anonymous type.
+struct VariantRecord {
+    void* pvRecord;
+    void* pRecInfo;
+};
+
 struct VARIANT {
     VARTYPE vt = VT_EMPTY;
     WORD wReserved1 = 0;
@@ -249,10 +256,7 @@ struct VARIANT {
         BSTR* pbstrVal;
         VARIANT* pvarVal;
         void* byref;
-        struct {
-            void* pvRecord;
-            void* pRecInfo;
-        } record;
+        VariantRecord record;
     };
     VARIANT() : record{nullptr, nullptr} {}
 };
