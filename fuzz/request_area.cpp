@@ -14,6 +14,7 @@
 #include <random>
 #include <string>
 
+#include "channel/dispatch.h"
 #include "channel/service_loop.h"
 #include "channel/shm.h"
 #include "common/module_state.h"
@@ -69,7 +70,7 @@ void SetUpMachine() {
     templ.portName = port;
     templ.printProcessor = u"WinPrint";
     templ.datatype = u"RAW";
-    platform::AddPrinterW(u"", templ);
+    const platform::UniquePrinter added = platform::AddPrinterW(u"", templ);
     fIsService = true;
     if (!LoadTranslationTableAtStart() || !InitPrinterList()) {
         std::abort();
