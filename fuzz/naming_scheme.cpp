@@ -55,8 +55,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (name.size() > bound) {
         std::abort();
     }
-    // "%N" followed by one more character is the display name alone.
-    if (FormatPrinterName(u"%N.", client, id, display, user) != display) {
+    // "%N" and a plain character: the display name and that character.
+    if (FormatPrinterName(u"%N.", client, id, display, user) != display + u".") {
         std::abort();
     }
 
