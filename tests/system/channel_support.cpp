@@ -48,6 +48,29 @@ void SetEchoTranslation() {
              static_cast<platform::DWORD>(multi.size() * 2));
 }
 
+std::string SetUpRelayTemplate(const std::vector<std::string>& rules) {
+    std::vector<std::string> list = {"reg",
+                                     "set",
+                                     "HKLM\\Software\\Orvelle\\Ovaspool",
+                                     "NameTranslationEx",
+                                     "--type",
+                                     "multi_sz",
+                                     "IP,Client,Driver,Printer,Class,T1,T2,T4,T8,Template,Flag"};
+    list.insert(list.end(), rules.begin(), rules.end());
+    for (const auto& args : std::vector<std::vector<std::string>>{
+             {"spool", "port", "add", "Orvelle Port", "OVAS1:", "--info",
+              "Protocol=3\\nOVASScheme=%A:%I#%N"},
+             {"spool", "template", "add", "Relay", "--driver", "Generic / Text Only", "--port",
+              "OVAS1:"},
+             list}) {
+        const CtlResult r = Ctl(args);
+        if (r.exit != 0) {
+            return r.out.empty() ? "ovasctl failed" : r.out;
+        }
+    }
+    return {};
+}
+
 std::string EnableTrace(const std::string& root, std::uint32_t level) {
     const std::string path = root + "/trace.log";
     SetProductDword(u"DebugLevel", level);

@@ -34,6 +34,13 @@ void SetProductString(const std::u16string& name, const std::u16string& value);
 // with the template "<printer name>-T", so that a reply names its request.
 void SetEchoTranslation();
 
+// The machine most printer tests start from, through ovasctl as an
+// administrator would set it up: the port OVAS1: of "Orvelle Port" (name
+// format "%A:%I#%N"), the template printer "_#Relay" on it, and a translation
+// list whose rules are the given lines (after the list's header line).
+// Returns the first failure's output, empty when all went well.
+std::string SetUpRelayTemplate(const std::vector<std::string>& rules);
+
 // Turns tracing on into <root>/trace.log and returns that path.
 std::string EnableTrace(const std::string& root, std::uint32_t level = 0xFF);
 std::string ReadText(const std::string& path);

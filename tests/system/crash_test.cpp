@@ -34,17 +34,9 @@ class CrashTest : public ovtest::MachineTest {
         channeltest::SetProductDword(u"TimeOutService", 1000);
         channeltest::SetProductDword(u"TimeOutClient", 3000);  // a dead service is seen soon
         ASSERT_TRUE(ovtest::EnsureUsers({u"OVDOMAIN\\ann", u"OVDOMAIN\\bob"}));
-        for (const auto& args : std::vector<std::vector<std::string>>{
-                 {"spool", "port", "add", "Orvelle Port", "OVAS1:", "--info",
-                  "Protocol=3\\nOVASScheme=%A:%I#%N"},
-                 {"spool", "template", "add", "Relay", "--driver", "Generic / Text Only", "--port",
-                  "OVAS1:"},
-                 {"reg", "set", "HKLM\\Software\\Orvelle\\Ovaspool", "NameTranslationEx", "--type",
-                  "multi_sz", "IP,Client,Driver,Printer,Class,T1,T2,T4,T8,Template,Flag",
-                  "*,*,*,*,*,true,true,true,true,Relay,"}}) {
-            const CtlResult r = Ctl(args);
-            ASSERT_EQ(r.exit, 0) << r.out;
-        }
+        const std::string failed =
+            channeltest::SetUpRelayTemplate({"*,*,*,*,*,true,true,true,true,Relay,"});
+        ASSERT_TRUE(failed.empty()) << failed;
     }
 
     void CrashAt(const std::string& operation) {

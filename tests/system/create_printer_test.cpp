@@ -27,18 +27,10 @@ class CreatePrinterTest : public ovtest::MachineTest {
         trace_ = channeltest::EnableTrace(root());
         channeltest::SetProductDword(u"RightsWin2000", 1);
         ASSERT_TRUE(ovtest::EnsureUsers({u"OVDOMAIN\\ann", u"OVDOMAIN\\bob"}));
-        for (const auto& args : std::vector<std::vector<std::string>>{
-                 {"spool", "port", "add", "Orvelle Port", "OVAS1:", "--info",
-                  "Protocol=3\\nOVASScheme=%A:%I#%N"},
-                 {"spool", "template", "add", "Relay", "--driver", "Generic / Text Only", "--port",
-                  "OVAS1:"},
-                 {"reg", "set", "HKLM\\Software\\Orvelle\\Ovaspool", "NameTranslationEx", "--type",
-                  "multi_sz", "IP,Client,Driver,Printer,Class,T1,T2,T4,T8,Template,Flag",
-                  "*,*,*,*,PCL,true,true,true,true,Relay,",
-                  "*,*,*,*,NET,true,true,true,true,\\\\srv\\q,"}}) {
-            const CtlResult r = Ctl(args);
-            ASSERT_EQ(r.exit, 0) << r.out;
-        }
+        const std::string failed =
+            channeltest::SetUpRelayTemplate({"*,*,*,*,PCL,true,true,true,true,Relay,",
+                                             "*,*,*,*,NET,true,true,true,true,\\\\srv\\q,"});
+        ASSERT_TRUE(failed.empty()) << failed;
     }
     static CtlResult Add(const std::string& printer, const std::string& cls,
                          const std::string& session, const std::string& user,

@@ -30,17 +30,9 @@ class LogoffCommandTest : public ovtest::MachineTest {
         trace_ = channeltest::EnableTrace(root());
         channeltest::SetProductDword(u"RightsWin2000", 1);
         ASSERT_TRUE(ovtest::EnsureUsers({u"OVDOMAIN\\ann"}));
-        for (const auto& args : std::vector<std::vector<std::string>>{
-                 {"spool", "port", "add", "Orvelle Port", "OVAS1:", "--info",
-                  "Protocol=3\\nOVASScheme=%A:%I#%N"},
-                 {"spool", "template", "add", "Relay", "--driver", "Generic / Text Only", "--port",
-                  "OVAS1:"},
-                 {"reg", "set", "HKLM\\Software\\Orvelle\\Ovaspool", "NameTranslationEx", "--type",
-                  "multi_sz", "IP,Client,Driver,Printer,Class,T1,T2,T4,T8,Template,Flag",
-                  "*,*,*,*,*,true,true,true,true,Relay,"}}) {
-            const CtlResult r = Ctl(args);
-            ASSERT_EQ(r.exit, 0) << r.out;
-        }
+        const std::string failed =
+            channeltest::SetUpRelayTemplate({"*,*,*,*,*,true,true,true,true,Relay,"});
+        ASSERT_TRUE(failed.empty()) << failed;
     }
     std::string trace_;
 };
