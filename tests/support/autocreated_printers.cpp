@@ -66,25 +66,25 @@ bool EnsureUsers(const std::vector<std::u16string>& users) {
     return true;
 }
 
-bool AddAutocreatedPrinter(const PrinterSpec& spec) {
+bool AddAutocreatedPrinter(const PrinterSpec& wanted) {
     PrinterInfo2 info;
-    info.printerName = spec.name;
+    info.printerName = wanted.name;
     info.portName = u"FILE:";
-    info.driverName = spec.driver;
-    info.comment = spec.comment;
+    info.driverName = wanted.driver;
+    info.comment = wanted.comment;
     info.printProcessor = u"winprint";
     info.datatype = u"RAW";
-    if (spec.locationGiven) {
-        info.location = spec.location;
+    if (wanted.locationGiven) {
+        info.location = wanted.location;
     } else {
-        for (const auto& entry : spec.sessions) {
+        for (const auto& entry : wanted.sessions) {
             info.location += U16(std::to_string(entry.first)) + u';';
         }
     }
-    info.securityDescriptor = DescriptorFor(spec.sessions);
+    info.securityDescriptor = DescriptorFor(wanted.sessions);
     const UniquePrinter printer = AddPrinterW(u"", info);
     if (!printer) {
-        ADD_FAILURE() << "cannot add printer " << U8(spec.name) << ": error " << GetLastError();
+        ADD_FAILURE() << "cannot add printer " << U8(wanted.name) << ": error " << GetLastError();
         return false;
     }
     return true;

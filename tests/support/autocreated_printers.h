@@ -8,8 +8,8 @@
 #include <cstdint>
 #include <map>
 #include <optional>
-#include <utility>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/spooler.h"
@@ -33,7 +33,7 @@ struct PrinterSpec {
 // Adds accounts (users in OVDOMAIN) that do not exist yet; false on failure.
 bool EnsureUsers(const std::vector<std::u16string>& users);
 // Adds the printer; false (with the error printed by gtest) on failure.
-bool AddAutocreatedPrinter(const PrinterSpec& spec);
+bool AddAutocreatedPrinter(const PrinterSpec& wanted);
 // The printer's whole level-2 record, or nullopt when it does not exist.
 std::optional<platform::PrinterInfo2> ReadPrinter(std::u16string_view name);
 // "DOMAIN\account" of each access-allowed entry of the printer's DACL that

@@ -73,8 +73,8 @@ TEST_F(PrinterCacheTest, ReleaseEnumerateAndDeleteKeepForeignPrintersUnchanged) 
     lower.comment = u"printer created by ovaspool";
     ovtest::PrinterSpec templ(u"_#Relay", {});
     templ.comment = u"";
-    for (const auto* spec : {&foreign, &lower, &templ}) {
-        ASSERT_TRUE(ovtest::AddAutocreatedPrinter(*spec));
+    for (const auto* printer : {&foreign, &lower, &templ}) {
+        ASSERT_TRUE(ovtest::AddAutocreatedPrinter(*printer));
     }
     const auto before = ovtest::ReadPrinter(u"Office");
     ovtest::Process service = StartService();

@@ -132,11 +132,11 @@ bool LookupName(const platform::Sid& sid, std::u16string* full) {
 }
 
 // Appends one access-allowed entry and gives it its flags.
-bool AppendAce(platform::Acl* acl, const AceSpec& spec, const platform::Sid& sid) {
+bool AppendAce(platform::Acl* acl, const AceSpec& wanted, const platform::Sid& sid) {
     platform::ACL_SIZE_INFORMATION info;
     return platform::GetAclInformation(*acl, &info) &&
-           platform::AddAccessAllowedAce(acl, platform::ACL_REVISION, spec.mask, sid) &&
-           platform::SetAceFlags(acl, info.AceCount, spec.flags);
+           platform::AddAccessAllowedAce(acl, platform::ACL_REVISION, wanted.mask, sid) &&
+           platform::SetAceFlags(acl, info.AceCount, wanted.flags);
 }
 
 // The one failure line of AddAccessRights.
@@ -312,8 +312,8 @@ int AddAccessRights(int mode, const std::vector<std::byte>& oldDescriptor,
                               {{0x000F0030, 9}, &admins},
                               {{0x000F000C, 0}, &system},
                               {{0x000F0030, 9}, &system}};
-                for (const auto& [spec, sid] : defaults) {
-                    if (!AppendAce(&acl, spec, *sid)) {
+                for (const auto& [wanted, sid] : defaults) {
+                    if (!AppendAce(&acl, wanted, *sid)) {
                         return AccessRightsFailed(12);
                     }
                 }
@@ -324,8 +324,8 @@ int AddAccessRights(int mode, const std::vector<std::byte>& oldDescriptor,
                 OVTRACE(ERR | NORM, "ERROR: Illegal nAccessRights = %d!", nAccessRights);
             } else {
                 OVTRACE(INF | NORM, "%s", rights->maskLine);
-                for (const AceSpec& spec : rights->aces) {
-                    if (!AppendAce(&acl, spec, userSid)) {
+                for (const AceSpec& wanted : rights->aces) {
+                    if (!AppendAce(&acl, wanted, userSid)) {
                         return AccessRightsFailed(13);
                     }
                 }
