@@ -18,6 +18,7 @@
 #include "platform/machine.h"
 #include "platform/registry.h"
 #include "platform/scm.h"
+#include "stop_reason.h"
 
 namespace {
 
@@ -75,27 +76,8 @@ void EnsureProductKey() {
                               platform::KEY_ALL_ACCESS, &key, nullptr);
 }
 
-// Why the loop ended, when it was not asked to stop.
 std::string Reason(const OVSERVICE_STATUS& status) {
-    constexpr std::uint32_t kAlreadyRunning = 1056;
-    constexpr std::uint32_t kServiceSpecific = 1066;
-    if (status.dwWin32ExitCode == kAlreadyRunning) {
-        return "another instance of the service is already running";
-    }
-    if (status.dwWin32ExitCode == kServiceSpecific) {
-        switch (status.dwServiceSpecificExitCode) {
-            case OVSVC_EXIT_TRANSLATION_TABLE:
-                return "the translation table could not be loaded";
-            case OVSVC_EXIT_NO_SHARED_AREA:
-                return "the shared request area could not be created";
-            case OVSVC_EXIT_WAIT_FAILED:
-                return "waiting for requests failed";
-            default:
-                return "service-specific error " + std::to_string(status.dwServiceSpecificExitCode);
-        }
-    }
-    return "the request events could not be created (error " +
-           std::to_string(status.dwWin32ExitCode) + ")";
+    return ovaspoolsvc::StopReason(status);
 }
 
 }  // namespace

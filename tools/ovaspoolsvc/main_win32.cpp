@@ -20,6 +20,7 @@
 #include <thread>
 
 #include "ovsvc.h"
+#include "stop_reason.h"
 
 namespace {
 
@@ -74,25 +75,8 @@ OVSERVICE_STATUS RunLoop(void* statusHandle) {
     return status;
 }
 
-// Why the loop ended, when it was not asked to stop.
 std::string Reason(const OVSERVICE_STATUS& status) {
-    if (status.dwWin32ExitCode == ERROR_SERVICE_ALREADY_RUNNING) {
-        return "another instance of the service is already running";
-    }
-    if (status.dwWin32ExitCode == ERROR_SERVICE_SPECIFIC_ERROR) {
-        switch (status.dwServiceSpecificExitCode) {
-            case OVSVC_EXIT_TRANSLATION_TABLE:
-                return "the translation table could not be loaded";
-            case OVSVC_EXIT_NO_SHARED_AREA:
-                return "the shared request area could not be created";
-            case OVSVC_EXIT_WAIT_FAILED:
-                return "waiting for requests failed";
-            default:
-                return "service-specific error " + std::to_string(status.dwServiceSpecificExitCode);
-        }
-    }
-    return "the request events could not be created (error " +
-           std::to_string(status.dwWin32ExitCode) + ")";
+    return ovaspoolsvc::StopReason(status);
 }
 
 void WINAPI ServiceMain(DWORD, LPWSTR*) {
