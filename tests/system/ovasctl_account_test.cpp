@@ -36,7 +36,7 @@ TEST_F(OvasctlAccountTest, AddGroupsAndUsersThenList) {
               0)
         << out_;
     ASSERT_EQ(Run({"account", "add", "bob", "--json"}), 0) << out_;
-    EXPECT_TRUE(Has("\"domain\": \"OVDOMAIN\", \"name\": \"bob\", \"type\": \"user\"")) << out_;
+    EXPECT_TRUE(Has("\"domain\":\"OVDOMAIN\",\"name\":\"bob\",\"type\":\"user\"")) << out_;
 
     // The tool wrote the table the platform reads.
     Account alice;
@@ -53,8 +53,8 @@ TEST_F(OvasctlAccountTest, AddGroupsAndUsersThenList) {
 
     ASSERT_EQ(Run({"account", "list", "--json"}), 0) << out_;
     EXPECT_EQ(out_.front(), '[');
-    EXPECT_TRUE(Has("\"name\": \"Everyone\"")) << out_;
-    EXPECT_TRUE(Has("\"groups\": [\"CORP\\\\Staff\", \"BUILTIN\\\\Power Users\"]")) << out_;
+    EXPECT_TRUE(Has("\"name\":\"Everyone\"")) << out_;
+    EXPECT_TRUE(Has("\"groups\":[\"CORP\\\\Staff\",\"BUILTIN\\\\Power Users\"]")) << out_;
 }
 
 TEST_F(OvasctlAccountTest, RefusalsExplainThemselves) {

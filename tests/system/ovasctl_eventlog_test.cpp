@@ -34,7 +34,7 @@ TEST_F(EventLogCommand, TableAndJsonWithFilters) {
     Report(u"OvaspoolSvc", EVENTLOG_WARNING_TYPE, u"last");
 
     const std::string table = Run({"eventlog"});
-    EXPECT_NE(table.find("OvaspoolSvc  Error        Can't create SHM segment. Location: 2"),
+    EXPECT_NE(table.find("OvaspoolSvc  Error    Can't create SHM segment. Location: 2"),
               std::string::npos)
         << table;
     EXPECT_NE(table.find("two\\nlines"), std::string::npos) << table;  // one row per entry

@@ -124,7 +124,7 @@ TEST_F(OvasctlSessionTest, ServiceControlNeedsAnAdministrator) {
     auto process = ovtest::Process::Start(ovtest::BinDir() + "/ovasctl", {"service", "start"},
                                           {"OVSVC_USER=OVDOMAIN\\bob"});
     EXPECT_EQ(process.Wait(std::chrono::seconds(60)), 1);
-    EXPECT_NE(process.output().find("error 5 access denied"), std::string::npos)
+    EXPECT_NE(process.output().find("access denied: an administrator is needed (error 5)"), std::string::npos)
         << process.output();
 }
 

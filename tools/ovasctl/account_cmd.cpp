@@ -46,7 +46,8 @@ const char* UseName(SID_NAME_USE use) {
     }
 }
 
-std::string ErrorText(DWORD error) {
+// The account table's own reading of the codes it gives.
+const char* AccountWords(DWORD error) {
     switch (error) {
         case ERROR_USER_EXISTS:
             return "the user exists already";
@@ -59,36 +60,22 @@ std::string ErrorText(DWORD error) {
         case ERROR_ACCESS_DENIED:
             return "accounts cannot be added to that domain";
         default:
-            return "failed";
+            return "";
     }
-}
-
-std::string Json(std::string_view text) {
-    std::string out = "\"";
-    for (char c : text) {
-        if (c == '"' || c == '\\') {
-            out += '\\';
-            out += c;
-        } else if (static_cast<unsigned char>(c) < 0x20) {
-            char buf[8];
-            std::snprintf(buf, sizeof buf, "\\u%04x", static_cast<unsigned>(c));
-            out += buf;
-        } else {
-            out += c;
-        }
-    }
-    return out + "\"";
 }
 
 std::string AccountJson(const Account& a) {
-    std::string groups = "[";
-    for (std::size_t i = 0; i < a.memberOf.size(); ++i) {
-        groups += (i ? ", " : "") + Json(Utf8(a.memberOf[i]));
+    std::vector<std::string> groups;
+    for (const std::u16string& g : a.memberOf) {
+        groups.push_back(Utf8(g));
     }
-    groups += "]";
-    return "{\"domain\": " + Json(Utf8(a.domain)) + ", \"name\": " + Json(Utf8(a.name)) +
-           ", \"type\": " + Json(UseName(a.use)) + ", \"sid\": " + Json(Utf8(a.sid.ToString())) +
-           ", \"groups\": " + groups + "}";
+    return JsonObject()
+        .Text("domain", Utf8(a.domain))
+        .Text("name", Utf8(a.name))
+        .Text("type", UseName(a.use))
+        .Text("sid", Utf8(a.sid.ToString()))
+        .Raw("groups", JsonTexts(groups))
+        .str();
 }
 
 std::string Joined(const std::vector<std::u16string>& list) {
@@ -108,9 +95,7 @@ void RunAdd() {
     Account added;
     if (!AddAccount(Utf16(o.name), o.isGroup ? SidTypeGroup : SidTypeUser, groups, &added)) {
         const DWORD error = GetLastError();
-        std::cerr << "ovasctl account add: " << o.name << ": " << ErrorText(error) << " (error "
-                  << error << ")\n";
-        ExitCode() = 1;
+        Fail("account add", o.name, error, AccountWords(error));
         return;
     }
     if (o.json) {
@@ -124,34 +109,23 @@ void RunAdd() {
 void RunList() {
     std::vector<Account> accounts;
     if (!EnumAccounts(&accounts)) {
-        std::cerr << "ovasctl account list: failed (error " << GetLastError() << ")\n";
-        ExitCode() = 1;
+        Fail("account list", "failed", GetLastError());
         return;
     }
     if (Options().json) {
-        std::cout << "[";
-        for (std::size_t i = 0; i < accounts.size(); ++i) {
-            std::cout << (i ? ",\n " : "") << AccountJson(accounts[i]);
+        std::vector<std::string> out;
+        for (const Account& a : accounts) {
+            out.push_back(AccountJson(a));
         }
-        std::cout << "]\n";
+        std::cout << JsonArray(out) << "\n";
         return;
     }
-    std::size_t nameWidth = 4;
-    std::size_t sidWidth = 3;
+    std::vector<std::vector<std::string>> rows = {{"Name", "Type", "SID", "Groups"}};
     for (const Account& a : accounts) {
-        nameWidth = std::max(nameWidth, Utf8(a.FullName()).size());
-        sidWidth = std::max(sidWidth, a.sid.ToString().size());
+        rows.push_back(
+            {Utf8(a.FullName()), UseName(a.use), Utf8(a.sid.ToString()), Joined(a.memberOf)});
     }
-    auto pad = [](std::string s, std::size_t width) {
-        s.resize(std::max(s.size(), width), ' ');
-        return s;
-    };
-    std::cout << pad("Name", nameWidth) << "  " << pad("Type", 16) << "  " << pad("SID", sidWidth)
-              << "  Groups\n";
-    for (const Account& a : accounts) {
-        std::cout << pad(Utf8(a.FullName()), nameWidth) << "  " << pad(UseName(a.use), 16) << "  "
-                  << pad(Utf8(a.sid.ToString()), sidWidth) << "  " << Joined(a.memberOf) << "\n";
-    }
+    PrintTable(rows);
 }
 
 void InstallAccountCommands(CLI::App& app) {

@@ -77,24 +77,31 @@ bool DecodeEnumRecord(std::u16string_view text, std::vector<EnumeratedPrinter>* 
     return true;
 }
 
+// A number of the enumeration record as JSON: as a number when it is one.
+std::string JsonNumber(const std::string& text) {
+    const bool digits = !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
+    return digits ? text : text.empty() ? "0" : JsonString(text);
+}
+
 void PrintEnumRecord(const std::vector<EnumeratedPrinter>& printers, bool json) {
     if (json) {
-        std::string out = "[";
+        std::vector<std::string> out;
         for (const auto& p : printers) {
-            out += out.size() > 1 ? "," : "";
-            out += "{\"printer\":" + JsonString(p.name) +
-                   ",\"references\":" + (p.references.empty() ? "0" : p.references) +
-                   ",\"sessions\":[";
-            for (std::size_t i = 0; i < p.sessions.size(); ++i) {
-                out += (i != 0 ? "," : "") + std::string("{\"session\":") + p.sessions[i].first +
-                       ",\"user\":" + JsonString(p.sessions[i].second) + "}";
+            std::vector<std::string> sessions;
+            for (const auto& [session, user] : p.sessions) {
+                sessions.push_back(
+                    JsonObject().Raw("session", JsonNumber(session)).Text("user", user).str());
             }
-            out += "]}";
+            out.push_back(JsonObject()
+                              .Text("printer", p.name)
+                              .Raw("references", JsonNumber(p.references))
+                              .Raw("sessions", JsonArray(sessions))
+                              .str());
         }
-        std::printf("%s]\n", out.c_str());
+        std::printf("%s\n", JsonArray(out).c_str());
         return;
     }
-    std::vector<std::vector<std::string>> rows;
+    std::vector<std::vector<std::string>> rows = {{"PRINTER", "REFERENCES", "SESSION", "USER"}};
     for (const auto& p : printers) {
         if (p.sessions.empty()) {
             rows.push_back({p.name, p.references, "", ""});
@@ -103,35 +110,18 @@ void PrintEnumRecord(const std::vector<EnumeratedPrinter>& printers, bool json) 
             rows.push_back({p.name, p.references, session, user});
         }
     }
-    std::vector<std::size_t> width = {7, 10, 7, 4};
-    for (const auto& row : rows) {
-        for (std::size_t c = 0; c < row.size(); ++c) {
-            width[c] = std::max(width[c], row[c].size());
-        }
-    }
-    const auto line = [&](const std::vector<std::string>& row) {
-        std::string text;
-        for (std::size_t c = 0; c < row.size(); ++c) {
-            text +=
-                row[c] + (c + 1 < row.size() ? std::string(width[c] - row[c].size() + 2, ' ') : "");
-        }
-        std::printf("%s\n", text.c_str());
-    };
-    line({"PRINTER", "REFERENCES", "SESSION", "USER"});
-    for (const auto& row : rows) {
-        line(row);
-    }
+    PrintTable(rows);
 }
 
 void PrintResult(const CallOptions& options, const char* call, int32_t result,
                  const std::vector<std::pair<std::string, std::string>>& fields = {}) {
     if (options.json) {
-        std::string line =
-            "{\"call\":" + JsonString(call) + ",\"result\":" + std::to_string(result);
+        JsonObject line;
+        line.Text("call", call).Number("result", result);
         for (const auto& [key, value] : fields) {
-            line += "," + JsonString(key) + ":" + JsonString(value);
+            line.Text(key, value);
         }
-        std::printf("%s}\n", line.c_str());
+        std::printf("%s\n", line.str().c_str());
     } else {
         std::printf("%s: result %d\n", call, result);
         for (const auto& [key, value] : fields) {

@@ -21,13 +21,6 @@ struct ComOptions {
     std::vector<std::string> arguments;
 };
 
-std::string HResultText(platform::HRESULT hr) {
-    char hex[16];
-    std::snprintf(hex, sizeof hex, "0x%08X", static_cast<unsigned>(hr));
-    const std::string name = platform::HResultName(hr);
-    return name.empty() ? std::string(hex) : name + " (" + hex + ")";
-}
-
 // A value as a script would show it; strings quoted.
 std::string Show(const platform::VARIANT& v) {
     switch (v.vt) {
@@ -177,17 +170,17 @@ int Call(const ComOptions& o) {
                                  hr == platform::DISP_E_OVERFLOW ||
                                  hr == platform::DISP_E_PARAMNOTFOUND;
         if (o.json) {
-            std::string out = "{\"method\": " + JsonString(o.method) +
-                              ", \"hresult\": " + JsonString(HResultText(hr));
+            JsonObject out;
+            out.Text("method", o.method).Text("hresult", HResultText(hr));
             if (platform::SUCCEEDED(hr)) {
-                out += ", \"result\": " + Show(result);
+                out.Raw("result", Show(result));
                 for (std::size_t i = 0; i < arguments.size(); ++i) {
                     if (!arguments[i].variable.empty()) {
-                        out += ", " + JsonString(arguments[i].variable) + ": " + Show(variables[i]);
+                        out.Raw(arguments[i].variable, Show(variables[i]));
                     }
                 }
             }
-            std::printf("%s}\n", out.c_str());
+            std::printf("%s\n", out.str().c_str());
         } else {
             if (platform::SUCCEEDED(hr)) {
                 for (std::size_t i = 0; i < arguments.size(); ++i) {

@@ -8,6 +8,8 @@
 #include <string_view>
 #include <vector>
 
+#include "output.h"
+
 namespace ovasctl {
 
 using Installer = void (*)(CLI::App& app);
@@ -31,9 +33,6 @@ std::string RootProblem();
 
 std::u16string Utf16(std::string_view text);
 std::string Utf8(std::u16string_view text);
-
-// A JSON string literal (quotes included) for UTF-8 text.
-std::string JsonString(std::string_view text);
 
 // The packed form ("OVPPD" and one zlib stream per file) of PPD files.
 bool PackPpdFiles(const std::vector<std::string>& paths, std::vector<std::byte>* packed,

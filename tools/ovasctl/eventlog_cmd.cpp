@@ -69,27 +69,23 @@ void Show(const Options& options) {
         entries.erase(entries.begin(), entries.end() - static_cast<std::ptrdiff_t>(options.last));
     }
     if (options.json) {
-        std::cout << "[";
-        for (std::size_t i = 0; i < entries.size(); ++i) {
-            const Entry& e = entries[i];
-            std::cout << (i == 0 ? "" : ",") << "{\"time\":" << JsonString(e.time)
-                      << ",\"source\":" << JsonString(e.source)
-                      << ",\"type\":" << JsonString(e.type)
-                      << ",\"text\":" << JsonString(Unescape(e.text)) << "}";
+        std::vector<std::string> out;
+        for (const Entry& e : entries) {
+            out.push_back(JsonObject()
+                              .Text("time", e.time)
+                              .Text("source", e.source)
+                              .Text("type", e.type)
+                              .Text("text", Unescape(e.text))
+                              .str());
         }
-        std::cout << "]\n";
+        std::cout << JsonArray(out) << "\n";
         return;
     }
-    std::size_t sourceWidth = 6;
+    std::vector<std::vector<std::string>> rows = {{"TIME", "SOURCE", "TYPE", "TEXT"}};
     for (const auto& e : entries) {
-        sourceWidth = std::max(sourceWidth, e.source.size());
+        rows.push_back({e.time, e.source, e.type, e.text});
     }
-    std::printf("%-23s  %-*s  %-11s  %s\n", "TIME", static_cast<int>(sourceWidth), "SOURCE", "TYPE",
-                "TEXT");
-    for (const auto& e : entries) {
-        std::printf("%-23s  %-*s  %-11s  %s\n", e.time.c_str(), static_cast<int>(sourceWidth),
-                    e.source.c_str(), e.type.c_str(), e.text.c_str());
-    }
+    PrintTable(rows);
 }
 
 void InstallEventLogCommands(CLI::App& app) {

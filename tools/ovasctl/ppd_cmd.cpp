@@ -86,9 +86,7 @@ class OutputFile {
 };
 
 int Error(const std::string& text) {
-    std::cerr << "ovasctl ppd: " << text << "\n";
-    ExitCode() = 1;
-    return 1;
+    return Fail("ppd", text);
 }
 
 int Pack(const std::vector<std::string>& inputs, const std::string& output) {

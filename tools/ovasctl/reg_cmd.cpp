@@ -45,37 +45,6 @@ RegOptions& Options() {
     return options;
 }
 
-std::string ErrorName(DWORD error) {
-    switch (error) {
-        case ERROR_FILE_NOT_FOUND:
-            return "not found";
-        case ERROR_ACCESS_DENIED:
-            return "access denied";
-        case ERROR_INVALID_PARAMETER:
-            return "invalid parameter";
-        case ERROR_INVALID_DATA:
-            return "invalid data";
-        case ERROR_BAD_PATHNAME:
-            return "bad path name";
-        case ERROR_KEY_DELETED:
-            return "key deleted";
-        default:
-            return "error";
-    }
-}
-
-int Fail(const std::string& command, const std::string& what) {
-    std::cerr << "ovasctl reg " << command << ": " << what << "\n";
-    ExitCode() = 1;
-    return 1;
-}
-
-int FailCode(const std::string& command, const std::string& what, DWORD error) {
-    const std::string problem = RootProblem();
-    return Fail(command, what + ": " + (problem.empty() ? ErrorName(error) : problem) + " (error " +
-                             std::to_string(error) + ")");
-}
-
 std::u16string Chars(const std::vector<std::byte>& data) {
     std::u16string text;
     for (std::size_t i = 0; i + 1 < data.size(); i += 2) {
@@ -107,10 +76,9 @@ std::string JsonContent(const RegistryValue& v) {
         return JsonString(Utf8(text));
     }
     if (v.type == REG_MULTI_SZ) {
-        std::string out = "[";
+        std::vector<std::string> strings;
         const std::u16string text = Chars(v.data);
         std::size_t start = 0;
-        bool first = true;
         while (start < text.size()) {
             auto end = text.find(u'\0', start);
             if (end == std::u16string::npos) {
@@ -119,11 +87,10 @@ std::string JsonContent(const RegistryValue& v) {
             if (end == start) {
                 break;  // the list's final NUL
             }
-            out += (first ? "" : ",") + JsonString(Utf8(text.substr(start, end - start)));
-            first = false;
+            strings.push_back(Utf8(text.substr(start, end - start)));
             start = end + 1;
         }
-        return out + "]";
+        return JsonTexts(strings);
     }
     std::string hex = "\"";
     for (std::byte b : v.data) {
@@ -138,38 +105,24 @@ std::string DisplayName(const std::u16string& name) {
     return name.empty() ? "@" : Utf8(name);
 }
 
-std::string JsonValue(const RegistryValue& v) {
-    return "{\"name\":" + JsonString(Utf8(v.name)) +
-           ",\"type\":" + JsonString(regtext::TypeName(v.type)) +
-           ",\"typeNumber\":" + std::to_string(v.type) +
-           ",\"data\":" + JsonString(Utf8(regtext::FormatData(v.type, v.data))) +
-           ",\"value\":" + JsonContent(v) + "}";
-}
-
-void PrintTable(const std::vector<std::vector<std::string>>& rows) {
-    std::vector<std::size_t> widths;
-    for (const auto& row : rows) {
-        widths.resize(std::max(widths.size(), row.size()));
-        for (std::size_t c = 0; c < row.size(); ++c) {
-            widths[c] = std::max(widths[c], row[c].size());
-        }
+// The value's members; `key` first when given.
+JsonObject JsonValue(const RegistryValue& v, const std::string& key = {}) {
+    JsonObject out;
+    if (!key.empty()) {
+        out.Text("key", key);
     }
-    for (const auto& row : rows) {
-        std::string line;
-        for (std::size_t c = 0; c < row.size(); ++c) {
-            line += row[c];
-            if (c + 1 < row.size()) {
-                line += std::string(widths[c] - row[c].size() + 2, ' ');
-            }
-        }
-        std::cout << line << "\n";
-    }
+    out.Text("name", Utf8(v.name))
+        .Text("type", regtext::TypeName(v.type))
+        .Number("typeNumber", v.type)
+        .Text("data", Utf8(regtext::FormatData(v.type, v.data)))
+        .Raw("value", JsonContent(v));
+    return out;
 }
 
 bool ParseKey(const std::string& command, HKEY* root, std::u16string* subKey) {
     std::string why;
     if (!regtext::SplitKeyPath(Utf16(Options().key), root, subKey, &why)) {
-        Fail(command, Options().key + ": " + why);
+        Fail("reg " + command, Options().key + ": " + why);
         return false;
     }
     return true;
@@ -193,20 +146,19 @@ void RunGet() {
     }
     UniqueKey key;
     if (DWORD error = RegOpenKeyExW(root, subKey, 0, KEY_READ, &key); error != ERROR_SUCCESS) {
-        FailCode("get", o.key, error);
+        Fail("reg get", o.key, error);
         return;
     }
     const std::string keyName = FullKeyName(root, subKey);
     if (!o.value.empty()) {
         RegistryValue v;
         if (DWORD error = RegGetValue(key.get(), ValueName(o.value), &v); error != ERROR_SUCCESS) {
-            FailCode("get", o.key + " " + o.value, error);
+            Fail("reg get", o.key + " " + o.value, error);
             return;
         }
         v.name = ValueName(o.value);
         if (o.json) {
-            std::cout << "{\"key\":" << JsonString(keyName) << "," << JsonValue(v).substr(1)
-                      << "\n";
+            std::cout << JsonValue(v, keyName).str() << "\n";
         } else {
             std::cout << Utf8(regtext::FormatData(v.type, v.data)) << "\n";
         }
@@ -219,19 +171,24 @@ void RunGet() {
         error = RegEnumSubKeys(key.get(), &subKeys);
     }
     if (error != ERROR_SUCCESS) {
-        FailCode("get", o.key, error);
+        Fail("reg get", o.key, error);
         return;
     }
     if (o.json) {
-        std::string out = "{\"key\":" + JsonString(keyName) + ",\"values\":[";
-        for (std::size_t i = 0; i < values.size(); ++i) {
-            out += (i == 0 ? "" : ",") + JsonValue(values[i]);
+        std::vector<std::string> valueJson;
+        for (const auto& v : values) {
+            valueJson.push_back(JsonValue(v).str());
         }
-        out += "],\"subkeys\":[";
-        for (std::size_t i = 0; i < subKeys.size(); ++i) {
-            out += (i == 0 ? "" : ",") + JsonString(Utf8(subKeys[i]));
+        std::vector<std::string> keyNames;
+        for (const auto& k : subKeys) {
+            keyNames.push_back(Utf8(k));
         }
-        std::cout << out << "]}\n";
+        std::cout << JsonObject()
+                         .Text("key", keyName)
+                         .Raw("values", JsonArray(valueJson))
+                         .Raw("subkeys", JsonTexts(keyNames))
+                         .str()
+                  << "\n";
         return;
     }
     std::cout << keyName << "\n";
@@ -342,7 +299,7 @@ void RunSet() {
     std::vector<std::byte> data;
     std::string why;
     if (!BuildData(o, &type, &data, &why)) {
-        Fail("set", why);
+        Fail("reg set", why);
         return;
     }
     UniqueKey key;
@@ -352,13 +309,12 @@ void RunSet() {
                                static_cast<DWORD>(data.size()));
     }
     if (error != ERROR_SUCCESS) {
-        FailCode("set", o.key + " " + o.value, error);
+        Fail("reg set", o.key + " " + o.value, error);
         return;
     }
     RegistryValue v{ValueName(o.value), type, data};
     if (o.json) {
-        std::cout << "{\"key\":" << JsonString(FullKeyName(root, subKey)) << ","
-                  << JsonValue(v).substr(1) << "\n";
+        std::cout << JsonValue(v, FullKeyName(root, subKey)).str() << "\n";
     }
 }
 
@@ -377,13 +333,13 @@ void RunDelete() {
             error = RegDeleteValueW(key.get(), ValueName(o.value));
         }
     } else if (subKey.empty()) {
-        Fail("delete", "a root key cannot be deleted");
+        Fail("reg delete", "a root key cannot be deleted");
         return;
     } else {
         error = RegDeleteTreeW(root, subKey);
     }
     if (error != ERROR_SUCCESS) {
-        FailCode("delete", o.key + (o.value.empty() ? "" : " " + o.value), error);
+        Fail("reg delete", o.key + (o.value.empty() ? "" : " " + o.value), error);
         return;
     }
     if (o.json) {
@@ -425,7 +381,7 @@ void RunImport() {
     } else {
         std::ifstream in(o.file, std::ios::binary);
         if (!in) {
-            Fail("import", o.file + ": cannot be read");
+            Fail("reg import", o.file + ": cannot be read");
             return;
         }
         bytes.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
@@ -433,15 +389,15 @@ void RunImport() {
     std::u16string text;
     std::string why;
     if (!DecodeFile(bytes, &text, &why)) {
-        Fail("import", o.file + ": " + why);
+        Fail("reg import", o.file + ": " + why);
         return;
     }
     if (RegImportText(text, &why) != ERROR_SUCCESS) {
-        Fail("import", o.file + ": " + why);
+        Fail("reg import", o.file + ": " + why);
         return;
     }
     if (o.json) {
-        std::cout << "{\"imported\":" << JsonString(o.file) << "}\n";
+        std::cout << JsonObject().Text("imported", o.file).str() << "\n";
     }
 }
 
@@ -454,7 +410,7 @@ void RunExport() {
     }
     std::u16string text;
     if (DWORD error = RegExportText(root, subKey, &text); error != ERROR_SUCCESS) {
-        FailCode("export", o.key, error);
+        Fail("reg export", o.key, error);
         return;
     }
     if (o.file.empty() || o.file == "-") {
@@ -479,7 +435,7 @@ void RunExport() {
         file << Utf8(text);
     }
     if (!file.flush()) {
-        Fail("export", o.file + ": cannot be written");
+        Fail("reg export", o.file + ": cannot be written");
     }
 }
 

@@ -29,16 +29,14 @@ const char* StateText(DWORD state) {
     }
 }
 
-const char* ErrorText(DWORD error) {
+// What the service manager's codes mean to someone starting the product's
+// service; other codes get ovasctl's usual words.
+const char* ServiceWords(DWORD error) {
     switch (error) {
         case ERROR_ACCESS_DENIED:
             return "access denied: an administrator is needed";
         case ERROR_FILE_NOT_FOUND:
             return "the service program ovaspoolsvc was not found";
-        case ERROR_SERVICE_ALREADY_RUNNING:
-            return "the service is already running";
-        case ERROR_SERVICE_NOT_ACTIVE:
-            return "the service is not running";
         case ERROR_SERVICE_REQUEST_TIMEOUT:
             return "the service did not report running in time";
         default:
@@ -46,11 +44,8 @@ const char* ErrorText(DWORD error) {
     }
 }
 
-int Fail(const std::string& what, DWORD error) {
-    const std::string problem = RootProblem();
-    std::cerr << "ovasctl: " << what << " failed: error " << error << " "
-              << (problem.empty() ? ErrorText(error) : problem) << "\n";
-    return 1;
+int Fail(const std::string& command, const std::string& what, DWORD error) {
+    return ovasctl::Fail("service " + command, what, error, ServiceWords(error));
 }
 
 // Why a service stopped, from its exit code.
@@ -85,11 +80,16 @@ SERVICE_STATUS WaitWhileStarting(SC_HANDLE service) {
 
 void Print(const SERVICE_STATUS& status, bool json) {
     if (json) {
-        std::printf(
-            "{\"service\":\"OvaspoolSvc\",\"state\":\"%s\",\"stateCode\":%u,\"checkPoint\":%u,"
-            "\"waitHint\":%u,\"exitCode\":%u,\"serviceExitCode\":%u}\n",
-            StateText(status.dwCurrentState), status.dwCurrentState, status.dwCheckPoint,
-            status.dwWaitHint, status.dwWin32ExitCode, status.dwServiceSpecificExitCode);
+        std::cout << JsonObject()
+                         .Text("service", "OvaspoolSvc")
+                         .Text("state", StateText(status.dwCurrentState))
+                         .Number("stateCode", status.dwCurrentState)
+                         .Number("checkPoint", status.dwCheckPoint)
+                         .Number("waitHint", status.dwWaitHint)
+                         .Number("exitCode", status.dwWin32ExitCode)
+                         .Number("serviceExitCode", status.dwServiceSpecificExitCode)
+                         .str()
+                  << std::endl;
         return;
     }
     std::printf("SERVICE_NAME: OvaspoolSvc\n");
@@ -121,11 +121,11 @@ void InstallServiceCommands(CLI::App& app) {
     start->callback([json] {
         UniqueServiceHandle svc;
         if (DWORD rc = Open(SERVICE_START | SERVICE_QUERY_STATUS, &svc); rc != 0) {
-            ExitCode() = Fail("open service", rc);
+            Fail("start", "opening OvaspoolSvc", rc);
             return;
         }
         if (!StartServiceW(svc.get(), {})) {
-            ExitCode() = Fail("start", GetLastError());
+            Fail("start", "starting OvaspoolSvc", GetLastError());
             return;
         }
         // Started is not running: the service says so itself once it serves,
@@ -133,11 +133,11 @@ void InstallServiceCommands(CLI::App& app) {
         const SERVICE_STATUS status = WaitWhileStarting(svc.get());
         Print(status, *json);
         if (status.dwCurrentState == SERVICE_STOPPED) {
-            std::cerr << "ovasctl: start failed: the service stopped: exit code "
-                      << status.dwWin32ExitCode << " (" << ExitText(status) << ")\n";
-            ExitCode() = 1;
+            ovasctl::Fail("service start", "the service stopped: exit code " +
+                                               std::to_string(status.dwWin32ExitCode) + " (" +
+                                               ExitText(status) + ")");
         } else if (status.dwCurrentState == SERVICE_START_PENDING) {
-            ExitCode() = Fail("start", ERROR_SERVICE_REQUEST_TIMEOUT);
+            Fail("start", "starting OvaspoolSvc", ERROR_SERVICE_REQUEST_TIMEOUT);
         }
     });
 
@@ -146,12 +146,12 @@ void InstallServiceCommands(CLI::App& app) {
     stop->callback([json] {
         UniqueServiceHandle svc;
         if (DWORD rc = Open(SERVICE_STOP | SERVICE_QUERY_STATUS, &svc); rc != 0) {
-            ExitCode() = Fail("open service", rc);
+            Fail("stop", "opening OvaspoolSvc", rc);
             return;
         }
         SERVICE_STATUS status;
         if (!ControlService(svc.get(), SERVICE_CONTROL_STOP, &status)) {
-            ExitCode() = Fail("stop", GetLastError());
+            Fail("stop", "stopping OvaspoolSvc", GetLastError());
             return;
         }
         // The stop control only asks; wait until the service reports stopped.
@@ -159,12 +159,12 @@ void InstallServiceCommands(CLI::App& app) {
         const std::uint64_t deadline = GetTickCount64() + kStopWaitMs;
         while (status.dwCurrentState != SERVICE_STOPPED) {
             if (GetTickCount64() > deadline) {
-                ExitCode() = Fail("stop: the service did not stop within 30 s", ERROR_TIMEOUT);
+                Fail("stop", "the service did not stop within 30 s", ERROR_TIMEOUT);
                 return;
             }
             Sleep(20);
             if (!QueryServiceStatus(svc.get(), &status)) {
-                ExitCode() = Fail("status", GetLastError());
+                Fail("stop", "querying OvaspoolSvc", GetLastError());
                 return;
             }
         }
@@ -176,12 +176,12 @@ void InstallServiceCommands(CLI::App& app) {
     query->callback([json] {
         UniqueServiceHandle svc;
         if (DWORD rc = Open(SERVICE_QUERY_STATUS, &svc); rc != 0) {
-            ExitCode() = Fail("open service", rc);
+            Fail("status", "opening OvaspoolSvc", rc);
             return;
         }
         SERVICE_STATUS status;
         if (!QueryServiceStatus(svc.get(), &status)) {
-            ExitCode() = Fail("status", GetLastError());
+            Fail("status", "querying OvaspoolSvc", GetLastError());
             return;
         }
         Print(status, *json);

@@ -28,14 +28,6 @@ using platform::SetEnvironmentVariableW;
 using platform::UniqueToken;
 namespace terminal = platform::terminal;
 
-std::string JsonList(const std::vector<std::u16string>& list) {
-    std::string out = "[";
-    for (std::size_t i = 0; i < list.size(); ++i) {
-        out += (i ? "," : "") + JsonString(Utf8(list[i]));
-    }
-    return out + "]";
-}
-
 std::vector<std::u16string> SplitList(const std::string& text) {
     std::vector<std::u16string> out;
     std::size_t start = 0;
@@ -122,74 +114,93 @@ bool ParsePrinter(const std::string& text, terminal::ClientPrinter* p, std::stri
     return true;
 }
 
+// Session administration's own reading of the codes it gets.
 int Fail(const std::string& what, DWORD error) {
-    std::cerr << "ovasctl: " << what << " failed: error " << error;
+    const char* words = "";
     switch (error) {
-        case 87:
-            std::cerr << " (invalid parameter)";
-            break;
-        case 183:
-            std::cerr << " (another user is logged on in that session)";
+        case platform::ERROR_ALREADY_EXISTS:
+            words = "another user is logged on in that session";
             break;
         case platform::ERROR_CTX_WINSTATION_NOT_FOUND:
-            std::cerr << " (no such session)";
+            words = "no such session";
             break;
         default:
             break;
     }
-    std::cerr << "\n";
-    return 1;
+    return ovasctl::Fail("session " + what, "failed", error, words);
 }
 
+// One row per client printer; a session without printers has one row.
 void PrintTable(const std::vector<terminal::Session>& sessions) {
-    std::printf("%-7s %-14s %-13s %-24s %-16s %-15s %s\n", "ID", "STATION", "STATE", "USER",
-                "CLIENT", "ADDRESS", "PRINTERS");
+    std::vector<std::vector<std::string>> rows = {
+        {"ID", "STATION", "STATE", "USER", "CLIENT", "ADDRESS", "PRINTERS"}};
     for (const auto& s : sessions) {
         std::string user = Utf8(s.userName);
         if (!s.domainName.empty() && !user.empty()) {
             user = Utf8(s.domainName) + "\\" + user;
         }
-        std::printf("%-7u %-14s %-13s %-24s %-16s %-15s %zu\n", s.id,
-                    Utf8(s.winStationName).c_str(), Utf8(terminal::StateName(s.state)).c_str(),
-                    user.c_str(), Utf8(s.clientName).c_str(), Utf8(s.clientAddress).c_str(),
-                    s.printers.size());
+        std::vector<std::string> row = {std::to_string(s.id),
+                                        Utf8(s.winStationName),
+                                        Utf8(terminal::StateName(s.state)),
+                                        user,
+                                        Utf8(s.clientName),
+                                        Utf8(s.clientAddress),
+                                        ""};
+        if (s.printers.empty()) {
+            rows.push_back(row);
+        }
         for (const auto& p : s.printers) {
-            std::printf("        printer %u: %s (class %s, driver %s)", p.printerId,
-                        Utf8(p.name).c_str(), Utf8(p.printerClass).c_str(), Utf8(p.driver).c_str());
+            row.back() = "printer " + std::to_string(p.printerId) + ": " + Utf8(p.name) +
+                         " (class " + Utf8(p.printerClass) + ", driver " + Utf8(p.driver) + ")";
             if (!p.ppd.empty()) {
-                std::printf(", packed PPD of %zu bytes", p.ppd.size());
+                row.back() += ", packed PPD of " + std::to_string(p.ppd.size()) + " bytes";
             }
-            std::printf("\n");
+            rows.push_back(row);
+            row.assign(row.size() - 1, "");
+            row.push_back("");
         }
     }
+    ovasctl::PrintTable(rows);
+}
+
+std::string JsonList(const std::vector<std::u16string>& list) {
+    std::vector<std::string> texts;
+    for (const auto& item : list) {
+        texts.push_back(Utf8(item));
+    }
+    return JsonTexts(texts);
 }
 
 void PrintJson(const std::vector<terminal::Session>& sessions) {
-    std::ostringstream out;
-    out << "[";
-    for (std::size_t i = 0; i < sessions.size(); ++i) {
-        const auto& s = sessions[i];
-        out << (i ? "," : "") << "{\"id\":" << s.id
-            << ",\"station\":" << JsonString(Utf8(s.winStationName))
-            << ",\"state\":" << JsonString(Utf8(terminal::StateName(s.state)))
-            << ",\"stateCode\":" << static_cast<DWORD>(s.state)
-            << ",\"user\":" << JsonString(Utf8(s.userName))
-            << ",\"domain\":" << JsonString(Utf8(s.domainName))
-            << ",\"client\":" << JsonString(Utf8(s.clientName))
-            << ",\"address\":" << JsonString(Utf8(s.clientAddress)) << ",\"printers\":[";
-        for (std::size_t k = 0; k < s.printers.size(); ++k) {
-            const auto& p = s.printers[k];
-            out << (k ? "," : "") << "{\"name\":" << JsonString(Utf8(p.name))
-                << ",\"class\":" << JsonString(Utf8(p.printerClass))
-                << ",\"driver\":" << JsonString(Utf8(p.driver)) << ",\"id\":" << p.printerId
-                << ",\"trays\":" << JsonList(p.trays) << ",\"papers\":" << JsonList(p.papers)
-                << ",\"resolutions\":" << JsonList(p.resolutions) << ",\"duplex\":" << p.duplex
-                << ",\"ppdBytes\":" << p.ppd.size() << "}";
+    std::vector<std::string> out;
+    for (const auto& s : sessions) {
+        std::vector<std::string> printers;
+        for (const auto& p : s.printers) {
+            printers.push_back(JsonObject()
+                                   .Text("name", Utf8(p.name))
+                                   .Text("class", Utf8(p.printerClass))
+                                   .Text("driver", Utf8(p.driver))
+                                   .Number("id", p.printerId)
+                                   .Raw("trays", JsonList(p.trays))
+                                   .Raw("papers", JsonList(p.papers))
+                                   .Raw("resolutions", JsonList(p.resolutions))
+                                   .Number("duplex", p.duplex)
+                                   .Number("ppdBytes", static_cast<std::int64_t>(p.ppd.size()))
+                                   .str());
         }
-        out << "]}";
+        out.push_back(JsonObject()
+                          .Number("id", s.id)
+                          .Text("station", Utf8(s.winStationName))
+                          .Text("state", Utf8(terminal::StateName(s.state)))
+                          .Number("stateCode", static_cast<DWORD>(s.state))
+                          .Text("user", Utf8(s.userName))
+                          .Text("domain", Utf8(s.domainName))
+                          .Text("client", Utf8(s.clientName))
+                          .Text("address", Utf8(s.clientAddress))
+                          .Raw("printers", JsonArray(printers))
+                          .str());
     }
-    out << "]\n";
-    std::cout << out.str();
+    std::cout << JsonArray(out) << "\n";
 }
 
 struct LogonOptions {
@@ -306,20 +317,20 @@ void InstallSessionCommands(CLI::App& app) {
             terminal::ClientPrinter p;
             std::string error;
             if (!ParsePrinter(text, &p, &error)) {
-                std::cerr << "ovasctl: " << error << "\n";
-                ExitCode() = 2;
+                ovasctl::Fail("session logon", error);
+                ExitCode() = 2;  // a usage error, as for a bad option
                 return;
             }
             if (p.ppd.size() >= 131073) {
-                std::cerr << "ovasctl: warning: the packed PPD of \"" << Utf8(p.name) << "\" has "
-                          << p.ppd.size()
+                std::cerr << "ovasctl session logon: warning: the packed PPD of \"" << Utf8(p.name)
+                          << "\" has " << p.ppd.size()
                           << " bytes, more than a create request carries: the service will use "
                              "the standard PPD\n";
             }
             s.printers.push_back(std::move(p));
         }
         if (DWORD rc = terminal::Logon(s); rc != 0) {
-            ExitCode() = Fail("logon", rc);
+            Fail("logon", rc);
             return;
         }
         std::printf("session %u: %s logged on\n", s.id, logon->user.c_str());
@@ -332,7 +343,7 @@ void InstallSessionCommands(CLI::App& app) {
     cmdDisconnect->add_option("--id", *disconnectId, "session id")->required();
     cmdDisconnect->callback([disconnectId] {
         if (DWORD rc = terminal::Disconnect(*disconnectId); rc != 0) {
-            ExitCode() = Fail("disconnect", rc);
+            Fail("disconnect", rc);
             return;
         }
         std::printf("session %u: disconnected\n", *disconnectId);
@@ -344,7 +355,7 @@ void InstallSessionCommands(CLI::App& app) {
     cmdLogoff->callback([logoffId] {
         NotifyLogoff(*logoffId);
         if (DWORD rc = terminal::Logoff(*logoffId); rc != 0) {
-            ExitCode() = Fail("logoff", rc);
+            Fail("logoff", rc);
             return;
         }
         std::printf("session %u: logged off\n", *logoffId);
@@ -356,7 +367,7 @@ void InstallSessionCommands(CLI::App& app) {
     cmdList->callback([json] {
         std::vector<terminal::Session> sessions;
         if (DWORD rc = terminal::ListSessions(&sessions); rc != 0) {
-            ExitCode() = Fail("list", rc);
+            Fail("list", rc);
             return;
         }
         if (*json) {

@@ -105,9 +105,7 @@ const DriverFile kPostScriptFiles[] = {
 };
 
 int Fail(const std::string& what, DWORD error) {
-    std::cerr << "ovasctl setup: " << what << " failed (error " << error << ")\n";
-    ExitCode() = 1;
-    return 1;
+    return ovasctl::Fail("setup", what + " failed", error);
 }
 
 bool DriverInstalled(const std::u16string& name, bool* installed) {
@@ -194,9 +192,9 @@ void InstallSetupCommand(CLI::App& app) {
         "setup", "install the product on this embedded machine (its drivers); idempotent");
     setup->callback([] {
         if (!kEmbeddedMachine) {
-            std::cerr << "ovasctl setup: only embedded machines are set up this way; on Windows "
-                         "the product's installer does it\n";
-            ExitCode() = 1;
+            ovasctl::Fail("setup",
+                          "only embedded machines are set up this way; on Windows the product's "
+                          "installer does it");
             return;
         }
         InstallPostScriptTemplate();

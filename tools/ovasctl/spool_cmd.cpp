@@ -35,53 +35,14 @@ struct AclEntryText {
     std::uint32_t flags = 0;
 };
 
-template <typename T>
-T ReadAt(const std::vector<std::byte>& b, std::size_t at) {
-    T v{};
-    if (at + sizeof(T) <= b.size()) {
-        std::memcpy(&v, b.data() + at, sizeof(T));
-    }
-    return v;
-}
-
-// "S-1-5-21-..." of the SID at `at`.
-std::string SidText(const std::vector<std::byte>& b, std::size_t at) {
-    std::uint64_t authority = 0;
-    for (std::size_t i = 0; i < 6; ++i) {
-        authority = (authority << 8) | ReadAt<std::uint8_t>(b, at + 2 + i);
-    }
-    std::string text =
-        "S-" + std::to_string(ReadAt<std::uint8_t>(b, at)) + "-" + std::to_string(authority);
-    const std::size_t count = ReadAt<std::uint8_t>(b, at + 1);
-    for (std::size_t i = 0; i < count; ++i) {
-        text += "-" + std::to_string(ReadAt<std::uint32_t>(b, at + 8 + 4 * i));
-    }
-    return text;
-}
-
-std::string AccountName(const std::vector<std::byte>& b, std::size_t at) {
-    const std::string sid = SidText(b, at);
+// DOMAIN\name of the account, or the SID's text when the machine has no name
+// for it.
+std::string AccountName(const Sid& sid) {
     Account account;
-    const Sid binary = Sid::FromBytes(b.data() + at, b.size() - std::min(at, b.size()));
-    if (!binary.empty() && FindAccountBySid(binary, &account)) {
+    if (FindAccountBySid(sid, &account)) {
         return Utf8(account.domain.empty() ? account.name : account.FullName());
     }
-    static const std::pair<const char*, const char*> known[] = {
-        {"S-1-5-18", "NT AUTHORITY\\SYSTEM"},
-        {"S-1-5-32-544", "BUILTIN\\Administrators"},
-        {"S-1-5-32-545", "BUILTIN\\Users"},
-        {"S-1-1-0", "Everyone"},
-        {"S-1-3-0", "CREATOR OWNER"},
-        {"S-1-5-11", "NT AUTHORITY\\Authenticated Users"},
-        {"S-1-5-32-547", "BUILTIN\\Power Users"},
-        {"S-1-5-4", "NT AUTHORITY\\INTERACTIVE"},
-    };
-    for (const auto& [s, name] : known) {
-        if (sid == s) {
-            return name;
-        }
-    }
-    return sid;
+    return Utf8(sid.ToString());
 }
 
 std::string RightsText(std::uint32_t mask, std::uint8_t flags) {
@@ -106,32 +67,35 @@ std::string RightsText(std::uint32_t mask, std::uint8_t flags) {
     return text.empty() ? "none" : text;
 }
 
-// The DACL of a self-relative descriptor, one line per ACE.
-std::vector<AclEntryText> DescribeAcl(const std::vector<std::byte>& sd) {
+// The DACL of a self-relative descriptor, one line per ACE; nothing for a
+// descriptor that does not parse or has no DACL.
+std::vector<AclEntryText> DescribeAcl(const std::vector<std::byte>& selfRelative) {
     std::vector<AclEntryText> out;
-    if (sd.size() < 20 || (ReadAt<std::uint16_t>(sd, 2) & 0x0004) == 0) {
+    SecurityDescriptor sd;
+    bool present = false;
+    bool defaulted = false;
+    const Acl* dacl = nullptr;
+    ACL_SIZE_INFORMATION size;
+    if (!MakeAbsoluteSD(selfRelative, &sd) ||
+        !GetSecurityDescriptorDacl(sd, &present, &dacl, &defaulted) || dacl == nullptr ||
+        !GetAclInformation(*dacl, &size)) {
         return out;
     }
-    const std::size_t acl = ReadAt<std::uint32_t>(sd, 16);
-    if (acl == 0 || acl + 8 > sd.size()) {
-        return out;
-    }
-    const std::size_t count = ReadAt<std::uint16_t>(sd, acl + 4);
-    std::size_t at = acl + 8;
-    for (std::size_t i = 0; i < count && at + 8 <= sd.size(); ++i) {
-        const auto size = ReadAt<std::uint16_t>(sd, at + 2);
-        if (size < 8) {
+    for (DWORD i = 0; i < size.AceCount; ++i) {
+        Ace ace;
+        if (!GetAce(*dacl, i, &ace)) {
             break;
         }
+        const BYTE type = ace.Header.AceType;
         AclEntryText entry;
-        const auto type = ReadAt<std::uint8_t>(sd, at);
-        entry.type = type == 0 ? "allow" : type == 1 ? "deny" : "type" + std::to_string(type);
-        entry.flags = ReadAt<std::uint8_t>(sd, at + 1);
-        entry.mask = ReadAt<std::uint32_t>(sd, at + 4);
-        entry.account = AccountName(sd, at + 8);
-        entry.rights = RightsText(entry.mask, static_cast<std::uint8_t>(entry.flags));
+        entry.type = type == ACCESS_ALLOWED_ACE_TYPE  ? "allow"
+                     : type == ACCESS_DENIED_ACE_TYPE ? "deny"
+                                                      : "type" + std::to_string(type);
+        entry.flags = ace.Header.AceFlags;
+        entry.mask = ace.Mask;
+        entry.account = ace.sid.empty() ? "?" : AccountName(ace.sid);
+        entry.rights = RightsText(entry.mask, ace.Header.AceFlags);
         out.push_back(std::move(entry));
-        at += size;
     }
     return out;
 }
@@ -152,35 +116,11 @@ bool RunAsAccount(const std::string& account, std::string* why) {
 // ---- output helpers ------------------------------------------------------------
 
 int Fail(const std::string& what, DWORD error) {
-    std::cerr << "ovasctl spool: " << what << " failed (error " << error << ")\n";
-    ExitCode() = 1;
-    return 1;
+    return ovasctl::Fail("spool", what + " failed", error);
 }
 
-// A simple aligned table.
-void PrintTable(const std::vector<std::string>& header,
-                const std::vector<std::vector<std::string>>& rows) {
-    std::vector<std::size_t> width(header.size());
-    for (std::size_t c = 0; c < header.size(); ++c) {
-        width[c] = header[c].size();
-        for (const auto& row : rows) {
-            width[c] = std::max(width[c], row[c].size());
-        }
-    }
-    auto line = [&](const std::vector<std::string>& cells) {
-        std::string out;
-        for (std::size_t c = 0; c < cells.size(); ++c) {
-            out += cells[c];
-            if (c + 1 < cells.size()) {
-                out += std::string(width[c] - cells[c].size() + 2, ' ');
-            }
-        }
-        std::cout << out << '\n';
-    };
-    line(header);
-    for (const auto& row : rows) {
-        line(row);
-    }
+int Fail(const std::string& what) {
+    return ovasctl::Fail("spool", what);
 }
 
 std::string AclSummary(const std::vector<AclEntryText>& acl) {
@@ -195,29 +135,34 @@ std::string AclSummary(const std::vector<AclEntryText>& acl) {
 }
 
 std::string AclJson(const std::vector<AclEntryText>& acl) {
-    std::string out = "[";
-    for (std::size_t i = 0; i < acl.size(); ++i) {
-        out += (i ? "," : "") + std::string("{\"account\":") + JsonString(acl[i].account) +
-               ",\"type\":" + JsonString(acl[i].type) + ",\"rights\":" + JsonString(acl[i].rights) +
-               ",\"mask\":" + std::to_string(acl[i].mask) +
-               ",\"flags\":" + std::to_string(acl[i].flags) + "}";
+    std::vector<std::string> entries;
+    for (const auto& e : acl) {
+        entries.push_back(JsonObject()
+                              .Text("account", e.account)
+                              .Text("type", e.type)
+                              .Text("rights", e.rights)
+                              .Number("mask", e.mask)
+                              .Number("flags", e.flags)
+                              .str());
     }
-    return out + "]";
+    return JsonArray(entries);
 }
 
-std::string PrinterJson(const PrinterInfo2& p) {
-    std::ostringstream out;
-    out << "{\"name\":" << JsonString(Utf8(p.printerName))
-        << ",\"share\":" << JsonString(Utf8(p.shareName))
-        << ",\"driver\":" << JsonString(Utf8(p.driverName))
-        << ",\"port\":" << JsonString(Utf8(p.portName))
-        << ",\"comment\":" << JsonString(Utf8(p.comment))
-        << ",\"location\":" << JsonString(Utf8(p.location))
-        << ",\"printProcessor\":" << JsonString(Utf8(p.printProcessor))
-        << ",\"datatype\":" << JsonString(Utf8(p.datatype)) << ",\"attributes\":" << p.attributes
-        << ",\"status\":" << p.status << ",\"jobs\":" << p.cJobs
-        << ",\"acl\":" << AclJson(DescribeAcl(p.securityDescriptor)) << "}";
-    return out.str();
+JsonObject PrinterJson(const PrinterInfo2& p) {
+    JsonObject out;
+    out.Text("name", Utf8(p.printerName))
+        .Text("share", Utf8(p.shareName))
+        .Text("driver", Utf8(p.driverName))
+        .Text("port", Utf8(p.portName))
+        .Text("comment", Utf8(p.comment))
+        .Text("location", Utf8(p.location))
+        .Text("printProcessor", Utf8(p.printProcessor))
+        .Text("datatype", Utf8(p.datatype))
+        .Number("attributes", p.attributes)
+        .Number("status", p.status)
+        .Number("jobs", p.cJobs)
+        .Raw("acl", AclJson(DescribeAcl(p.securityDescriptor)));
+    return out;
 }
 
 // ---- commands --------------------------------------------------------------------
@@ -228,11 +173,11 @@ int ListPrinters(bool json) {
         return Fail("EnumPrinters", GetLastError());
     }
     if (json) {
-        std::cout << "[";
-        for (std::size_t i = 0; i < printers->size(); ++i) {
-            std::cout << (i ? "," : "") << PrinterJson((*printers)[i]);
+        std::vector<std::string> out;
+        for (const auto& p : *printers) {
+            out.push_back(PrinterJson(p).str());
         }
-        std::cout << "]\n";
+        std::cout << JsonArray(out) << "\n";
         return 0;
     }
     std::vector<std::vector<std::string>> rows;
@@ -241,7 +186,8 @@ int ListPrinters(bool json) {
                         Utf8(p.location), std::to_string(p.cJobs),
                         AclSummary(DescribeAcl(p.securityDescriptor))});
     }
-    PrintTable({"NAME", "DRIVER", "PORT", "COMMENT", "LOCATION", "JOBS", "ACL"}, rows);
+    rows.insert(rows.begin(), {"NAME", "DRIVER", "PORT", "COMMENT", "LOCATION", "JOBS", "ACL"});
+    PrintTable(rows);
     return 0;
 }
 
@@ -287,35 +233,39 @@ int ShowPrinter(const std::string& name, bool json) {
     }
     auto jobs = EnumJobsW(printer.get(), 0, 0xFFFFFFFF, 1).value_or(std::vector<JobInfo1>{});
     if (json) {
-        std::string out = PrinterJson(info);
-        out.pop_back();
-        out += ",\"devMode\":";
+        JsonObject out = PrinterJson(info);
         if (info.devMode) {
             const auto& dm = *info.devMode;
-            out += "{\"deviceName\":" + JsonString(Utf8(dm.dmDeviceName)) +
-                   ",\"fields\":" + std::to_string(dm.dmFields) +
-                   ",\"paperSize\":" + std::to_string(dm.dmPaperSize) +
-                   ",\"defaultSource\":" + std::to_string(dm.dmDefaultSource) +
-                   ",\"duplex\":" + std::to_string(dm.dmDuplex) +
-                   ",\"printQuality\":" + std::to_string(dm.dmPrintQuality) +
-                   ",\"yResolution\":" + std::to_string(dm.dmYResolution) +
-                   ",\"formName\":" + JsonString(Utf8(dm.dmFormName)) +
-                   ",\"driverExtra\":" + std::to_string(dm.driverExtra.size()) + "}";
+            out.Raw("devMode",
+                    JsonObject()
+                        .Text("deviceName", Utf8(dm.dmDeviceName))
+                        .Number("fields", dm.dmFields)
+                        .Number("paperSize", dm.dmPaperSize)
+                        .Number("defaultSource", dm.dmDefaultSource)
+                        .Number("duplex", dm.dmDuplex)
+                        .Number("printQuality", dm.dmPrintQuality)
+                        .Number("yResolution", dm.dmYResolution)
+                        .Text("formName", Utf8(dm.dmFormName))
+                        .Number("driverExtra", static_cast<std::int64_t>(dm.driverExtra.size()))
+                        .str());
         } else {
-            out += "null";
+            out.Raw("devMode", "null");
         }
-        out += ",\"printerData\":{";
-        for (std::size_t i = 0; i < data.size(); ++i) {
-            out += (i ? "," : "") + JsonString(Utf8(data[i].name)) + ":" +
-                   JsonString(DataText(data[i]));
+        JsonObject printerData;
+        for (const auto& v : data) {
+            printerData.Text(Utf8(v.name), DataText(v));
         }
-        out += "},\"queue\":[";
-        for (std::size_t i = 0; i < jobs.size(); ++i) {
-            out += (i ? "," : "") + std::string("{\"id\":") + std::to_string(jobs[i].jobId) +
-                   ",\"user\":" + JsonString(Utf8(jobs[i].userName)) +
-                   ",\"document\":" + JsonString(Utf8(jobs[i].document)) + "}";
+        out.Raw("printerData", printerData.str());
+        std::vector<std::string> queue;
+        for (const auto& j : jobs) {
+            queue.push_back(JsonObject()
+                                .Number("id", j.jobId)
+                                .Text("user", Utf8(j.userName))
+                                .Text("document", Utf8(j.document))
+                                .str());
         }
-        std::cout << out << "]}\n";
+        out.Raw("queue", JsonArray(queue));
+        std::cout << out.str() << "\n";
         return 0;
     }
     std::cout << "Name:            " << Utf8(info.printerName) << '\n'
@@ -460,21 +410,22 @@ int ListDrivers(bool json) {
         return Fail("EnumPrinterDrivers", GetLastError());
     }
     if (json) {
-        std::cout << "[";
-        for (std::size_t i = 0; i < drivers->size(); ++i) {
-            const auto& d = (*drivers)[i];
-            std::cout << (i ? "," : "") << "{\"name\":" << JsonString(Utf8(d.name))
-                      << ",\"driverPath\":" << JsonString(Utf8(d.driverPath))
-                      << ",\"dataFile\":" << JsonString(Utf8(d.dataFile)) << "}";
+        std::vector<std::string> out;
+        for (const auto& d : *drivers) {
+            out.push_back(JsonObject()
+                              .Text("name", Utf8(d.name))
+                              .Text("driverPath", Utf8(d.driverPath))
+                              .Text("dataFile", Utf8(d.dataFile))
+                              .str());
         }
-        std::cout << "]\n";
+        std::cout << JsonArray(out) << "\n";
         return 0;
     }
-    std::vector<std::vector<std::string>> rows;
+    std::vector<std::vector<std::string>> rows = {{"NAME", "DRIVER FILE", "DATA FILE"}};
     for (const auto& d : *drivers) {
         rows.push_back({Utf8(d.name), Utf8(d.driverPath), Utf8(d.dataFile)});
     }
-    PrintTable({"NAME", "DRIVER FILE", "DATA FILE"}, rows);
+    PrintTable(rows);
     return 0;
 }
 
@@ -529,7 +480,7 @@ int ListPorts(bool json) {
         return Fail("EnumPorts", GetLastError());
     }
     std::vector<std::vector<std::string>> rows;
-    std::string out = "[";
+    std::vector<std::string> out;
     for (const auto& p : *ports) {
         std::string text;
         const auto defaults = PrinterDefaults{u"", std::nullopt, SERVER_ACCESS_ADMINISTER};
@@ -549,14 +500,17 @@ int ListPorts(bool json) {
             c = c == '\n' ? ' ' : c;
         }
         rows.push_back({Utf8(p.monitorName), Utf8(p.portName), flat});
-        out += (out.size() > 1 ? "," : "") + std::string("{\"monitor\":") +
-               JsonString(Utf8(p.monitorName)) + ",\"port\":" + JsonString(Utf8(p.portName)) +
-               ",\"info\":" + JsonString(text) + "}";
+        out.push_back(JsonObject()
+                          .Text("monitor", Utf8(p.monitorName))
+                          .Text("port", Utf8(p.portName))
+                          .Text("info", text)
+                          .str());
     }
     if (json) {
-        std::cout << out << "]\n";
+        std::cout << JsonArray(out) << "\n";
     } else {
-        PrintTable({"MONITOR", "PORT", "GETPORT"}, rows);
+        rows.insert(rows.begin(), {"MONITOR", "PORT", "GETPORT"});
+        PrintTable(rows);
     }
     return 0;
 }
@@ -564,18 +518,14 @@ int ListPorts(bool json) {
 int AddJob(const std::string& printerName, const std::string& user, const std::string& document) {
     std::string why;
     if (!user.empty() && !RunAsAccount(user, &why)) {
-        std::cerr << "ovasctl spool: " << why << '\n';
-        ExitCode() = 1;
-        return 1;
+        return Fail(why);
     }
     auto printer = OpenPrinterW(Utf16(printerName));
     if (!printer) {
         const DWORD error = GetLastError();
         if (error == ERROR_ACCESS_DENIED) {
-            std::cerr << "ovasctl spool: access denied: " << (user.empty() ? "this user" : user)
-                      << " may not print to \"" << printerName << "\"\n";
-            ExitCode() = 1;
-            return 1;
+            return Fail("access denied: " + (user.empty() ? std::string("this user") : user) +
+                        " may not print to \"" + printerName + "\"");
         }
         return Fail("OpenPrinter \"" + printerName + "\"", error);
     }
@@ -599,9 +549,7 @@ int FinishJob(const std::string& printerName, DWORD id) {
     if (id == 0) {
         auto jobs = EnumJobsW(printer.get(), 0, 1, 1);
         if (!jobs || jobs->empty()) {
-            std::cerr << "ovasctl spool: no job queued on \"" << printerName << "\"\n";
-            ExitCode() = 1;
-            return 1;
+            return Fail("no job queued on \"" + printerName + "\"");
         }
         id = jobs->front().jobId;
     }
@@ -651,10 +599,8 @@ int SetAcl(const std::string& name, const std::vector<std::string>& entries) {
         } else if (rights == "full") {
             grantFull(found.sid);
         } else {
-            std::cerr << "ovasctl spool: unknown right \"" << rights
-                      << "\" (print, manage-documents, manage-printer, full)\n";
-            ExitCode() = 1;
-            return 1;
+            return Fail("unknown right \"" + rights +
+                        "\" (print, manage-documents, manage-printer, full)");
         }
     }
     DWORD size = kAclHeaderSize;
