@@ -40,8 +40,8 @@ std::u16string UserName(int i) {
 bool Prepare(int printers) {
     HKEY raw = nullptr;
     UniqueKey key;
-    if (RegCreateKeyExW(HKEY_LOCAL_MACHINE, ovsvc::kProductKey, 0, KEY_ALL_ACCESS, &key,
-                        nullptr) != 0) {
+    if (RegCreateKeyExW(HKEY_LOCAL_MACHINE, ovsvc::kProductKey, 0, KEY_ALL_ACCESS, &key, nullptr) !=
+        0) {
         return false;
     }
     (void)raw;
@@ -51,8 +51,8 @@ bool Prepare(int printers) {
     Sid admins;
     CreateWellKnownSid(WinBuiltinAdministratorsSid, &admins);
     for (int s = 1; s <= 2 * printers; ++s) {
-        Account account;
-        if (!AddAccount(UserName(s), SidTypeUser, {}, &account)) {
+        admin::Account account;
+        if (!admin::AddAccount(UserName(s), SidTypeUser, {}, &account)) {
             return false;
         }
         terminal::Session session;
@@ -64,10 +64,10 @@ bool Prepare(int printers) {
         }
     }
     for (int i = 0; i < printers; ++i) {
-        Account a;
-        Account b;
-        FindAccountByName(UserName(2 * i + 1), &a);
-        FindAccountByName(UserName(2 * i + 2), &b);
+        admin::Account a;
+        admin::Account b;
+        admin::FindAccountByName(UserName(2 * i + 1), &a);
+        admin::FindAccountByName(UserName(2 * i + 2), &b);
         Acl acl;
         InitializeAcl(&acl, 512, ACL_REVISION);
         AddAccessAllowedAceEx(&acl, ACL_REVISION, 0, PRINTER_ALL_ACCESS, admins);
@@ -160,8 +160,8 @@ int main(int argc, char** argv) {
     if (sizes.empty()) {
         sizes = {1000, 2000, 5000};
     }
-    std::printf("%-9s %14s %14s %14s %14s   (microseconds per printer; growth vs %d)\n",
-                "printers", "cache load", "enumerate", "release", "repair", sizes.front());
+    std::printf("%-9s %14s %14s %14s %14s   (microseconds per printer; growth vs %d)\n", "printers",
+                "cache load", "enumerate", "release", "repair", sizes.front());
     Row first{};
     for (const int n : sizes) {
         Row row{};

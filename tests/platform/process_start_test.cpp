@@ -422,14 +422,14 @@ TEST_F(ProcessStart, AChildRunsAsItsAccountInItsSession) {
 
 TEST_F(ProcessStart, AProcessStartedWithATokenRunsAsItsUserInItsSession) {
     OVTEST_EMBEDDED_ONLY("tokens made for accounts of the emulated machine");
-    ASSERT_TRUE(AddAccount(u"OVDOMAIN\\alice", SidTypeUser, {}, nullptr)) << GetLastError();
+    ASSERT_TRUE(admin::AddAccount(u"OVDOMAIN\\alice", SidTypeUser, {}, nullptr)) << GetLastError();
     terminal::Session s;
     s.id = 5;
     s.domainName = u"OVDOMAIN";
     s.userName = u"alice";
     ASSERT_EQ(terminal::Logon(s), ERROR_SUCCESS);
     UniqueToken token;
-    ASSERT_TRUE(CreateTokenForAccount(u"OVDOMAIN\\alice", 5, &token)) << GetLastError();
+    ASSERT_TRUE(admin::CreateTokenForAccount(u"OVDOMAIN\\alice", 5, &token)) << GetLastError();
     // The caller runs in session 0 as the system; the child does not.
     EXPECT_EQ(RunCaptured(SelfCommand("whoami"), nullptr, {}, token.get()).text, "alice in 5\n");
 }

@@ -347,8 +347,8 @@ TEST_F(ServiceControl, OnlyAdministratorsMayLockStartOrStop) {
     OVTEST_EMBEDDED_ONLY("the embedded account table and per-process accounts");
     // An ordinary user and a member of BUILTIN\Administrators.
     const std::u16string adminGroups[] = {u"BUILTIN\\Administrators"};
-    ASSERT_TRUE(AddAccount(u"OVDOMAIN\\bob", SidTypeUser, {}, nullptr));
-    ASSERT_TRUE(AddAccount(u"OVDOMAIN\\operator", SidTypeUser, adminGroups, nullptr));
+    ASSERT_TRUE(admin::AddAccount(u"OVDOMAIN\\bob", SidTypeUser, {}, nullptr));
+    ASSERT_TRUE(admin::AddAccount(u"OVDOMAIN\\operator", SidTypeUser, adminGroups, nullptr));
     const std::string admin = "OVSVC_USER=OVDOMAIN\\operator";
     auto user = ovtest::Process::StartChild("non_admin", {}, {"OVSVC_USER=OVDOMAIN\\bob"});
     EXPECT_EQ(user.Wait(), 0) << user.output();

@@ -43,21 +43,21 @@ class SecurityAccessCheck : public ovtest::MachineTest,
             return;
         }
         OVTEST_EMBEDDED_ONLY("tokens for configured accounts come from the account table");
-        ASSERT_TRUE(AddAccount(u"CORP\\Printing", SidTypeGroup, {}, &printing_));
+        ASSERT_TRUE(admin::AddAccount(u"CORP\\Printing", SidTypeGroup, {}, &printing_));
         const std::u16string groups[] = {u"CORP\\Printing"};
-        Account alice;
-        Account bob;
-        ASSERT_TRUE(AddAccount(u"CORP\\alice", SidTypeUser, groups, &alice));
-        ASSERT_TRUE(AddAccount(u"CORP\\bob", SidTypeUser, {}, &bob));
-        ASSERT_TRUE(CreateTokenForAccount(u"CORP\\alice", 1, &token_));
-        ASSERT_TRUE(CreateTokenForAccount(u"CORP\\bob", 2, &strangerToken_));
+        admin::Account alice;
+        admin::Account bob;
+        ASSERT_TRUE(admin::AddAccount(u"CORP\\alice", SidTypeUser, groups, &alice));
+        ASSERT_TRUE(admin::AddAccount(u"CORP\\bob", SidTypeUser, {}, &bob));
+        ASSERT_TRUE(admin::CreateTokenForAccount(u"CORP\\alice", 1, &token_));
+        ASSERT_TRUE(admin::CreateTokenForAccount(u"CORP\\bob", 2, &strangerToken_));
         user_ = alice.sid;
         stranger_ = bob.sid;
-        SetProcessAccount(u"CORP\\alice");
+        admin::SetProcessAccount(u"CORP\\alice");
     }
     void TearDown() override {
         if (GetParam() == TokenSource::ConfiguredAccount) {
-            SetProcessAccount(u"");
+            admin::SetProcessAccount(u"");
         }
         ovtest::MachineTest::TearDown();
     }
@@ -92,7 +92,7 @@ class SecurityAccessCheck : public ovtest::MachineTest,
     Sid stranger_;
     UniqueToken token_;
     UniqueToken strangerToken_;  // configured accounts only
-    Account printing_;           // configured accounts only
+    admin::Account printing_;    // configured accounts only
 };
 
 INSTANTIATE_TEST_SUITE_P(Tokens, SecurityAccessCheck,
@@ -227,7 +227,7 @@ TEST_P(SecurityAccessCheckAccounts, GroupsOtherUsersAndTheSystem) {
     EXPECT_EQ(Check(With(&users), strangerToken_.get(), kUse), kUse) << "every user is in Users";
     const Acl admins = AclOf({{A, 0, kUse, user_}, {A, 0, kAll, SidOf(u"S-1-5-32-544")}});
     UniqueToken system;
-    ASSERT_TRUE(CreateTokenForAccount(u"NT AUTHORITY\\SYSTEM", 0, &system));
+    ASSERT_TRUE(admin::CreateTokenForAccount(u"NT AUTHORITY\\SYSTEM", 0, &system));
     EXPECT_EQ(Check(With(&admins), system.get(), kAll), kAll) << "through Administrators";
     EXPECT_EQ(Check(With(&admins), strangerToken_.get(), kUse), 0u);
 }

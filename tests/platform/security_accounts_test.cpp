@@ -82,29 +82,29 @@ TEST_F(SecurityAccounts, TheComputersAdministrator) {
 }
 
 TEST_F(SecurityAccounts, RecordsByNameAndBySid) {
-    Account users;
+    admin::Account users;
     SetLastError(kPoison);
-    ASSERT_TRUE(FindAccountByName(u"builtin\\users", &users));
+    ASSERT_TRUE(admin::FindAccountByName(u"builtin\\users", &users));
     EXPECT_EQ(users.FullName(), u"BUILTIN\\Users") << "spelled as the system spells it";
     EXPECT_EQ(users.sid, SidOf(u"S-1-5-32-545"));
     EXPECT_EQ(users.use, SidTypeAlias);
-    Account system;
-    ASSERT_TRUE(FindAccountBySid(SidOf(u"S-1-5-18"), &system));
+    admin::Account system;
+    ASSERT_TRUE(admin::FindAccountBySid(SidOf(u"S-1-5-18"), &system));
     EXPECT_EQ(system.FullName(), u"NT AUTHORITY\\SYSTEM");
-    Account everyone;
-    ASSERT_TRUE(FindAccountByName(u"Everyone", &everyone));
+    admin::Account everyone;
+    ASSERT_TRUE(admin::FindAccountByName(u"Everyone", &everyone));
     EXPECT_EQ(everyone.FullName(), u"Everyone") << "no domain";
     EXPECT_EQ(everyone.sid, SidOf(u"S-1-1-0"));
 
-    Account untouched = system;
+    admin::Account untouched = system;
     SetLastError(kPoison);
-    EXPECT_FALSE(FindAccountByName(u"NOWHERE\\nobody", &untouched));
+    EXPECT_FALSE(admin::FindAccountByName(u"NOWHERE\\nobody", &untouched));
     EXPECT_EQ(GetLastError(), ERROR_NONE_MAPPED);
     SetLastError(kPoison);
-    EXPECT_FALSE(FindAccountBySid(SidOf(u"S-1-5-21-9-9-9-4242"), &untouched));
+    EXPECT_FALSE(admin::FindAccountBySid(SidOf(u"S-1-5-21-9-9-9-4242"), &untouched));
     EXPECT_EQ(GetLastError(), ERROR_NONE_MAPPED);
     SetLastError(kPoison);
-    EXPECT_FALSE(FindAccountBySid(Sid{}, &untouched));
+    EXPECT_FALSE(admin::FindAccountBySid(Sid{}, &untouched));
     EXPECT_EQ(GetLastError(), ERROR_INVALID_SID);
     EXPECT_EQ(untouched.FullName(), u"NT AUTHORITY\\SYSTEM");
 }
@@ -134,27 +134,27 @@ TEST_F(SecurityAccounts, AccountAdministrationIsNotOffered) {
         GTEST_SKIP() << "the embedded machine keeps an account table";
     }
     const std::u16string groups[] = {u"BUILTIN\\Users"};
-    Account added;
+    admin::Account added;
     SetLastError(kPoison);
-    EXPECT_FALSE(AddAccount(u"OVTEST\\nobody", SidTypeUser, groups, &added));
+    EXPECT_FALSE(admin::AddAccount(u"OVTEST\\nobody", SidTypeUser, groups, &added));
     EXPECT_EQ(GetLastError(), ERROR_NOT_SUPPORTED);
     SetLastError(kPoison);
-    EXPECT_FALSE(AddGroupMember(u"BUILTIN\\Users", u"NT AUTHORITY\\SYSTEM"));
+    EXPECT_FALSE(admin::AddGroupMember(u"BUILTIN\\Users", u"NT AUTHORITY\\SYSTEM"));
     EXPECT_EQ(GetLastError(), ERROR_NOT_SUPPORTED);
     SetLastError(kPoison);
-    EXPECT_FALSE(DeleteAccount(u"BUILTIN\\Users"));
+    EXPECT_FALSE(admin::DeleteAccount(u"BUILTIN\\Users"));
     EXPECT_EQ(GetLastError(), ERROR_NOT_SUPPORTED);
-    std::vector<Account> all;
+    std::vector<admin::Account> all;
     SetLastError(kPoison);
-    EXPECT_FALSE(EnumAccounts(&all));
+    EXPECT_FALSE(admin::EnumAccounts(&all));
     EXPECT_EQ(GetLastError(), ERROR_NOT_SUPPORTED);
     UniqueToken token;
     SetLastError(kPoison);
-    EXPECT_FALSE(CreateTokenForAccount(u"NT AUTHORITY\\SYSTEM", 0, &token));
+    EXPECT_FALSE(admin::CreateTokenForAccount(u"NT AUTHORITY\\SYSTEM", 0, &token));
     EXPECT_EQ(GetLastError(), ERROR_NOT_SUPPORTED);
     EXPECT_FALSE(token.valid());
-    Account users;
-    EXPECT_TRUE(FindAccountByName(u"BUILTIN\\Users", &users)) << "look-ups still work";
+    admin::Account users;
+    EXPECT_TRUE(admin::FindAccountByName(u"BUILTIN\\Users", &users)) << "look-ups still work";
 }
 
 TEST_F(SecurityAccounts, LookupAccountNameSizeProtocol) {
@@ -287,14 +287,14 @@ TEST_F(SecurityAccounts, UnknownNamesAndSids) {
 }
 
 TEST_F(SecurityAccountTable, ConfiguredUsersAndGroups) {
-    Account group;
-    ASSERT_TRUE(AddAccount(u"CORP\\Printing", SidTypeGroup, {}, &group));
+    admin::Account group;
+    ASSERT_TRUE(admin::AddAccount(u"CORP\\Printing", SidTypeGroup, {}, &group));
     EXPECT_EQ(group.use, SidTypeGroup);
     const std::u16string groups[] = {u"CORP\\Printing", u"BUILTIN\\Power Users"};
-    Account alice;
-    ASSERT_TRUE(AddAccount(u"CORP\\alice", SidTypeUser, groups, &alice));
-    Account bob;
-    ASSERT_TRUE(AddAccount(u"corp\\bob", SidTypeUser, {}, &bob));
+    admin::Account alice;
+    ASSERT_TRUE(admin::AddAccount(u"CORP\\alice", SidTypeUser, groups, &alice));
+    admin::Account bob;
+    ASSERT_TRUE(admin::AddAccount(u"corp\\bob", SidTypeUser, {}, &bob));
 
     // Both in one domain: same prefix, RIDs from 1000 on, all different.
     const DWORD count = GetSidSubAuthorityCount(alice.sid);
@@ -311,83 +311,83 @@ TEST_F(SecurityAccountTable, ConfiguredUsersAndGroups) {
     const Named found = LookUp(u"CORP\\ALICE");
     EXPECT_EQ(found.sid, alice.sid);
     EXPECT_EQ(found.use, SidTypeUser);
-    Account again;
-    ASSERT_TRUE(FindAccountBySid(alice.sid, &again));
+    admin::Account again;
+    ASSERT_TRUE(admin::FindAccountBySid(alice.sid, &again));
     EXPECT_EQ(again.FullName(), u"CORP\\alice");
     EXPECT_EQ(again.memberOf,
               (std::vector<std::u16string>{u"CORP\\Printing", u"BUILTIN\\Power Users"}));
 
     // Without a domain, a name belongs to the default domain.
-    Account carol;
-    ASSERT_TRUE(AddAccount(u"carol", SidTypeUser, {}, &carol));
+    admin::Account carol;
+    ASSERT_TRUE(admin::AddAccount(u"carol", SidTypeUser, {}, &carol));
     EXPECT_EQ(carol.domain, u"OVDOMAIN");
     EXPECT_EQ(LookUp(u"carol").sid, carol.sid);
     // Local accounts share the machine administrator's domain SID.
-    Account local;
-    ASSERT_TRUE(AddAccount(u"OVSERVER\\dave", SidTypeUser, {}, &local));
+    admin::Account local;
+    ASSERT_TRUE(admin::AddAccount(u"OVSERVER\\dave", SidTypeUser, {}, &local));
     const Sid machineAdmin = LookUp(u"OVSERVER\\Administrator").sid;
     EXPECT_EQ(GetSidSubAuthority(local.sid, 3), GetSidSubAuthority(machineAdmin, 3));
 }
 
 TEST_F(SecurityAccountTable, AddAccountErrors) {
-    ASSERT_TRUE(AddAccount(u"CORP\\alice", SidTypeUser, {}, nullptr));
+    ASSERT_TRUE(admin::AddAccount(u"CORP\\alice", SidTypeUser, {}, nullptr));
     SetLastError(kPoison);
-    EXPECT_FALSE(AddAccount(u"CORP\\Alice", SidTypeUser, {}, nullptr));
+    EXPECT_FALSE(admin::AddAccount(u"CORP\\Alice", SidTypeUser, {}, nullptr));
     EXPECT_EQ(GetLastError(), ERROR_USER_EXISTS);
-    EXPECT_FALSE(AddAccount(u"CORP\\alice", SidTypeGroup, {}, nullptr));
+    EXPECT_FALSE(admin::AddAccount(u"CORP\\alice", SidTypeGroup, {}, nullptr));
     EXPECT_EQ(GetLastError(), ERROR_GROUP_EXISTS);
     const std::u16string missing[] = {u"CORP\\NoSuchGroup"};
-    EXPECT_FALSE(AddAccount(u"CORP\\bob", SidTypeUser, missing, nullptr));
+    EXPECT_FALSE(admin::AddAccount(u"CORP\\bob", SidTypeUser, missing, nullptr));
     EXPECT_EQ(GetLastError(), ERROR_NO_SUCH_GROUP);
     const std::u16string notAGroup[] = {u"CORP\\alice"};
-    EXPECT_FALSE(AddAccount(u"CORP\\bob", SidTypeUser, notAGroup, nullptr));
+    EXPECT_FALSE(admin::AddAccount(u"CORP\\bob", SidTypeUser, notAGroup, nullptr));
     EXPECT_EQ(GetLastError(), ERROR_NO_SUCH_GROUP);
     EXPECT_EQ(LookUp(u"CORP\\bob").use, SidTypeInvalid) << "a refused account is not added";
     for (const char16_t* bad :
          {u"CORP\\", u"\\bob", u"CORP\\a/b", u"CORP\\a*", u"", u"AVERYLONGDOMAINNAME\\bob"}) {
         SCOPED_TRACE(ovtest::U8(bad));
         SetLastError(kPoison);
-        EXPECT_FALSE(AddAccount(bad, SidTypeUser, {}, nullptr));
+        EXPECT_FALSE(admin::AddAccount(bad, SidTypeUser, {}, nullptr));
         EXPECT_EQ(GetLastError(), ERROR_INVALID_NAME);
     }
     SetLastError(kPoison);
-    EXPECT_FALSE(AddAccount(u"BUILTIN\\Mine", SidTypeGroup, {}, nullptr));
+    EXPECT_FALSE(admin::AddAccount(u"BUILTIN\\Mine", SidTypeGroup, {}, nullptr));
     EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
-    EXPECT_FALSE(AddAccount(u"CORP\\x", SidTypeAlias, {}, nullptr));
+    EXPECT_FALSE(admin::AddAccount(u"CORP\\x", SidTypeAlias, {}, nullptr));
     EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
 }
 
 TEST_F(SecurityAccountTable, MembershipAndDeletion) {
-    ASSERT_TRUE(AddAccount(u"CORP\\Staff", SidTypeGroup, {}, nullptr));
-    ASSERT_TRUE(AddAccount(u"CORP\\erin", SidTypeUser, {}, nullptr));
-    ASSERT_TRUE(AddGroupMember(u"CORP\\Staff", u"CORP\\erin"));
-    ASSERT_TRUE(AddGroupMember(u"CORP\\Staff", u"CORP\\erin")) << "twice is harmless";
-    Account erin;
-    ASSERT_TRUE(FindAccountByName(u"CORP\\erin", &erin));
+    ASSERT_TRUE(admin::AddAccount(u"CORP\\Staff", SidTypeGroup, {}, nullptr));
+    ASSERT_TRUE(admin::AddAccount(u"CORP\\erin", SidTypeUser, {}, nullptr));
+    ASSERT_TRUE(admin::AddGroupMember(u"CORP\\Staff", u"CORP\\erin"));
+    ASSERT_TRUE(admin::AddGroupMember(u"CORP\\Staff", u"CORP\\erin")) << "twice is harmless";
+    admin::Account erin;
+    ASSERT_TRUE(admin::FindAccountByName(u"CORP\\erin", &erin));
     EXPECT_EQ(erin.memberOf, std::vector<std::u16string>{u"CORP\\Staff"});
     SetLastError(kPoison);
-    EXPECT_FALSE(AddGroupMember(u"CORP\\erin", u"CORP\\Staff"));
+    EXPECT_FALSE(admin::AddGroupMember(u"CORP\\erin", u"CORP\\Staff"));
     EXPECT_EQ(GetLastError(), ERROR_NO_SUCH_GROUP);
-    EXPECT_FALSE(AddGroupMember(u"CORP\\Staff", u"CORP\\ghost"));
+    EXPECT_FALSE(admin::AddGroupMember(u"CORP\\Staff", u"CORP\\ghost"));
     EXPECT_EQ(GetLastError(), ERROR_NONE_MAPPED);
 
-    ASSERT_TRUE(DeleteAccount(u"CORP\\erin"));
+    ASSERT_TRUE(admin::DeleteAccount(u"CORP\\erin"));
     SetLastError(kPoison);
-    EXPECT_FALSE(FindAccountByName(u"CORP\\erin", &erin));
+    EXPECT_FALSE(admin::FindAccountByName(u"CORP\\erin", &erin));
     EXPECT_EQ(GetLastError(), ERROR_NONE_MAPPED);
-    EXPECT_FALSE(DeleteAccount(u"NT AUTHORITY\\SYSTEM"));
+    EXPECT_FALSE(admin::DeleteAccount(u"NT AUTHORITY\\SYSTEM"));
     EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
-    EXPECT_FALSE(DeleteAccount(u"CORP\\erin"));
+    EXPECT_FALSE(admin::DeleteAccount(u"CORP\\erin"));
     EXPECT_EQ(GetLastError(), ERROR_NONE_MAPPED);
 }
 
 TEST_F(SecurityAccountTable, EnumerationListsWellKnownThenConfigured) {
-    ASSERT_TRUE(AddAccount(u"CORP\\zed", SidTypeUser, {}, nullptr));
-    ASSERT_TRUE(AddAccount(u"CORP\\amy", SidTypeUser, {}, nullptr));
-    std::vector<Account> all;
-    ASSERT_TRUE(EnumAccounts(&all));
+    ASSERT_TRUE(admin::AddAccount(u"CORP\\zed", SidTypeUser, {}, nullptr));
+    ASSERT_TRUE(admin::AddAccount(u"CORP\\amy", SidTypeUser, {}, nullptr));
+    std::vector<admin::Account> all;
+    ASSERT_TRUE(admin::EnumAccounts(&all));
     std::vector<std::u16string> names;
-    for (const Account& a : all) {
+    for (const admin::Account& a : all) {
         names.push_back(a.FullName());
     }
     const auto pos = [&](const std::u16string& n) {
@@ -406,7 +406,7 @@ OVTEST_CHILD(add_accounts) {
     const std::string prefix = args.at(0);
     for (int i = 0; i < 10; ++i) {
         const std::u16string name = ovtest::U16("CORP\\" + prefix + std::to_string(i));
-        if (!AddAccount(name, SidTypeUser, {}, nullptr)) {
+        if (!admin::AddAccount(name, SidTypeUser, {}, nullptr)) {
             return 1;
         }
     }
@@ -414,7 +414,7 @@ OVTEST_CHILD(add_accounts) {
 }
 
 TEST_F(SecurityAccountTable, TwoProcessesAddingAtOnceGetDistinctSids) {
-    ASSERT_TRUE(AddAccount(u"CORP\\first", SidTypeUser, {}, nullptr));  // the domain exists
+    ASSERT_TRUE(admin::AddAccount(u"CORP\\first", SidTypeUser, {}, nullptr));  // the domain exists
     auto a = ovtest::Process::StartChild("add_accounts", {"a"});
     auto b = ovtest::Process::StartChild("add_accounts", {"b"});
     EXPECT_EQ(a.Wait(), 0) << a.output();
@@ -422,8 +422,8 @@ TEST_F(SecurityAccountTable, TwoProcessesAddingAtOnceGetDistinctSids) {
     std::set<std::u16string> sids;
     for (const char* prefix : {"a", "b"}) {
         for (int i = 0; i < 10; ++i) {
-            Account acc;
-            ASSERT_TRUE(FindAccountByName(
+            admin::Account acc;
+            ASSERT_TRUE(admin::FindAccountByName(
                 ovtest::U16(std::string("CORP\\") + prefix + std::to_string(i)), &acc));
             sids.insert(acc.sid.ToString());
         }

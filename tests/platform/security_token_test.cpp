@@ -21,10 +21,10 @@ class SecurityToken : public ovtest::MachineTest {
     void SetUp() override {
         ovtest::MachineTest::SetUp();
         ovtest::UnsetEnv("OVSVC_USER");
-        SetProcessAccount(u"");
+        admin::SetProcessAccount(u"");
     }
     void TearDown() override {
-        SetProcessAccount(u"");
+        admin::SetProcessAccount(u"");
         ovtest::MachineTest::TearDown();
     }
 };
@@ -60,9 +60,9 @@ TEST_F(SecurityToken, ProcessTokenNamesTheProcessAccount) {
     EXPECT_TRUE(IsValidSid(user));
     std::u16string name;
     ASSERT_TRUE(GetTokenAccountName(token.get(), &name));
-    EXPECT_EQ(name, CurrentProcessAccount());
-    Account account;
-    ASSERT_TRUE(FindAccountBySid(user, &account));
+    EXPECT_EQ(name, admin::CurrentProcessAccount());
+    admin::Account account;
+    ASSERT_TRUE(admin::FindAccountBySid(user, &account));
     EXPECT_EQ(account.FullName(), name);
     const std::vector<Sid> groups = GroupsOf(token.get());
     EXPECT_TRUE(Has(groups, SidOf(u"S-1-1-0"))) << "everyone is in Everyone";
@@ -75,7 +75,7 @@ TEST_F(SecurityToken, ProcessTokenNamesTheProcessAccount) {
 
 TEST_F(SecurityToken, ProcessWithoutAccountRunsAsLocalSystem) {
     OVTEST_EMBEDDED_ONLY("processes run as local system unless the machine says otherwise");
-    EXPECT_EQ(CurrentProcessAccount(), u"NT AUTHORITY\\SYSTEM");
+    EXPECT_EQ(admin::CurrentProcessAccount(), u"NT AUTHORITY\\SYSTEM");
     UniqueToken token;
     SetLastError(kPoison);
     ASSERT_TRUE(OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token));
@@ -92,18 +92,18 @@ TEST_F(SecurityToken, ProcessWithoutAccountRunsAsLocalSystem) {
 
 TEST_F(SecurityToken, UserTokenCarriesMembershipsAndStandardGroups) {
     OVTEST_EMBEDDED_ONLY("tokens for configured accounts come from the account table");
-    ASSERT_TRUE(AddAccount(u"CORP\\Outer", SidTypeGroup, {}, nullptr));
+    ASSERT_TRUE(admin::AddAccount(u"CORP\\Outer", SidTypeGroup, {}, nullptr));
     const std::u16string outer[] = {u"CORP\\Outer"};
-    ASSERT_TRUE(AddAccount(u"CORP\\Inner", SidTypeGroup, outer, nullptr));
+    ASSERT_TRUE(admin::AddAccount(u"CORP\\Inner", SidTypeGroup, outer, nullptr));
     const std::u16string inner[] = {u"CORP\\Inner"};
-    Account alice;
-    ASSERT_TRUE(AddAccount(u"CORP\\alice", SidTypeUser, inner, &alice));
-    Account innerGroup;
-    Account outerGroup;
-    ASSERT_TRUE(FindAccountByName(u"CORP\\Inner", &innerGroup));
-    ASSERT_TRUE(FindAccountByName(u"CORP\\Outer", &outerGroup));
+    admin::Account alice;
+    ASSERT_TRUE(admin::AddAccount(u"CORP\\alice", SidTypeUser, inner, &alice));
+    admin::Account innerGroup;
+    admin::Account outerGroup;
+    ASSERT_TRUE(admin::FindAccountByName(u"CORP\\Inner", &innerGroup));
+    ASSERT_TRUE(admin::FindAccountByName(u"CORP\\Outer", &outerGroup));
 
-    SetProcessAccount(u"corp\\ALICE");
+    admin::SetProcessAccount(u"corp\\ALICE");
     UniqueToken token;
     ASSERT_TRUE(OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token));
     Sid user;
@@ -126,22 +126,22 @@ TEST_F(SecurityToken, UserTokenCarriesMembershipsAndStandardGroups) {
 TEST_F(SecurityToken, UnknownUserBecomesKnownAtFirstLogon) {
     OVTEST_EMBEDDED_ONLY("tokens for configured accounts come from the account table");
     UniqueToken token;
-    ASSERT_TRUE(CreateTokenForAccount(u"CORP\\newcomer", 3, &token));
-    Account added;
-    ASSERT_TRUE(FindAccountByName(u"CORP\\newcomer", &added));
+    ASSERT_TRUE(admin::CreateTokenForAccount(u"CORP\\newcomer", 3, &token));
+    admin::Account added;
+    ASSERT_TRUE(admin::FindAccountByName(u"CORP\\newcomer", &added));
     EXPECT_EQ(added.use, SidTypeUser);
     Sid user;
     ASSERT_TRUE(GetTokenUserSid(token.get(), &user));
     EXPECT_EQ(user, added.sid);
     // A domain's administrator is an administrator.
-    ASSERT_TRUE(CreateTokenForAccount(u"OTHER\\Administrator", 3, &token));
+    ASSERT_TRUE(admin::CreateTokenForAccount(u"OTHER\\Administrator", 3, &token));
     EXPECT_TRUE(Has(GroupsOf(token.get()), SidOf(u"S-1-5-32-544")));
     SetLastError(kPoison);
-    EXPECT_FALSE(CreateTokenForAccount(u"BUILTIN\\Users", 3, &token))
+    EXPECT_FALSE(admin::CreateTokenForAccount(u"BUILTIN\\Users", 3, &token))
         << "a group is no logon account";
     EXPECT_EQ(GetLastError(), ERROR_NONE_MAPPED);
     SetLastError(kPoison);
-    EXPECT_FALSE(CreateTokenForAccount(u"bad/name", 3, &token));
+    EXPECT_FALSE(admin::CreateTokenForAccount(u"bad/name", 3, &token));
     EXPECT_EQ(GetLastError(), ERROR_NONE_MAPPED);
 }
 
@@ -251,7 +251,7 @@ TEST_F(SecurityToken, FixedSizeInformationAndUnknownClasses) {
 TEST_F(SecurityToken, LogonTokenSessionOwnerAndPrimaryGroup) {
     OVTEST_EMBEDDED_ONLY("tokens for configured accounts come from the account table");
     UniqueToken token;
-    ASSERT_TRUE(CreateTokenForAccount(u"CORP\\hank", 7, &token));
+    ASSERT_TRUE(admin::CreateTokenForAccount(u"CORP\\hank", 7, &token));
     DWORD session = 0;
     DWORD returned = 0;
     SetLastError(kPoison);
@@ -331,7 +331,7 @@ TEST_F(SecurityToken, ChangingTheSessionNeedsTheAdjustRight) {
 // Reports through its exit code whether the process runs as args[0].
 OVTEST_CHILD(runs_as) {
     const std::u16string expected = ovtest::U16(args.at(0));
-    if (CurrentProcessAccount() != expected) {
+    if (admin::CurrentProcessAccount() != expected) {
         return 1;
     }
     UniqueToken token;
@@ -345,7 +345,7 @@ OVTEST_CHILD(runs_as) {
 
 TEST_F(SecurityToken, ChildrenRunAsTheirSessionsUserOrTheirGivenAccount) {
     OVTEST_EMBEDDED_ONLY("the account a process runs as comes from the session table");
-    ASSERT_TRUE(AddAccount(u"CORP\\ivy", SidTypeUser, {}, nullptr));
+    ASSERT_TRUE(admin::AddAccount(u"CORP\\ivy", SidTypeUser, {}, nullptr));
     UniqueKey key;
     ASSERT_EQ(RegCreateKeyExW(HKEY_LOCAL_MACHINE, u"SOFTWARE\\OVSvc Embedded\\Sessions\\5", 0,
                               KEY_ALL_ACCESS, &key, nullptr),

@@ -19,8 +19,8 @@ using spooltest::Poison;
 // Acts as an account for the scope; back to the process's own account after.
 class ActingAs {
   public:
-    explicit ActingAs(const std::u16string& account) { SetProcessAccount(account); }
-    ~ActingAs() { SetProcessAccount(u""); }
+    explicit ActingAs(const std::u16string& account) { admin::SetProcessAccount(account); }
+    ~ActingAs() { admin::SetProcessAccount(u""); }
     ActingAs(const ActingAs&) = delete;
     ActingAs& operator=(const ActingAs&) = delete;
 };
@@ -33,8 +33,8 @@ class SpoolerAccess : public spooltest::SpoolerTest {
             "adds accounts to the embedded machine's account table and acts as them; a "
             "Windows test program cannot become another user");
         for (const char16_t* name : {u"OVDOMAIN\\jo", u"OVDOMAIN\\ann"}) {
-            Account added;
-            if (!AddAccount(name, SidTypeUser, {}, &added) &&
+            admin::Account added;
+            if (!admin::AddAccount(name, SidTypeUser, {}, &added) &&
                 GetLastError() == ERROR_CALL_NOT_IMPLEMENTED) {
                 GTEST_SKIP() << "this build has no account table";
             }
@@ -43,7 +43,7 @@ class SpoolerAccess : public spooltest::SpoolerTest {
         }
     }
     void TearDown() override {
-        SetProcessAccount(u"");
+        admin::SetProcessAccount(u"");
         SpoolerTest::TearDown();
     }
     // A printer on which SYSTEM and Administrators may do everything and jo
@@ -154,9 +154,9 @@ TEST_F(SpoolerAccess, OrdinaryUsersCannotChangeTheSpoolersSetup) {
 }
 
 TEST_F(SpoolerAccess, PrinterAddedByAnAdministratorIsOwnedByHim) {
-    Account boss;
+    admin::Account boss;
     const std::u16string groups[] = {u"BUILTIN\\Administrators"};
-    ASSERT_TRUE(AddAccount(u"OVDOMAIN\\boss", SidTypeUser, groups, &boss)) << GetLastError();
+    ASSERT_TRUE(admin::AddAccount(u"OVDOMAIN\\boss", SidTypeUser, groups, &boss)) << GetLastError();
     {
         ActingAs acting(u"OVDOMAIN\\boss");
         AddPrinter(Name(u"Boss's Printer"));

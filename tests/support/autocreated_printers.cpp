@@ -12,8 +12,8 @@ namespace {
 using namespace platform;
 
 bool SidOf(std::u16string_view account, Sid* sid) {
-    Account found;
-    if (!FindAccountByName(account, &found)) {
+    admin::Account found;
+    if (!admin::FindAccountByName(account, &found)) {
         return false;
     }
     *sid = found.sid;
@@ -54,11 +54,11 @@ std::vector<std::byte> DescriptorFor(const std::map<std::uint32_t, std::u16strin
 
 bool EnsureUsers(const std::vector<std::u16string>& users) {
     for (const std::u16string& user : users) {
-        Account found;
-        if (FindAccountByName(user, &found)) {
+        admin::Account found;
+        if (admin::FindAccountByName(user, &found)) {
             continue;
         }
-        if (!AddAccount(user, SidTypeUser, {}, nullptr)) {
+        if (!admin::AddAccount(user, SidTypeUser, {}, nullptr)) {
             ADD_FAILURE() << "cannot add account " << U8(user) << ": error " << GetLastError();
             return false;
         }
@@ -111,10 +111,10 @@ std::vector<std::u16string> PrintingUsers(std::u16string_view name) {
     GetAclInformation(*sd.dacl, &size);
     for (DWORD i = 0; i < size.AceCount; ++i) {
         Ace ace;
-        Account account;
+        admin::Account account;
         if (GetAce(*sd.dacl, i, &ace) && ace.Header.AceType == ACCESS_ALLOWED_ACE_TYPE &&
             (ace.Header.AceFlags & INHERIT_ONLY_ACE) == 0 && (ace.Mask & PRINTER_ACCESS_USE) != 0 &&
-            FindAccountBySid(ace.sid, &account) && account.use == SidTypeUser) {
+            admin::FindAccountBySid(ace.sid, &account) && account.use == SidTypeUser) {
             users.push_back(account.FullName());
         }
     }

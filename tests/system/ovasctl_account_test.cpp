@@ -39,8 +39,8 @@ TEST_F(OvasctlAccountTest, AddGroupsAndUsersThenList) {
     EXPECT_TRUE(Has("\"domain\":\"OVDOMAIN\",\"name\":\"bob\",\"type\":\"user\"")) << out_;
 
     // The tool wrote the table the platform reads.
-    Account alice;
-    ASSERT_TRUE(FindAccountByName(u"CORP\\alice", &alice));
+    admin::Account alice;
+    ASSERT_TRUE(admin::FindAccountByName(u"CORP\\alice", &alice));
     EXPECT_EQ(alice.memberOf,
               (std::vector<std::u16string>{u"CORP\\Staff", u"BUILTIN\\Power Users"}));
 
@@ -65,8 +65,8 @@ TEST_F(OvasctlAccountTest, RefusalsExplainThemselves) {
     EXPECT_TRUE(Has("no such group (error 1319)")) << out_;
     EXPECT_EQ(Run({"account", "add", "CORP\\a*b"}), 1);
     EXPECT_TRUE(Has("invalid account name (error 123)")) << out_;
-    Account bob;
-    EXPECT_FALSE(FindAccountByName(u"CORP\\bob", &bob)) << "nothing added on a refusal";
+    admin::Account bob;
+    EXPECT_FALSE(admin::FindAccountByName(u"CORP\\bob", &bob)) << "nothing added on a refusal";
 }
 
 }  // namespace

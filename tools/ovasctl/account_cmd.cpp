@@ -64,7 +64,7 @@ const char* AccountWords(DWORD error) {
     }
 }
 
-std::string AccountJson(const Account& a) {
+std::string AccountJson(const admin::Account& a) {
     std::vector<std::string> groups;
     for (const std::u16string& g : a.memberOf) {
         groups.push_back(Utf8(g));
@@ -92,8 +92,8 @@ void RunAdd() {
     for (const std::string& g : o.groups) {
         groups.push_back(Utf16(g));
     }
-    Account added;
-    if (!AddAccount(Utf16(o.name), o.isGroup ? SidTypeGroup : SidTypeUser, groups, &added)) {
+    admin::Account added;
+    if (!admin::AddAccount(Utf16(o.name), o.isGroup ? SidTypeGroup : SidTypeUser, groups, &added)) {
         const DWORD error = GetLastError();
         Fail("account add", o.name, error, AccountWords(error));
         return;
@@ -107,21 +107,21 @@ void RunAdd() {
 }
 
 void RunList() {
-    std::vector<Account> accounts;
-    if (!EnumAccounts(&accounts)) {
+    std::vector<admin::Account> accounts;
+    if (!admin::EnumAccounts(&accounts)) {
         Fail("account list", "failed", GetLastError());
         return;
     }
     if (Options().json) {
         std::vector<std::string> out;
-        for (const Account& a : accounts) {
+        for (const admin::Account& a : accounts) {
             out.push_back(AccountJson(a));
         }
         std::cout << JsonArray(out) << "\n";
         return;
     }
     std::vector<std::vector<std::string>> rows = {{"Name", "Type", "SID", "Groups"}};
-    for (const Account& a : accounts) {
+    for (const admin::Account& a : accounts) {
         rows.push_back(
             {Utf8(a.FullName()), UseName(a.use), Utf8(a.sid.ToString()), Joined(a.memberOf)});
     }

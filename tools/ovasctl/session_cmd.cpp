@@ -21,11 +21,11 @@ namespace ovasctl {
 
 namespace {
 
-using platform::CreateTokenForAccount;
 using platform::DWORD;
 using platform::GetLastError;
 using platform::SetEnvironmentVariableW;
 using platform::UniqueToken;
+using platform::admin::CreateTokenForAccount;
 namespace terminal = platform::terminal;
 
 std::vector<std::u16string> SplitList(const std::string& text) {

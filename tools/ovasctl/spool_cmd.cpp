@@ -38,8 +38,8 @@ struct AclEntryText {
 // DOMAIN\name of the account, or the SID's text when the machine has no name
 // for it.
 std::string AccountName(const Sid& sid) {
-    Account account;
-    if (FindAccountBySid(sid, &account)) {
+    admin::Account account;
+    if (admin::FindAccountBySid(sid, &account)) {
         return Utf8(account.domain.empty() ? account.name : account.FullName());
     }
     return Utf8(sid.ToString());
@@ -102,14 +102,14 @@ std::vector<AclEntryText> DescribeAcl(const std::vector<std::byte>& selfRelative
 
 // Makes this process act as `account` for the spooler's access check.
 bool RunAsAccount(const std::string& account, std::string* why) {
-    Account found;
-    if (!FindAccountByName(Utf16(account), &found)) {
+    admin::Account found;
+    if (!admin::FindAccountByName(Utf16(account), &found)) {
         *why = GetLastError() == ERROR_CALL_NOT_IMPLEMENTED
                    ? "cannot act as \"" + account + "\": this machine has no account table yet"
                    : "unknown account \"" + account + "\"";
         return false;
     }
-    SetProcessAccount(found.FullName());
+    admin::SetProcessAccount(found.FullName());
     return true;
 }
 
@@ -586,8 +586,8 @@ int SetAcl(const std::string& name, const std::vector<std::string>& entries) {
         const auto eq = entry.rfind('=');
         const std::string account = entry.substr(0, eq);
         const std::string rights = eq == std::string::npos ? "print" : entry.substr(eq + 1);
-        Account found;
-        if (!FindAccountByName(Utf16(account), &found)) {
+        admin::Account found;
+        if (!admin::FindAccountByName(Utf16(account), &found)) {
             return Fail("looking up \"" + account + "\"", GetLastError());
         }
         if (rights == "print") {

@@ -25,6 +25,8 @@
 
 namespace platform {
 
+using admin::Account;
+
 namespace {
 
 constexpr std::u16string_view kAccountsKey = u"SOFTWARE\\OVSvc Embedded\\Accounts";
@@ -390,7 +392,7 @@ std::u16string DefaultDomainName() {
     return Utf16(machine::Setting("default_domain").value_or("OVDOMAIN"));
 }
 
-bool FindAccountByName(std::u16string_view accountName, Account* account) {
+bool admin::FindAccountByName(std::u16string_view accountName, Account* account) {
     if (account == nullptr) {
         SetLastError(ERROR_INVALID_PARAMETER);
         return false;
@@ -406,7 +408,7 @@ bool FindAccountByName(std::u16string_view accountName, Account* account) {
     return found;
 }
 
-bool FindAccountBySid(const Sid& sid, Account* account) {
+bool admin::FindAccountBySid(const Sid& sid, Account* account) {
     if (account == nullptr) {
         SetLastError(ERROR_INVALID_PARAMETER);
         return false;
@@ -425,7 +427,7 @@ bool FindAccountBySid(const Sid& sid, Account* account) {
     return found;
 }
 
-bool EnumAccounts(std::vector<Account>* list) {
+bool admin::EnumAccounts(std::vector<Account>* list) {
     if (list == nullptr) {
         SetLastError(ERROR_INVALID_PARAMETER);
         return false;
@@ -461,8 +463,8 @@ bool EnumAccounts(std::vector<Account>* list) {
     return true;
 }
 
-bool AddAccount(std::u16string_view accountName, SID_NAME_USE use,
-                std::span<const std::u16string> groups, Account* added) {
+bool admin::AddAccount(std::u16string_view accountName, SID_NAME_USE use,
+                       std::span<const std::u16string> groups, Account* added) {
     std::u16string domain = DefaultDomainName();
     std::u16string_view name = accountName;
     if (const auto slash = accountName.find(u'\\'); slash != std::u16string_view::npos) {
@@ -543,7 +545,7 @@ bool AddAccount(std::u16string_view accountName, SID_NAME_USE use,
     return true;
 }
 
-bool AddGroupMember(std::u16string_view group, std::u16string_view member) {
+bool admin::AddGroupMember(std::u16string_view group, std::u16string_view member) {
     DWORD error = ERROR_SUCCESS;
     {
         LastErrorKeeper keep;
@@ -567,7 +569,7 @@ bool AddGroupMember(std::u16string_view group, std::u16string_view member) {
     return true;
 }
 
-bool DeleteAccount(std::u16string_view accountName) {
+bool admin::DeleteAccount(std::u16string_view accountName) {
     DWORD error = ERROR_SUCCESS;
     {
         LastErrorKeeper keep;
@@ -629,7 +631,7 @@ bool LookupAccountNameW(std::u16string_view systemName, std::u16string_view acco
         return false;
     }
     Account account;
-    if (!FindAccountByName(accountName, &account)) {
+    if (!admin::FindAccountByName(accountName, &account)) {
         return false;
     }
     const auto sidBytes = static_cast<DWORD>(account.sid.size());
@@ -662,7 +664,7 @@ bool LookupAccountSidW(std::u16string_view systemName, const Sid& sid, char16_t*
         return false;
     }
     Account account;
-    if (!FindAccountBySid(sid, &account)) {
+    if (!admin::FindAccountBySid(sid, &account)) {
         return false;
     }
     if (!Fits(account.name, name, nameLength) || !Fits(account.domain, domain, domainLength)) {

@@ -9,6 +9,8 @@
 
 namespace platform::accounts {
 
+using admin::Account;
+
 // Account names upper-cased as Windows compares names.
 std::u16string Upper(std::u16string_view text);
 // Key of an account in the name index: "DOMAIN\NAME" upper-cased.

@@ -26,7 +26,7 @@ bool GetUserNameW(std::u16string* name) {
         SetLastError(ERROR_INVALID_PARAMETER);
         return false;
     }
-    *name = detail::Utf16(UserPart(detail::Utf8(CurrentProcessAccount())));
+    *name = detail::Utf16(UserPart(detail::Utf8(admin::CurrentProcessAccount())));
     SetLastError(ERROR_SUCCESS);
     return true;
 }

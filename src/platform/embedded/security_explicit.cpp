@@ -17,6 +17,8 @@
 
 namespace platform {
 
+using admin::Account;
+
 namespace {
 
 struct Entry {
@@ -42,7 +44,7 @@ DWORD ResolveTrustee(const TRUSTEE_W& trustee, Sid* sid) {
     }
     if (trustee.TrusteeForm == TRUSTEE_IS_NAME) {
         Account account;
-        if (!FindAccountByName(trustee.name, &account)) {
+        if (!admin::FindAccountByName(trustee.name, &account)) {
             return ERROR_NONE_MAPPED;
         }
         *sid = account.sid;

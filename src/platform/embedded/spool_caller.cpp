@@ -50,7 +50,7 @@ bool CallerIsAdministrator() {
 
 std::u16string CallerName() {
     LastErrorKeeper keep;
-    return CurrentProcessAccount();
+    return admin::CurrentProcessAccount();
 }
 
 }  // namespace platform::spool

@@ -12,6 +12,8 @@
 
 namespace platform {
 
+using admin::Account;
+
 namespace {
 
 using embedded::HandleKind;
@@ -68,7 +70,7 @@ Sid WellKnown(WELL_KNOWN_SID_TYPE type) {
 
 struct ProcessState {
     std::mutex lock;
-    std::optional<std::u16string> account;  // SetProcessAccount
+    std::optional<std::u16string> account;  // admin::SetProcessAccount
     std::map<std::u16string, std::shared_ptr<const TokenIdentity>> identities;
 };
 
@@ -127,7 +129,7 @@ std::shared_ptr<const TokenIdentity> BuildIdentity(std::u16string_view accountNa
     if (!accounts::Resolve(accountName, &account)) {
         // Adding the user may fail because making its domain known made the
         // account known too (a domain's Administrator): look again then.
-        if (!AddAccount(accountName, SidTypeUser, {}, &account) &&
+        if (!admin::AddAccount(accountName, SidTypeUser, {}, &account) &&
             !accounts::Resolve(accountName, &account)) {
             *error = ERROR_NONE_MAPPED;
             return nullptr;
@@ -238,7 +240,7 @@ std::shared_ptr<TokenObject> TokenFromHandle(HANDLE token, DWORD required) {
 }
 
 std::shared_ptr<const TokenIdentity> CurrentProcessIdentity(DWORD* error) {
-    return IdentityFor(CurrentProcessAccount(), error);
+    return IdentityFor(admin::CurrentProcessAccount(), error);
 }
 
 bool HoldsSid(const TokenIdentity& identity, const Sid& sid) {
@@ -262,7 +264,7 @@ HANDLE GetCurrentThread() noexcept {
     return PseudoHandle(-2);
 }
 
-std::u16string CurrentProcessAccount() {
+std::u16string admin::CurrentProcessAccount() {
     {
         ProcessState& state = State();
         std::lock_guard guard(state.lock);
@@ -280,7 +282,7 @@ std::u16string CurrentProcessAccount() {
     return std::u16string(kSystemAccount);
 }
 
-void SetProcessAccount(std::u16string_view accountName) {
+void admin::SetProcessAccount(std::u16string_view accountName) {
     ProcessState& state = State();
     std::lock_guard guard(state.lock);
     if (accountName.empty()) {
@@ -317,7 +319,8 @@ bool OpenThreadToken(HANDLE thread, DWORD, bool, UniqueToken* token) {
     return false;
 }
 
-bool CreateTokenForAccount(std::u16string_view accountName, DWORD sessionId, UniqueToken* token) {
+bool admin::CreateTokenForAccount(std::u16string_view accountName, DWORD sessionId,
+                                  UniqueToken* token) {
     if (token == nullptr || accountName.empty()) {
         SetLastError(ERROR_INVALID_PARAMETER);
         return false;

@@ -10,6 +10,8 @@
 
 namespace platform::embedded {
 
+using admin::Account;
+
 struct TokenGroup {
     Sid sid;
     DWORD attributes = 0;

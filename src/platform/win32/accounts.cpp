@@ -12,6 +12,8 @@
 
 namespace platform {
 
+using admin::Account;
+
 namespace {
 
 // Windows takes no system name as "this computer".
@@ -135,7 +137,7 @@ bool LookupAccountSidW(std::u16string_view systemName, const Sid& sid, char16_t*
     return ok != FALSE;
 }
 
-bool FindAccountByName(std::u16string_view accountName, Account* account) {
+bool admin::FindAccountByName(std::u16string_view accountName, Account* account) {
     if (account == nullptr) {
         ::SetLastError(ERROR_INVALID_PARAMETER);
         return false;
@@ -172,7 +174,7 @@ bool FindAccountByName(std::u16string_view accountName, Account* account) {
     return true;
 }
 
-bool FindAccountBySid(const Sid& sid, Account* account) {
+bool admin::FindAccountBySid(const Sid& sid, Account* account) {
     if (account == nullptr) {
         ::SetLastError(ERROR_INVALID_PARAMETER);
         return false;
@@ -185,7 +187,7 @@ bool FindAccountBySid(const Sid& sid, Account* account) {
 
 // Listing every account of Windows' databases is not something a look-up
 // can do; the listing serves the embedded machine's account table.
-bool EnumAccounts(std::vector<Account>* accounts) {
+bool admin::EnumAccounts(std::vector<Account>* accounts) {
     if (accounts == nullptr) {
         ::SetLastError(ERROR_INVALID_PARAMETER);
         return false;
@@ -196,17 +198,18 @@ bool EnumAccounts(std::vector<Account>* accounts) {
 
 // Windows' accounts are administered by Windows itself; these configure
 // the embedded machine's account table for tests and demonstrations.
-bool AddAccount(std::u16string_view, SID_NAME_USE, std::span<const std::u16string>, Account*) {
+bool admin::AddAccount(std::u16string_view, SID_NAME_USE, std::span<const std::u16string>,
+                       Account*) {
     ::SetLastError(ERROR_NOT_SUPPORTED);
     return false;
 }
 
-bool AddGroupMember(std::u16string_view, std::u16string_view) {
+bool admin::AddGroupMember(std::u16string_view, std::u16string_view) {
     ::SetLastError(ERROR_NOT_SUPPORTED);
     return false;
 }
 
-bool DeleteAccount(std::u16string_view) {
+bool admin::DeleteAccount(std::u16string_view) {
     ::SetLastError(ERROR_NOT_SUPPORTED);
     return false;
 }

@@ -10,6 +10,8 @@
 
 namespace platform {
 
+using admin::Account;
+
 namespace {
 
 // The platform's information layouts are Windows' own, so GetTokenInformation
@@ -131,7 +133,7 @@ bool DuplicateToken(HANDLE token, DWORD desiredAccess, UniqueToken* duplicate) {
 
 // Tokens for an account come from a logon with its password on Windows; the
 // account-only form exists to configure the embedded machine.
-bool CreateTokenForAccount(std::u16string_view, DWORD, UniqueToken*) {
+bool admin::CreateTokenForAccount(std::u16string_view, DWORD, UniqueToken*) {
     ::SetLastError(ERROR_NOT_SUPPORTED);
     return false;
 }
@@ -183,7 +185,7 @@ bool GetTokenAccountName(HANDLE token, std::u16string* accountName) {
     }
     Sid user;
     Account account;
-    if (!GetTokenUserSid(token, &user) || !FindAccountBySid(user, &account)) {
+    if (!GetTokenUserSid(token, &user) || !admin::FindAccountBySid(user, &account)) {
         return false;
     }
     *accountName = account.FullName();
@@ -191,7 +193,7 @@ bool GetTokenAccountName(HANDLE token, std::u16string* accountName) {
 }
 
 // The user of the process's token; empty when Windows cannot say.
-std::u16string CurrentProcessAccount() {
+std::u16string admin::CurrentProcessAccount() {
     LastErrorKeeper keep;
     UniqueToken token;
     std::u16string name;
@@ -204,7 +206,7 @@ std::u16string CurrentProcessAccount() {
 
 // A process runs as the account Windows started it as; choosing another
 // one is how tests configure the embedded machine.
-void SetProcessAccount(std::u16string_view) {
+void admin::SetProcessAccount(std::u16string_view) {
     ::SetLastError(ERROR_NOT_SUPPORTED);
 }
 

@@ -77,8 +77,9 @@ TEST_F(NameCaseMachineTest, RegistrySpoolerAndAccountsFindNamesInAnyCase) {
             << ovtest::U8(p.stored);
         // Accounts.
         ASSERT_TRUE(ovtest::EnsureUsers({u"OVDOMAIN\\u" + tag + p.stored}));
-        platform::Account account;
-        EXPECT_EQ(platform::FindAccountByName(u"ovdomain\\U" + tag + p.asked, &account), p.same)
+        platform::admin::Account account;
+        EXPECT_EQ(platform::admin::FindAccountByName(u"ovdomain\\U" + tag + p.asked, &account),
+                  p.same)
             << ovtest::U8(p.stored);
     }
 }

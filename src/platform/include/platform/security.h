@@ -431,6 +431,11 @@ bool LookupAccountNameW(std::u16string_view systemName, std::u16string_view acco
 bool LookupAccountSidW(std::u16string_view systemName, const Sid& sid, char16_t* name,
                        DWORD* nameLength, char16_t* domain, DWORD* domainLength, SID_NAME_USE* use);
 
+// Administration of the machine's accounts and of who a process runs as:
+// what tools and tests use to set a machine up. The module itself only looks
+// accounts up through the Win32 calls above.
+namespace admin {
+
 struct Account {
     std::u16string domain;
     std::u16string name;
@@ -461,6 +466,8 @@ bool AddAccount(std::u16string_view accountName, SID_NAME_USE use,
 // Adds `member` to the group `group` (both must exist).
 bool AddGroupMember(std::u16string_view group, std::u16string_view member);
 bool DeleteAccount(std::u16string_view accountName);
+
+}  // namespace admin
 
 // ---- tokens ---------------------------------------------------------------------
 
@@ -527,10 +534,12 @@ bool SetTokenInformation(HANDLE token, TOKEN_INFORMATION_CLASS infoClass, const 
 // An impersonation token of the same identity, with `desiredAccess`.
 bool DuplicateToken(HANDLE token, DWORD desiredAccess, UniqueToken* duplicate);
 
+namespace admin {
 // A token for an account, as a logon would produce (the account's groups
 // and the ones every such account has), in the given session. For the
 // process-start code and for tests. ERROR_NONE_MAPPED for an unknown account.
 bool CreateTokenForAccount(std::u16string_view accountName, DWORD sessionId, UniqueToken* token);
+}  // namespace admin
 
 // Typed reads of a token (same errors as GetTokenInformation).
 bool GetTokenUserSid(HANDLE token, Sid* user);
@@ -539,6 +548,7 @@ bool GetTokenSessionId(HANDLE token, DWORD* sessionId);
 // "DOMAIN\name" of the token's user.
 bool GetTokenAccountName(HANDLE token, std::u16string* accountName);
 
+namespace admin {
 // The account the calling process runs as: what SetProcessAccount set, else
 // $OVSVC_USER ("DOMAIN\name"), else the user of the process's session in
 // HKLM\SOFTWARE\OVSvc Embedded\Sessions\<id> ("DomainName", "UserName"),
@@ -547,6 +557,7 @@ std::u16string CurrentProcessAccount();
 // Makes the calling process run as `accountName` (empty: back to the rule
 // above). For tests; children get the account through OVSVC_USER.
 void SetProcessAccount(std::u16string_view accountName);
+}  // namespace admin
 
 // ---- access checks ----------------------------------------------------------------
 
@@ -556,13 +567,13 @@ struct PRIVILEGE_SET {
 };
 
 // Windows' discretionary check of `token` (on Windows an impersonation token,
-// such as DuplicateToken makes; the embedded machine takes primary ones too) against `sd` for `desiredAccess` (generic bits must already be mapped,
-// else ERROR_GENERIC_NOT_MAPPED): no DACL or a NULL DACL grants everything;
-// otherwise ACEs are taken in order, inherit-only ACEs skipped, a denied
-// right wins over a later grant; the owner is granted READ_CONTROL and
-// WRITE_DAC. MAXIMUM_ALLOWED asks for everything grantable. Returns true when
-// the check ran; *accessStatus tells whether all was granted (when not,
-// *grantedAccess is 0 and the last error ERROR_ACCESS_DENIED).
+// such as DuplicateToken makes; the embedded machine takes primary ones too) against `sd` for
+// `desiredAccess` (generic bits must already be mapped, else ERROR_GENERIC_NOT_MAPPED): no DACL or
+// a NULL DACL grants everything; otherwise ACEs are taken in order, inherit-only ACEs skipped, a
+// denied right wins over a later grant; the owner is granted READ_CONTROL and WRITE_DAC.
+// MAXIMUM_ALLOWED asks for everything grantable. Returns true when the check ran; *accessStatus
+// tells whether all was granted (when not, *grantedAccess is 0 and the last error
+// ERROR_ACCESS_DENIED).
 bool AccessCheck(const SecurityDescriptor& sd, HANDLE token, ACCESS_MASK desiredAccess,
                  const GENERIC_MAPPING& mapping, PRIVILEGE_SET* privileges, DWORD* privilegesLength,
                  ACCESS_MASK* grantedAccess, bool* accessStatus);
