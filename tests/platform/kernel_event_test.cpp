@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -368,39 +369,7 @@ TEST_F(KernelEvent, TimedWaitReturnsTimeoutNoSoonerThanAsked) {
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(60));
 }
 
-TEST_F(KernelEvent, InfiniteWaitIsReleasedBySetFromAnotherThread) {
-    UniqueEvent e = CreateEventW(nullptr, false, false, u"");
-    std::thread setter([&] {
-        Sleep(20);
-        SetEvent(e.get());
-    });
-    EXPECT_EQ(WaitForSingleObject(e.get(), INFINITE), WAIT_OBJECT_0);
-    setter.join();
-}
-
-TEST_F(KernelEvent, ManualSetReleasesEveryWaiterEvenIfResetAtOnce) {
-    UniqueEvent e = CreateEventW(nullptr, true, false, u"");
-    UniqueEvent ready = CreateEventW(nullptr, false, false, u"");
-    constexpr int kWaiters = 4;
-    std::atomic<int> released{0};
-    std::vector<std::thread> waiters;
-    for (int i = 0; i < kWaiters; ++i) {
-        waiters.emplace_back([&] {
-            if (WaitForSingleObject(e.get(), 20000) == WAIT_OBJECT_0) {
-                released.fetch_add(1);
-            }
-        });
-    }
-    Sleep(100);  // let them block
-    ASSERT_TRUE(SetEvent(e.get()));
-    ASSERT_TRUE(ResetEvent(e.get()));
-    for (auto& t : waiters) {
-        t.join();
-    }
-    EXPECT_EQ(released.load(), kWaiters);
-}
-
-// ---- across processes --------------------------------------------------------------
+// ---- waiters in other threads and in other processes -------------------------
 
 OVTEST_CHILD(event_waiter) {
     // args: event name, timeout ms, ready event name
@@ -416,92 +385,153 @@ OVTEST_CHILD(event_waiter) {
     return r == WAIT_OBJECT_0 ? 0 : r == WAIT_TIMEOUT ? 20 : 21;
 }
 
-// Starts `count` waiter processes on `name` and returns once all are waiting.
-std::vector<ovtest::Process> StartWaiters(const std::string& name, int count,
-                                          const std::string& timeout) {
-    const std::string readyName = ovtest::UniqueName("ready");
-    UniqueEvent ready = CreateEventW(nullptr, false, false, U16(readyName));
-    std::vector<ovtest::Process> children;
-    for (int i = 0; i < count; ++i) {
-        children.push_back(ovtest::Process::StartChild("event_waiter", {name, timeout, readyName}));
-        EXPECT_EQ(WaitForSingleObject(ready.get(), 20000), WAIT_OBJECT_0);
+enum class Where { kThread, kProcess };
+
+// `count` waiters that open the event `name` themselves and wait on it for
+// `timeout` ms, each in a thread of this process or in a process of its own.
+// Each ends with what event_waiter returns: 0 released, 20 timed out.
+class Waiters {
+  public:
+    Waiters(Where where, const std::string& name, int count, const std::string& timeout) {
+        const std::string readyName = ovtest::UniqueName("ready");
+        UniqueEvent ready = CreateEventW(nullptr, false, false, U16(readyName));
+        for (int i = 0; i < count; ++i) {
+            if (where == Where::kProcess) {
+                processes_.push_back(
+                    ovtest::Process::StartChild("event_waiter", {name, timeout, readyName}));
+            } else {
+                auto result = std::make_shared<std::atomic<int>>(-1);
+                threadResults_.push_back(result);
+                threads_.emplace_back([result, name, timeout, readyName] {
+                    UniqueEvent e = OpenEventW(SYNCHRONIZE, false, U16(name));
+                    UniqueEvent r = OpenEventW(EVENT_MODIFY_STATE, false, U16(readyName));
+                    if (!e || !r || !SetEvent(r.get())) {
+                        result->store(10);
+                        return;
+                    }
+                    const DWORD w = WaitForSingleObject(e.get(), std::stoul(timeout));
+                    result->store(w == WAIT_OBJECT_0 ? 0 : w == WAIT_TIMEOUT ? 20 : 21);
+                });
+            }
+            EXPECT_EQ(WaitForSingleObject(ready.get(), 20000), WAIT_OBJECT_0);
+        }
+        Sleep(100);  // from "ready" into the wait itself
     }
-    Sleep(100);  // from "ready" into the wait itself
-    return children;
-}
+    Waiters(Waiters&&) = default;
+    ~Waiters() {
+        for (auto& t : threads_) {
+            t.join();
+        }
+    }
 
-TEST_F(KernelEvent, SetInOneProcessWakesAWaiterInAnother) {
-    const std::string name = "Global\\" + ovtest::UniqueName("xproc");
-    UniqueEvent e = CreateEventW(nullptr, false, false, U16(name));
-    ASSERT_TRUE(e);
-    auto children = StartWaiters(name, 1, "30000");
-    ASSERT_TRUE(SetEvent(e.get()));
-    EXPECT_EQ(children[0].Wait(std::chrono::seconds(20)), 0) << children[0].output();
-    EXPECT_EQ(WaitForSingleObject(e.get(), 0), WAIT_TIMEOUT);  // the waiter consumed it
-}
-
-TEST_F(KernelEvent, WaiterInAnotherProcessTimesOut) {
-    const std::string name = ovtest::UniqueName("xtimeout");
-    UniqueEvent e = CreateEventW(nullptr, false, false, U16(name));
-    auto children = StartWaiters(name, 1, "50");
-    EXPECT_EQ(children[0].Wait(std::chrono::seconds(20)), 20) << children[0].output();
-}
-
-TEST_F(KernelEvent, AutomaticResetReleasesExactlyOneOfSeveralWaitersPerSet) {
-    const std::string name = ovtest::UniqueName("one-each");
-    UniqueEvent e = CreateEventW(nullptr, false, false, U16(name));
-    constexpr int kWaiters = 3;
-    auto children = StartWaiters(name, kWaiters, "30000");
-    for (int set = 1; set <= kWaiters; ++set) {
-        ASSERT_TRUE(SetEvent(e.get()));
-        // Exactly one more child finishes.
+    int Finished() {
         int finished = 0;
+        for (auto& p : processes_) {
+            finished += p.Running() ? 0 : 1;
+        }
+        for (const auto& r : threadResults_) {
+            finished += r->load() >= 0 ? 1 : 0;
+        }
+        return finished;
+    }
+
+    // Waits until `count` waiters ended (20 s at most); how many did.
+    int AwaitFinished(int count) {
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-        while (std::chrono::steady_clock::now() < deadline) {
-            finished = 0;
-            for (auto& c : children) {
-                finished += c.Running() ? 0 : 1;
-            }
-            if (finished >= set) {
-                break;
-            }
+        while (Finished() < count && std::chrono::steady_clock::now() < deadline) {
             Sleep(5);
         }
-        ASSERT_EQ(finished, set);
-        Sleep(200);  // nobody else may follow
-        finished = 0;
-        for (auto& c : children) {
-            finished += c.Running() ? 0 : 1;
+        return Finished();
+    }
+
+    // Every waiter's result, once all ended.
+    std::vector<int> Results() {
+        std::vector<int> out;
+        for (auto& p : processes_) {
+            out.push_back(p.Wait(std::chrono::seconds(20)));
         }
-        EXPECT_EQ(finished, set);
+        for (auto& t : threads_) {
+            t.join();
+        }
+        threads_.clear();
+        for (const auto& r : threadResults_) {
+            out.push_back(r->load());
+        }
+        return out;
     }
-    for (auto& c : children) {
-        EXPECT_EQ(c.Wait(std::chrono::seconds(5)), 0) << c.output();
+
+  private:
+    std::vector<ovtest::Process> processes_;
+    std::vector<std::thread> threads_;
+    std::vector<std::shared_ptr<std::atomic<int>>> threadResults_;
+};
+
+class EventWaiters : public ovtest::MachineTest, public ::testing::WithParamInterface<Where> {
+  protected:
+    // A fresh named event; global so that processes of any session find it.
+    UniqueEvent Create(bool manualReset, std::string* name) {
+        *name = "Global\\" + ovtest::UniqueName("waited");
+        return CreateEventW(nullptr, manualReset, false, U16(*name));
     }
+    Waiters Start(const std::string& name, int count, const std::string& timeout = "30000") {
+        return Waiters(GetParam(), name, count, timeout);
+    }
+};
+
+TEST_P(EventWaiters, SetReleasesAWaiterAndIsConsumed) {
+    std::string name;
+    UniqueEvent e = Create(false, &name);
+    Waiters waiters = Start(name, 1);
+    ASSERT_TRUE(SetEvent(e.get()));
+    EXPECT_EQ(waiters.Results(), std::vector<int>{0});
     EXPECT_EQ(WaitForSingleObject(e.get(), 0), WAIT_TIMEOUT);
 }
 
-TEST_F(KernelEvent, TwoQuickSetsReleaseTwoWaiters) {
-    const std::string name = ovtest::UniqueName("two-sets");
-    UniqueEvent e = CreateEventW(nullptr, false, false, U16(name));
-    auto children = StartWaiters(name, 2, "30000");
-    ASSERT_TRUE(SetEvent(e.get()));
-    ASSERT_TRUE(SetEvent(e.get()));
-    for (auto& c : children) {
-        EXPECT_EQ(c.Wait(std::chrono::seconds(20)), 0) << c.output();
-    }
+TEST_P(EventWaiters, AWaiterTimesOut) {
+    std::string name;
+    UniqueEvent e = Create(false, &name);
+    EXPECT_EQ(Start(name, 1, "50").Results(), std::vector<int>{20});
 }
 
-TEST_F(KernelEvent, ManualResetReleasesAllWaitingProcesses) {
-    const std::string name = ovtest::UniqueName("all");
-    UniqueEvent e = CreateEventW(nullptr, true, false, U16(name));
-    auto children = StartWaiters(name, 3, "30000");
-    ASSERT_TRUE(SetEvent(e.get()));
-    for (auto& c : children) {
-        EXPECT_EQ(c.Wait(std::chrono::seconds(20)), 0) << c.output();
+TEST_P(EventWaiters, AutomaticResetReleasesExactlyOneWaiterPerSet) {
+    std::string name;
+    UniqueEvent e = Create(false, &name);
+    constexpr int kWaiters = 3;
+    Waiters waiters = Start(name, kWaiters);
+    for (int set = 1; set <= kWaiters; ++set) {
+        ASSERT_TRUE(SetEvent(e.get()));
+        ASSERT_EQ(waiters.AwaitFinished(set), set);
+        Sleep(200);  // nobody else may follow
+        EXPECT_EQ(waiters.Finished(), set);
     }
-    EXPECT_EQ(WaitForSingleObject(e.get(), 0), WAIT_OBJECT_0);
+    EXPECT_EQ(waiters.Results(), std::vector<int>(kWaiters, 0));
+    EXPECT_EQ(WaitForSingleObject(e.get(), 0), WAIT_TIMEOUT);
 }
+
+TEST_P(EventWaiters, TwoQuickSetsReleaseTwoWaiters) {
+    std::string name;
+    UniqueEvent e = Create(false, &name);
+    Waiters waiters = Start(name, 2);
+    ASSERT_TRUE(SetEvent(e.get()));
+    ASSERT_TRUE(SetEvent(e.get()));
+    EXPECT_EQ(waiters.Results(), std::vector<int>(2, 0));
+}
+
+TEST_P(EventWaiters, ManualSetReleasesEveryWaiterEvenIfResetAtOnce) {
+    std::string name;
+    UniqueEvent e = Create(true, &name);
+    Waiters waiters = Start(name, 3);
+    ASSERT_TRUE(SetEvent(e.get()));
+    ASSERT_TRUE(ResetEvent(e.get()));
+    EXPECT_EQ(waiters.Results(), std::vector<int>(3, 0));
+    EXPECT_EQ(WaitForSingleObject(e.get(), 0), WAIT_TIMEOUT);
+}
+
+INSTANTIATE_TEST_SUITE_P(ThreadsAndProcesses, EventWaiters,
+                         ::testing::Values(Where::kThread, Where::kProcess),
+                         [](const ::testing::TestParamInfo<Where>& param) {
+                             return param.param == Where::kThread ? "Threads" : "Processes";
+                         });
 
 OVTEST_CHILD(hold_and_hang) {
     // args: event name, mapping name, ready event name
