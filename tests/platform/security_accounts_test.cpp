@@ -381,27 +381,6 @@ TEST_F(SecurityAccountTable, MembershipAndDeletion) {
     EXPECT_EQ(GetLastError(), ERROR_NONE_MAPPED);
 }
 
-TEST_F(SecurityAccountTable, EnumerationListsWellKnownThenConfigured) {
-    ASSERT_TRUE(admin::AddAccount(u"CORP\\zed", SidTypeUser, {}, nullptr));
-    ASSERT_TRUE(admin::AddAccount(u"CORP\\amy", SidTypeUser, {}, nullptr));
-    std::vector<admin::Account> all;
-    ASSERT_TRUE(admin::EnumAccounts(&all));
-    std::vector<std::u16string> names;
-    for (const admin::Account& a : all) {
-        names.push_back(a.FullName());
-    }
-    const auto pos = [&](const std::u16string& n) {
-        return std::find(names.begin(), names.end(), n) - names.begin();
-    };
-    ASSERT_LT(pos(u"NT AUTHORITY\\SYSTEM"), static_cast<long>(names.size()));
-    ASSERT_LT(pos(u"BUILTIN\\Administrators"), static_cast<long>(names.size()));
-    ASSERT_LT(pos(u"Everyone"), static_cast<long>(names.size()));
-    ASSERT_LT(pos(u"CORP\\amy"), static_cast<long>(names.size()));
-    EXPECT_LT(pos(u"CORP\\amy"), pos(u"CORP\\zed"));
-    EXPECT_LT(pos(u"NT AUTHORITY\\SYSTEM"), pos(u"CORP\\amy"));
-    EXPECT_EQ(names.back(), u"CORP\\zed");
-}
-
 OVTEST_CHILD(add_accounts) {
     const std::string prefix = args.at(0);
     for (int i = 0; i < 10; ++i) {
