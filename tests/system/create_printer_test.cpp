@@ -11,6 +11,7 @@
 #include "autocreated_printers.h"
 #include "channel_support.h"
 #include "ovtest.h"
+#include "platform/machine.h"
 
 namespace {
 
@@ -81,6 +82,55 @@ TEST_F(CreatePrinterTest, SessionsGetSharePrinterAndLoseItAtLogoff) {
     EXPECT_NE(r.out.find("add: result 222"), std::string::npos) << r.out;
     r = Add("Other", "XYZ", "5", "OVDOMAIN\\ann");
     EXPECT_NE(r.out.find("add: result 221"), std::string::npos) << r.out;
+    service.Terminate();
+    EXPECT_EQ(service.Wait(10s), 0);
+}
+
+// A create whose step fails answers with that step's code. Only a failure
+// after the printer was added leaves it, recorded as far as the steps got;
+// with the fault gone, creates work again (after a restart where the fault
+// was in what the service loads once).
+TEST_F(CreatePrinterTest, AFailingStepAnswersWithItsCode) {
+    ovtest::Process service = channeltest::StartService();
+    struct Case {
+        const char* setting;
+        const char* value;
+        const char* result;
+        bool printerStays;
+        const char* traced;
+    };
+    for (const Case& c : {
+             Case{"winspool_missing", "XcvDataW", "-20", false,
+                  "GetProcAddress(hSpooler, \"XcvDataW\") fehlgeschlagen"},
+             Case{"fault.GetPrinterW", "1:8", "-10", false,
+                  "Speicher für Pointer 'pPrtInfo2' konnte nicht angefordert werden!"},
+             Case{"fault.GetPrinterW", "1:5", "-12", false,
+                  "API-Fkt. Get-Printer() schlug fehl (5)!"},
+             Case{"fault.LookupAccountNameW", "*:1332", "-17", true, "Set-PrinterACL fails"},
+         }) {
+        SCOPED_TRACE(std::string(c.setting) + "=" + c.value);
+        platform::machine::SetSetting(c.setting, c.value);
+        CtlResult r = Add("\\\\PC1\\HP 4", "PCL", "5", "OVDOMAIN\\ann");
+        platform::machine::SetSetting(c.setting, "");
+        EXPECT_NE(r.out.find(std::string("add: result ") + c.result + "\n"), std::string::npos)
+            << r.out;
+        EXPECT_EQ(static_cast<bool>(ovtest::ReadPrinter(u"PC1:3#HP 4 on PC1")), c.printerStays);
+        EXPECT_NE(channeltest::ReadText(trace_).find(c.traced), std::string::npos);
+        if (c.printerStays) {
+            EXPECT_EQ(ovtest::ReadPrinter(u"PC1:3#HP 4 on PC1")->location, u"5;");
+            r = Ctl({"call", "del", "--session", "5"});
+            EXPECT_FALSE(ovtest::ReadPrinter(u"PC1:3#HP 4 on PC1")) << r.out;
+        }
+        if (c.setting == std::string("winspool_missing")) {
+            service.Terminate();
+            EXPECT_EQ(service.Wait(10s), 0);
+            service = channeltest::StartService();
+        }
+    }
+    const CtlResult r = Add("\\\\PC1\\HP 4", "PCL", "5", "OVDOMAIN\\ann");
+    EXPECT_NE(r.out.find("add: result 0"), std::string::npos) << r.out;
+    EXPECT_EQ(ovtest::PrintingUsers(u"PC1:3#HP 4 on PC1"),
+              (std::vector<std::u16string>{u"OVDOMAIN\\ann"}));
     service.Terminate();
     EXPECT_EQ(service.Wait(10s), 0);
 }

@@ -57,6 +57,24 @@ void TakeOwnership(platform::HANDLE printer) {
     OVTRACE(INF | NORM, "SetSecurityInfo returns %d", result);
 }
 
+// The level-2 record of `printer`, or the result of a failed read. The
+// platform's read asks for the record's size and fills a buffer of that size
+// in one call; when that buffer cannot be had (the system is out of memory)
+// the record could not be allocated (-10), any other failure means it could
+// not be read (-12), each with the trace line of its step.
+std::int32_t ReadRecord(platform::HANDLE printer, platform::PrinterInfo2* record) {
+    if (platform::GetPrinterW(printer, record)) {
+        return 0;
+    }
+    const platform::DWORD error = platform::GetLastError();
+    if (error == platform::ERROR_NOT_ENOUGH_MEMORY || error == platform::ERROR_OUTOFMEMORY) {
+        OVTRACE(ERR | NORM, "Speicher für Pointer 'pPrtInfo2' konnte nicht angefordert werden!");
+        return kResultNoRecord;
+    }
+    OVTRACE(ERR | NORM, "API-Fkt. Get-Printer() schlug fehl (%d)!", error);
+    return kResultRecordUnreadable;
+}
+
 platform::UniquePrinter OpenTemplate(std::u16string_view name) {
     platform::PrinterDefaults defaults;
     defaults.desiredAccess = platform::PRINTER_ALL_ACCESS;
@@ -67,9 +85,8 @@ std::int32_t ReadTemplate(platform::UniquePrinter printer, const std::u16string&
                           TemplateInfo* info) {
     TakeOwnership(printer.get());
     platform::PrinterInfo2 record;
-    if (!platform::GetPrinterW(printer.get(), &record)) {
-        OVTRACE(ERR | NORM, "API-Fkt. Get-Printer() schlug fehl (%d)!", platform::GetLastError());
-        return kResultRecordUnreadable;
+    if (const std::int32_t result = ReadRecord(printer.get(), &record); result != 0) {
+        return result;
     }
     if (!EqualsNoCase(record.printerName, outName)) {
         OVTRACE(ERR | NORM,
@@ -173,11 +190,10 @@ std::int32_t FindPrinterTemplate(const std::array<std::u16string, 3>& templates,
 
 std::int32_t RereadPrinterInfo(TemplateInfo* info, platform::UniquePrinter* printer) {
     platform::PrinterInfo2 record;
-    if (!platform::GetPrinterW(printer->get(), &record)) {
-        OVTRACE(ERR | NORM, "API-Fkt. Get-Printer() schlug fehl (%d)!", platform::GetLastError());
+    if (const std::int32_t result = ReadRecord(printer->get(), &record); result != 0) {
         info->pPrtInfo2.reset();
         printer->reset();
-        return kResultRecordUnreadable;
+        return result;
     }
     info->pPrtInfo2 = std::move(record);
     return 0;
