@@ -175,4 +175,55 @@ TEST_F(PostScriptPrinterTest, FailuresLeaveNoPrinterDriverOrFileBehind) {
     EXPECT_EQ(service.Wait(10s), 0);
 }
 
+// Packed descriptions that cannot be unpacked (cut short, not zlib, or
+// expanding far beyond their size) create no printer and leave no driver
+// or file behind; a good printer of the same logon is created all the same.
+TEST_F(PostScriptPrinterTest, UnusableDescriptionsCreateNothingAndLeaveNothing) {
+    const std::string packed = root() + "/good.ovppd";
+    const std::string huge = root() + "/huge.ppd";
+    std::ofstream(huge) << "*PPD-Adobe: \"4.3\"\n" << std::string(4 << 20, ' ');
+    const std::string bomb = root() + "/bomb.ovppd";
+    ASSERT_EQ(Ctl({"ppd", "pack", ppd_, "-o", packed}).exit, 0);
+    ASSERT_EQ(Ctl({"ppd", "pack", huge, "-o", bomb}).exit, 0);
+    ASSERT_LT(fs::file_size(bomb), 8192u) << "a small input that expands a thousandfold";
+    std::ifstream in(packed, std::ios::binary);
+    std::string cut{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+    cut.resize(cut.size() - 6);
+    std::ofstream(root() + "/cut.ovppd", std::ios::binary) << cut;
+    std::ofstream(root() + "/junk.ovppd", std::ios::binary) << "OVPPDthis is not zlib data";
+
+    ovtest::Process service = channeltest::StartService();
+    const std::set<std::string> before = DriverFiles();
+    std::vector<std::string> args = {"session",   "logon",         "--id",     "4",
+                                     "--user",    "OVDOMAIN\\ann", "--client", "ANN-PC",
+                                     "--address", "10.0.0.4"};
+    int id = 1;
+    for (const char* file : {"cut", "junk", "bomb"}) {
+        args.insert(args.end(), {"--printer", std::string("name=") + file +
+                                                  ",class=PS,driver=PS,id=" + std::to_string(id++) +
+                                                  ",ppd=" + root() + "/" + file + ".ovppd"});
+    }
+    args.insert(args.end(), {"--printer", "name=Good,class=PS,driver=PS,id=9,ppd=" + packed});
+    const CtlResult r = Ctl(args);
+    ASSERT_EQ(r.exit, 0) << r.out;
+    for (const char* file : {"cut", "junk", "bomb"}) {
+        EXPECT_NE(r.out.find(std::string("\"") + file + "\" was not created: the service answered"),
+                  std::string::npos)
+            << r.out;
+    }
+    const auto good = DriverOf(u"ANN-PC:9#Good");
+    ASSERT_TRUE(good) << r.out;
+    EXPECT_EQ(HostText(good->dataFile), kClientPpd);
+    EXPECT_EQ(GeneratedDrivers().size(), 1u);
+    const std::string trace = channeltest::ReadText(trace_);
+    EXPECT_NE(trace.find("PPD file ZIP ERROR"), std::string::npos);
+    EXPECT_NE(trace.find("PPD file refused: unpacked it exceeds"), std::string::npos);
+
+    EXPECT_EQ(Ctl({"session", "logoff", "--id", "4"}).exit, 0);
+    EXPECT_TRUE(GeneratedDrivers().empty());
+    EXPECT_EQ(DriverFiles(), before);
+    service.Terminate();
+    EXPECT_EQ(service.Wait(10s), 0);
+}
+
 }  // namespace
