@@ -12,6 +12,7 @@
 #include "channel_support.h"
 #include "ovtest.h"
 #include "platform/machine.h"
+#include "platform/spooler.h"
 
 namespace {
 
@@ -131,6 +132,49 @@ TEST_F(CreatePrinterTest, AFailingStepAnswersWithItsCode) {
     EXPECT_NE(r.out.find("add: result 0"), std::string::npos) << r.out;
     EXPECT_EQ(ovtest::PrintingUsers(u"PC1:3#HP 4 on PC1"),
               (std::vector<std::u16string>{u"OVDOMAIN\\ann"}));
+    service.Terminate();
+    EXPECT_EQ(service.Wait(10s), 0);
+}
+
+// Client input the spooler refuses (a name far too long, characters no
+// printer name may hold) is refused whole; properties longer than a request
+// carries are left out, and the printer is created without them.
+TEST_F(CreatePrinterTest, BadClientInputIsRefusedWholeOrLeftOut) {
+    ovtest::Process service = channeltest::StartService();
+    const std::string big(70000, 'T');
+    struct Case {
+        std::string printer;
+        std::vector<std::string> extra;
+        const char* result;
+    };
+    const Case cases[] = {
+        {std::string(600, 'P'), {}, "-13"},
+        {"bad,name", {}, "-13"},
+        {"back\\slash", {}, "-13"},
+        {"Trays", {"--tray", "*" + big, "--paper", "*9"}, "0"},
+        {"Papers", {"--tray", "*Auto", "--paper", "*" + big}, "0"},
+    };
+    int id = 1;
+    for (const Case& c : cases) {
+        std::vector<std::string> args = {
+            "call",   "add",           "--printer", c.printer,           "--class",
+            "PCL",    "--client",      "PC1",       "--session",         "5",
+            "--user", "OVDOMAIN\\ann", "--id",      std::to_string(id++)};
+        args.insert(args.end(), c.extra.begin(), c.extra.end());
+        const CtlResult r = Ctl(args);
+        EXPECT_NE(r.out.find(std::string("add: result ") + c.result + "\n"), std::string::npos)
+            << c.printer.substr(0, 20) << ": " << r.out.substr(0, 300);
+    }
+    const auto printers = platform::EnumPrintersW(platform::PRINTER_ENUM_LOCAL, u"", 2);
+    ASSERT_TRUE(printers);
+    std::vector<std::u16string> names;
+    for (const auto& p : *printers) {
+        names.push_back(p.printerName);
+    }
+    EXPECT_EQ(names, (std::vector<std::u16string>{u"PC1:4#Trays", u"PC1:5#Papers", u"_#Relay"}));
+    const CtlResult r = Ctl({"call", "enum", "--raw"});
+    EXPECT_EQ(r.out.find("PC1:1#"), std::string::npos) << r.out.substr(0, 300);
+    EXPECT_EQ(r.out.find("bad,name"), std::string::npos) << r.out;
     service.Terminate();
     EXPECT_EQ(service.Wait(10s), 0);
 }
