@@ -102,8 +102,9 @@ std::int32_t OVACache::Repair() {
         std::uint32_t jobs = 0;
         WinPrinter::GetPrinterLocationString(name, &location, &jobs);
         if (jobs != 0) {
-            OVTRACE(INF | NORM, "session free pending printer <%s> with <%d> jobs in it, don't delete",
-                    name, jobs);
+            OVTRACE(INF | NORM,
+                    "session free pending printer <%s> with <%d> jobs in it, don't delete", name,
+                    jobs);
         } else {
             const std::u16string deleted = name;
             WinPrinter::DeletePrinterAndDriver(deleted);
@@ -119,6 +120,11 @@ std::int32_t OVACache::Repair() {
         m_mapPrinters.insert(std::move(node));
         RewriteLocationAndAcl(record);
     }
+    // Beyond what the repair has always done: a generated driver whose
+    // printer went while the driver could not (the spooler failed, or the
+    // service died between the two) is taken away here, so no such driver
+    // and no copy of its files outlives a repair. Not counted as a change.
+    WinPrinter::DeleteUnusedGeneratedDrivers();
     return changes;
 }
 

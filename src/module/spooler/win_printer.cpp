@@ -1,8 +1,11 @@
 #include "spooler/win_printer.h"
 
+#include <algorithm>
+
 #include "common/module_state.h"
-#include "res/resources.h"
+#include "common/ovstring.h"
 #include "create/postscript_driver.h"
+#include "res/resources.h"
 #include "trace/trace.h"
 
 namespace ovsvc {
@@ -160,6 +163,32 @@ int WinPrinter::DeletePrinterAndDriver(std::u16string_view name) {
         }
     }
     return deleted ? 1 : 0;
+}
+
+int WinPrinter::DeleteUnusedGeneratedDrivers() {
+    if (!fIsService) {
+        TraceCheck("(\"illegal call\", fIsService)", __FILE__, __LINE__);
+        return 0;
+    }
+    const auto drivers = platform::EnumPrinterDriversW(u"", platform::kEnvironmentX64, 6);
+    const auto printers = platform::EnumPrintersW(platform::PRINTER_ENUM_LOCAL, u"", 2);
+    if (!drivers || !printers) {
+        OVTRACE(ERR | NORM, "unused generated drivers not looked for (%d)",
+                platform::GetLastError());
+        return 0;
+    }
+    int deleted = 0;
+    for (const platform::DriverInfo6& driver : *drivers) {
+        const bool used =
+            std::any_of(printers->begin(), printers->end(), [&](const platform::PrinterInfo2& p) {
+                return EqualsNoCase(p.driverName, driver.name);
+            });
+        if (!used && IsGeneratedPostScriptDriver(driver.name)) {
+            OVTRACE(INF | NORM, "generated driver <%s> has no printer, deleted", driver.name);
+            deleted += DeletePostScriptDriver(driver.name) ? 1 : 0;
+        }
+    }
+    return deleted;
 }
 
 }  // namespace ovsvc

@@ -48,6 +48,10 @@ class WinPrinter {
     // Service process only. 1 when the printer was deleted; a generated
     // PostScript driver goes with it.
     static int DeletePrinterAndDriver(std::u16string_view name);
+    // Service process only. Deletes every generated PostScript driver that
+    // no printer uses (one whose printer was deleted while its driver could
+    // not be), with its files; the number deleted.
+    static int DeleteUnusedGeneratedDrivers();
 
   private:
     int NextMatch(std::u16string* name, std::u16string* location);
