@@ -10,6 +10,7 @@
 #include <gtest/gtest-spi.h>
 
 #include "platform/machine.h"
+#include "product_settings.h"
 #include "platform/text.h"
 
 namespace ovtest {
@@ -61,6 +62,12 @@ void MachineTest::SetUp() {
     root_ = MakeTempDir("ovsvc-test-");
     ASSERT_FALSE(root_.empty());
     platform::machine::UseRoot(root_);
+#ifdef _WIN32
+    // A fresh embedded root comes with an empty registry; Windows keeps one
+    // registry for the whole run, so each test starts without the product
+    // key an earlier one may have written.
+    ResetProductKey();
+#endif
 }
 
 void MachineTest::TearDown() {
