@@ -10,9 +10,9 @@
 #include <vector>
 
 #include "config/product_key.h"
+#include "config/registry_list.h"
 #include "ovtest.h"
 #include "platform/registry.h"
-#include "config/registry_list.h"
 #include "rules/translation_table.h"
 
 namespace ovsvc {
@@ -83,9 +83,12 @@ TEST_F(LoadTranslationTest, MissingProductKeyFailsWithEmptyTableAndEvent) {
     EXPECT_EQ(LoadTranslationList(), 0);
     ASSERT_NE(g_pTTable, nullptr);
     EXPECT_EQ(g_pTTable->RuleCount(), 0u);
-    EXPECT_NE(EventLog().find("Cannot create registry key or values (fatal error)! Location: 14"),
-              std::string::npos)
-        << EventLog();
+    if (!ovtest::IsWin32Platform()) {  // Windows' event log is not read back here
+        EXPECT_NE(
+            EventLog().find("Cannot create registry key or values (fatal error)! Location: 14"),
+            std::string::npos)
+            << EventLog();
+    }
 }
 
 TEST_F(LoadTranslationTest, EmptyProductKeyGivesTheTwoTryRules) {
