@@ -110,6 +110,7 @@ double EventRoundTripMicros(int rounds) {
 struct Result {
     double wallSeconds;
     double clientCpuSeconds;
+    double clientSleeps;
     int failedClients;
 };
 
@@ -127,12 +128,13 @@ Result RunOnce(int clients, int requests) {
     platform::Sleep(300);  // every client attached and waiting at the gate
     const auto start = std::chrono::steady_clock::now();
     platform::SetEvent(gate.get());
-    Result result{0, 0, 0};
+    Result result{0, 0, 0, 0};
     for (pid_t pid : pids) {
         int status = 0;
         rusage usage{};
         wait4(pid, &status, 0, &usage);
         result.clientCpuSeconds += Seconds(usage.ru_utime) + Seconds(usage.ru_stime);
+        result.clientSleeps += static_cast<double>(usage.ru_nvcsw);
         if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
             ++result.failedClients;
         }
@@ -162,9 +164,9 @@ int main(int argc, char** argv) {
 
     const double roundTrip = EventRoundTripMicros(5000);
     std::printf("event round trip between two processes: %.2f us\n", roundTrip);
-    std::printf("%-8s %-10s %-10s %-12s %-14s %-18s %-18s %s\n", "clients", "requests", "req/s",
-                "vs 1 client", "us/req", "in round trips", "client CPU us/req",
-                "waiting CPU (cores)");
+    std::printf("%-8s %-10s %-10s %-12s %-14s %-18s %-18s %-20s %s\n", "clients", "requests",
+                "req/s", "vs 1 client", "us/req", "in round trips", "client CPU us/req",
+                "waiting CPU (cores)", "sleeps/req");
     double single = 0;
     double singleCpu = 0;
     for (int clients : counts) {
@@ -179,8 +181,9 @@ int main(int argc, char** argv) {
         // The clients' CPU beyond one client's own per request, over the wall time.
         const double waiting =
             std::max(0.0, (cpuPerRequest - singleCpu) * total / 1e6) / r.wallSeconds;
-        std::printf("%-8d %-10.0f %-10.0f %-12.2f %-14.1f %-18.1f %-16.2f %.3f%s\n", clients, total,
-                    rate, rate / single, 1e6 / rate, 1e6 / rate / roundTrip, cpuPerRequest, waiting,
+        std::printf("%-8d %-10.0f %-10.0f %-12.2f %-14.1f %-18.1f %-18.2f %-20.3f %.2f%s\n",
+                    clients, total, rate, rate / single, 1e6 / rate, 1e6 / rate / roundTrip,
+                    cpuPerRequest, waiting, r.clientSleeps / total,
                     r.failedClients != 0 ? "  (failures!)" : "");
     }
     kill(service, SIGTERM);

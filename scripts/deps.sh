@@ -2,6 +2,7 @@
 # Installs the Debian packages the build needs, when any is missing.
 # With --windows: what the Windows cross build and its Wine test run need.
 # With --fuzz: clang and its sanitizer and libFuzzer runtimes (preset "fuzz").
+# With --bench: gnuplot, which scripts/bench-report.sh draws its plots with.
 set -euo pipefail
 packages=(build-essential cmake pkg-config python3 libsqlite3-dev zlib1g-dev
           libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev)
@@ -10,6 +11,8 @@ if [ "${1:-}" = "--windows" ]; then
             libz-mingw-w64-dev mingw-w64-tools googletest wine64 wine)
 elif [ "${1:-}" = "--fuzz" ]; then
   packages+=(clang-14 libclang-rt-14-dev)
+elif [ "${1:-}" = "--bench" ]; then
+  packages+=(gnuplot-nox)
 fi
 missing=()
 for p in "${packages[@]}"; do

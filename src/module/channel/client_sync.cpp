@@ -30,34 +30,14 @@ bool SetNamedEvent(const std::u16string& name) {
     return true;
 }
 
-// Waiting for a turn costs no CPU. Only the holder of the ticket after the
-// one being served waits on OVAck1; the others sleep on the turn counter
-// `Act`, each under its own ticket as key. The holder of ticket n, when it
-// leaves after its turn, wakes the holder of n + 1, which then waits on
-// OVAck1 (reset by n) for the service to grant its turn. A sleep that no
-// wake ends (the holder before gave up, a ticket was abandoned) is cut short
-// after kPollMs.
-constexpr platform::DWORD kPollMs = 20;
-
-void WakeNextTicket(SHM* area, std::int32_t myNr) {
-    // A ticket drawn after this check is the next one and waits on OVAck1.
-    if (platform::InterlockedRead(&area->Next) > myNr) {
-        platform::WakeByAddressKey(&area->Act, static_cast<platform::DWORD>(myNr + 1));
-    }
-}
-
-// Wakes the holder of the next ticket however the request ends.
-class NextTicketWaker {
-  public:
-    NextTicketWaker(SHM* area, std::int32_t myNr) : area_(area), myNr_(myNr) {}
-    ~NextTicketWaker() { WakeNextTicket(area_, myNr_); }
-    NextTicketWaker(const NextTicketWaker&) = delete;
-    NextTicketWaker& operator=(const NextTicketWaker&) = delete;
-
-  private:
-    SHM* area_;
-    std::int32_t myNr_;
-};
+// Waiting for a turn costs no CPU. A client sleeps on the turn counter `Act`
+// under its own ticket as key until the counter reaches its ticket (the
+// service wakes that key whenever it advances, and all keys when it starts),
+// and only then waits on OVAck1 for the service to grant the turn. So an
+// advance wakes one client, and OVAck1 wakes only the one it is meant for.
+// A sleep is cut short after kPollMs all the same, to notice a service that
+// stopped advancing (it died) within the client's timeout.
+constexpr platform::DWORD kPollMs = 500;
 
 // What a waiting client knows about the turns: the last value of `Act` it
 // saw and when the turns last moved. The turns standing still for the
@@ -111,7 +91,6 @@ std::int32_t WaitForTurn(SHM* area, std::int32_t myNr, std::int32_t actAtTicket,
                          platform::DWORD timeout) {
     TurnWatch watch(area, myNr, actAtTicket, timeout);
     const auto key = static_cast<platform::DWORD>(myNr);
-    platform::DWORD backoff = 1;
     for (;;) {
         std::int32_t act = 0;
         if (!watch.Read(&act)) {
@@ -125,7 +104,7 @@ std::int32_t WaitForTurn(SHM* area, std::int32_t myNr, std::int32_t actAtTicket,
             OVTRACE(ERR | SYNC, "didn't get OVAck1! Timeout occurred!");
             return kResultTimeout;
         }
-        if (act < myNr - 1) {
+        if (act < myNr) {
             platform::WaitOnAddress(&area->Act, act, std::min(watch.Left(), kPollMs), key);
             continue;
         }
@@ -157,10 +136,6 @@ std::int32_t WaitForTurn(SHM* area, std::int32_t myNr, std::int32_t actAtTicket,
         if (act == myNr) {
             return 0;
         }
-        // OVAck1 still grants the ticket before ours: its holder takes it back
-        // and wakes us.
-        platform::WaitOnAddress(&area->Act, act, std::min(watch.Left(), backoff), key);
-        backoff = std::min(backoff * 2, kPollMs);
     }
 }
 
@@ -224,7 +199,6 @@ std::int32_t ClientSync(const ClientRequest* request, ReplyBuffer* reply) {
     if (const std::int32_t rc = WaitForTurn(area, myNr, actAtTicket, timeout); rc != 0) {
         return rc;
     }
-    NextTicketWaker waker(area, myNr);
     if (myNr == 0) {
         // The first turn of a service: clients still holding tickets of an
         // earlier one wake and see the counters gone back.

@@ -254,10 +254,9 @@ class Loop {
     // Moves on to the next ticket; when none is waiting, OVReq1 is reset.
     void Advance() {
         const std::int32_t act = platform::InterlockedIncrement(&area_->Act);
-        // The clients whose turn is now or next may be asleep on the counter
-        // (when the turn moved without them, after a timeout).
+        // The client whose turn it is now sleeps on the counter until it
+        // reaches its ticket.
         platform::WakeByAddressKey(&area_->Act, static_cast<platform::DWORD>(act));
-        platform::WakeByAddressKey(&area_->Act, static_cast<platform::DWORD>(act + 1));
         OVTRACE(INF | MAIN, "InterlockedIncrement(), Next Act: %lu Next: %lu",
                 static_cast<std::uint32_t>(act), Next());
         if (act > platform::InterlockedRead(&area_->Next)) {

@@ -103,7 +103,7 @@ class Call {
     }
 
   private:
-    std::lock_guard<std::mutex> lock_;
+    std::lock_guard<std::recursive_mutex> lock_;
     Store& store_;
     DWORD status_ = ERROR_SUCCESS;
     RegistryKeyObject* object_ = nullptr;

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <new>
 #include <thread>
 
 #include "platform/machine.h"
@@ -153,30 +154,77 @@ void Statement::Finalize() {
 
 Transaction::Transaction(Store& store, bool write) : store_(store) {
     if (sqlite3_get_autocommit(store.db()) == 0) {
-        return;  // joins the transaction in progress
+        if (write) {  // inside a batch or an outer transaction
+            status_ = store.Exec(store.savepoint, true);
+            savepoint_ = status_ == ERROR_SUCCESS;
+        }
+        return;
     }
     status_ = store.Exec(write ? store.begin_write : store.begin_read, write);
     owner_ = status_ == ERROR_SUCCESS;
+    store.Began();
 }
 
 Transaction::~Transaction() {
-    if (owner_ && !done_) {
+    if (done_) {
+        return;
+    }
+    if (owner_) {
         store_.Exec(store_.rollback, false);
         store_.DropCache();  // it may hold keys made in the rolled-back work
+    } else if (savepoint_) {
+        store_.Exec(store_.rollback_to, false);
+        store_.Exec(store_.release, false);
+        store_.DropCache();
     }
 }
 
 DWORD Transaction::Commit() {
-    if (!owner_ || done_) {
+    if (done_ || (!owner_ && !savepoint_)) {
         return status_;
     }
     done_ = true;
+    if (savepoint_) {
+        status_ = store_.Exec(store_.release, true);
+        return status_;
+    }
     status_ = store_.Exec(store_.commit, true);
     if (status_ != ERROR_SUCCESS) {
         store_.Exec(store_.rollback, false);
         store_.DropCache();
     }
     return status_;
+}
+
+Batch::Batch(Work work) : lock_(Store::Get().mutex()) {
+    Store& store = Store::Get();
+    if (store.Open() != ERROR_SUCCESS || sqlite3_get_autocommit(store.db()) == 0) {
+        return;  // no registry, or a batch of this thread goes on
+    }
+    const bool write = work == kWrite;
+    owner_ = store.Exec(write ? store.begin_write : store.begin_read, write) == ERROR_SUCCESS;
+    store.Began();
+}
+
+Batch::~Batch() {
+    Commit();
+}
+
+DWORD Batch::Commit() {
+    if (!owner_) {
+        return ERROR_SUCCESS;
+    }
+    owner_ = false;
+    Store& store = Store::Get();
+    if (store.db() == nullptr || sqlite3_get_autocommit(store.db()) != 0) {
+        return ERROR_SUCCESS;  // the connection was closed or rolled back underneath
+    }
+    const DWORD status = store.Exec(store.commit, true);
+    if (status != ERROR_SUCCESS) {
+        store.Exec(store.rollback, false);
+        store.DropCache();
+    }
+    return status;
 }
 
 Store& Store::Get() {
@@ -195,7 +243,10 @@ Store::Store() {
                    [] {
                        Store& store = Get();
                        store.Close(true);
-                       store.mutex_.unlock();
+                       // A recursive mutex knows its owner by thread id, which
+                       // the child's thread no longer has: it cannot unlock
+                       // it, so it starts with a fresh one.
+                       new (&store.mutex_) std::recursive_mutex;
                    });
 }
 
@@ -231,6 +282,9 @@ std::vector<std::pair<Statement*, const char*>> Store::StatementTable() {
         {&begin_write, "BEGIN IMMEDIATE"},
         {&commit, "COMMIT"},
         {&rollback, "ROLLBACK"},
+        {&savepoint, "SAVEPOINT nested"},
+        {&release, "RELEASE nested"},
+        {&rollback_to, "ROLLBACK TO nested"},
         {&dataVersion_stmt_, "PRAGMA data_version"},
         {&keyGen_, "SELECT v FROM meta WHERE k='keygen'"},
         {&bumpKeyGen_, "UPDATE meta SET v=v+1 WHERE k='keygen'"},
@@ -394,6 +448,9 @@ int Store::Initialize() {
     }
     rc = sqlite3_exec(db_,
                       "PRAGMA synchronous=NORMAL;"
+                      // Fewer, larger checkpoints: a page written by many
+                      // commits goes back into the database once.
+                      "PRAGMA wal_autocheckpoint=4000;"
                       "BEGIN IMMEDIATE;"
                       "CREATE TABLE IF NOT EXISTS meta(k TEXT PRIMARY KEY, v INTEGER NOT NULL);"
                       "INSERT OR IGNORE INTO meta(k, v) VALUES('keygen', 0);"
@@ -424,6 +481,12 @@ int Store::Initialize() {
 // clears it itself, and others' deletions show as a changed key generation
 // once SQLite reports that the database changed.
 DWORD Store::CheckCache() {
+    // Inside a transaction nobody else's commit can show: once per
+    // transaction is enough.
+    const bool inTransaction = sqlite3_get_autocommit(db_) == 0;
+    if (inTransaction && checkedIn_ == transactions_) {
+        return ERROR_SUCCESS;
+    }
     std::int64_t version = 0;
     {
         Use use(dataVersion_stmt_);
@@ -432,6 +495,9 @@ DWORD Store::CheckCache() {
             return FromSqlite(rc, false);
         }
         version = sqlite3_column_int64(*use, 0);
+    }
+    if (inTransaction) {
+        checkedIn_ = transactions_;
     }
     if (version == dataVersion_) {
         return ERROR_SUCCESS;
@@ -453,15 +519,6 @@ DWORD Store::CheckCache() {
 
 void Store::SetFold(std::u16string_view name) {
     EncodeFold(name, &fold_);
-}
-
-std::string Store::CacheKey(KeyId base, const std::vector<std::u16string>& folds) const {
-    std::string key(reinterpret_cast<const char*>(&base), sizeof base);
-    for (const auto& f : folds) {
-        key.push_back('\\');
-        key.append(reinterpret_cast<const char*>(f.data()), f.size() * 2);
-    }
-    return key;
 }
 
 DWORD Store::LookupChild(KeyId parent, std::u16string_view name, KeyId* id) {
@@ -499,34 +556,49 @@ DWORD Store::Resolve(KeyId base, std::u16string_view path, KeyId* id) {
         *id = base;
         return CheckKey(base);
     }
-    std::vector<std::u16string> folds;
-    folds.reserve(parts.size());
+    // The cache keys of every leading part of the path, shortest first.
+    std::vector<std::string> prefixes;
+    prefixes.reserve(parts.size());
+    std::string cacheKey(reinterpret_cast<const char*>(&base), sizeof base);
     for (auto part : parts) {
-        folds.push_back(Fold(part));
+        const std::u16string fold = Fold(part);
+        cacheKey.push_back('\\');
+        cacheKey.append(reinterpret_cast<const char*>(fold.data()), fold.size() * 2);
+        prefixes.push_back(cacheKey);
     }
-    const std::string cacheKey = CacheKey(base, folds);
-    if (auto it = cache_.find(cacheKey); it != cache_.end()) {
-        *id = it->second;
+    // The walk starts below the longest leading part already known, so that
+    // looking for a key that does not exist, or again after a deletion, costs
+    // only the parts not yet known.
+    std::size_t known = parts.size();
+    KeyId current = base;
+    while (known > 0) {
+        if (auto it = cache_.find(prefixes[known - 1]); it != cache_.end()) {
+            current = it->second;
+            break;
+        }
+        --known;
+    }
+    if (known == parts.size()) {
+        *id = current;
         return ERROR_SUCCESS;
     }
     Transaction txn(*this, false);  // one consistent view of the whole walk
     if (txn.status() != ERROR_SUCCESS) {
         return txn.status();
     }
-    KeyId current = base;
-    for (auto part : parts) {
-        const DWORD error = LookupChild(current, part, &current);
-        if (error == ERROR_FILE_NOT_FOUND && current == base && CheckKey(base) != ERROR_SUCCESS) {
+    if (cache_.size() > 4096) {
+        cache_.clear();
+    }
+    for (std::size_t i = known; i < parts.size(); ++i) {
+        const DWORD error = LookupChild(current, parts[i], &current);
+        if (error == ERROR_FILE_NOT_FOUND && i == 0 && CheckKey(base) != ERROR_SUCCESS) {
             return ERROR_KEY_DELETED;
         }
         if (error != ERROR_SUCCESS) {
             return error;
         }
+        cache_.emplace(prefixes[i], current);
     }
-    if (cache_.size() > 4096) {
-        cache_.clear();
-    }
-    cache_.emplace(cacheKey, current);
     *id = current;
     return txn.Commit();
 }
@@ -765,9 +837,30 @@ DWORD Store::SubKeys(KeyId key, std::vector<std::pair<KeyId, std::u16string>>* k
     return rc == SQLITE_DONE ? txn.Commit() : FromSqlite(rc, false);
 }
 
-DWORD Store::BumpKeyGeneration() {
-    cache_.clear();
-    return Exec(bumpKeyGen_, true);
+DWORD Store::BumpKeyGeneration(const std::vector<KeyId>& removed) {
+    std::int64_t stored = -1;
+    {
+        Use use(keyGen_);
+        const int rc = sqlite3_step(*use);
+        if (rc != SQLITE_ROW) {
+            return FromSqlite(rc, false);
+        }
+        stored = sqlite3_column_int64(*use, 0);
+    }
+    if (DWORD error = Exec(bumpKeyGen_, true); error != ERROR_SUCCESS) {
+        return error;
+    }
+    if (stored != keyGeneration_) {
+        // Others deleted keys too, unseen so far: nothing cached can be trusted.
+        cache_.clear();
+    } else {
+        // Only this deletion happened since the cache was last checked: the
+        // paths that still lead to live keys stay.
+        const std::unordered_set<KeyId> gone(removed.begin(), removed.end());
+        std::erase_if(cache_, [&gone](const auto& entry) { return gone.contains(entry.second); });
+    }
+    keyGeneration_ = stored + 1;
+    return ERROR_SUCCESS;
 }
 
 DWORD Store::RemoveKey(KeyId key) {
@@ -808,7 +901,7 @@ DWORD Store::DeleteKey(KeyId key) {
     if (DWORD error = RemoveKey(key); error != ERROR_SUCCESS) {
         return error;
     }
-    if (DWORD error = BumpKeyGeneration(); error != ERROR_SUCCESS) {
+    if (DWORD error = BumpKeyGeneration({key}); error != ERROR_SUCCESS) {
         return error;
     }
     return txn.Commit();
@@ -861,6 +954,7 @@ DWORD Store::DeleteTree(KeyId key, bool includeKey) {
         if (DWORD error = RemoveKey(key); error != ERROR_SUCCESS) {
             return error;
         }
+        ids.push_back(key);
     } else {
         Use use(deleteKeyVals_);
         sqlite3_bind_int64(*use, 1, key);
@@ -868,7 +962,7 @@ DWORD Store::DeleteTree(KeyId key, bool includeKey) {
             return FromSqlite(rc, true);
         }
     }
-    if (DWORD error = BumpKeyGeneration(); error != ERROR_SUCCESS) {
+    if (DWORD error = BumpKeyGeneration(ids); error != ERROR_SUCCESS) {
         return error;
     }
     return txn.Commit();

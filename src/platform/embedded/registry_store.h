@@ -9,6 +9,12 @@
 //
 // One connection per process, used under mutex(). Every member below
 // expects the caller to hold the mutex and to have called Open().
+//
+// Durability: WAL journal with synchronous=NORMAL. A commit has written its
+// pages into the log file before it returns, so a process killed at any
+// moment (SIGKILL included) loses no committed write: the next connection
+// replays the log. Only a crash of the whole host may lose the last commits
+// (never the file's consistency).
 #pragma once
 
 #include <sqlite3.h>
@@ -69,7 +75,9 @@ class Statement {
 
 class Store;
 
-// A transaction; nested uses join the outer one. Rolls back unless committed.
+// A transaction. Nested in another one, a writing transaction is a savepoint
+// of it, so that a failed call undoes its own changes only; a reading one
+// simply joins. Rolls back (to its savepoint) unless committed.
 class Transaction {
   public:
     Transaction(Store& store, bool write);
@@ -82,14 +90,41 @@ class Transaction {
   private:
     Store& store_;
     bool owner_ = false;
+    bool savepoint_ = false;
     bool done_ = false;
     DWORD status_ = ERROR_SUCCESS;
+};
+
+// Makes the registry calls of this thread, for its lifetime, one transaction:
+// an operation that writes many values (a printer added with its record and
+// data) costs one commit instead of one per value, and one that reads many
+// takes the database's read lock once and sees one consistent state. Holds
+// the store's mutex throughout, so that other threads of the process neither
+// see the work half done nor mix their own work into it. Nested batches join
+// the outermost, which commits when it ends. A batch for reading must not
+// write (another process may have written since it began; the write would
+// fail). A root that cannot be opened gets no batch; the calls then run as
+// they would without one.
+class Batch {
+  public:
+    enum Work { kRead, kWrite };
+    explicit Batch(Work work);
+    ~Batch();
+    Batch(const Batch&) = delete;
+    Batch& operator=(const Batch&) = delete;
+    // Commits now (the outermost batch only); a storage error when the work
+    // could not be kept. Later calls of the thread run without a batch.
+    DWORD Commit();
+
+  private:
+    std::unique_lock<std::recursive_mutex> lock_;
+    bool owner_ = false;
 };
 
 class Store {
   public:
     static Store& Get();
-    std::mutex& mutex() { return mutex_; }
+    std::recursive_mutex& mutex() { return mutex_; }
 
     // Opens the connection to the current machine root if needed.
     DWORD Open();
@@ -128,14 +163,17 @@ class Store {
 
     // For Transaction.
     DWORD Exec(Statement& stmt, bool writing);
-    Statement begin_read, begin_write, commit, rollback;
+    Statement begin_read, begin_write, commit, rollback, savepoint, release, rollback_to;
     sqlite3* db() const { return db_; }
     void DropCache() {
         cache_.clear();
+        keyGeneration_ = -1;  // whatever the database says next, it is news
         Changed();
     }
     // Anything written through this connection ends enumeration cursors.
     void Changed() { ++changeStamp_; }
+    // A transaction began (its first reads may see others' work).
+    void Began() { ++transactions_; }
 
   private:
     Store();
@@ -153,12 +191,13 @@ class Store {
     DWORD CheckCache();
     DWORD LookupChild(KeyId parent, std::u16string_view fold, KeyId* id);
     void SetFold(std::u16string_view name);
-    std::string CacheKey(KeyId base, const std::vector<std::u16string>& folds) const;
-    DWORD BumpKeyGeneration();
+    // Records that keys were deleted (for other processes' path caches) and
+    // forgets the paths that led to the `removed` ones.
+    DWORD BumpKeyGeneration(const std::vector<KeyId>& removed);
     DWORD Descendants(KeyId key, std::vector<KeyId>* ids);
     DWORD RemoveKey(KeyId key);
 
-    std::mutex mutex_;
+    std::recursive_mutex mutex_;
     sqlite3* db_ = nullptr;
     std::uint64_t generation_ = 1;
     std::unordered_set<RegistryKeyObject*> handles_;
@@ -166,7 +205,9 @@ class Store {
     std::int64_t dataVersion_ = -1;
     std::int64_t keyGeneration_ = -1;
     std::uint64_t changeStamp_ = 1;
-    std::string fold_;  // scratch: the folded name being looked up, as stored
+    std::uint64_t transactions_ = 1;
+    std::uint64_t checkedIn_ = 0;  // the transaction CheckCache last ran in
+    std::string fold_;             // scratch: the folded name being looked up, as stored
     Statement dataVersion_stmt_, keyGen_, bumpKeyGen_, child_, insertKey_, keyExists_, hasChildren_,
         children_, childAt_, keyInfo_, deleteKeyVals_, deleteKey_, query_, set_, deleteVal_,
         valueAt_, values_, childAfter_, valueAfter_;

@@ -304,7 +304,7 @@ bool AddPrinterDriverW(std::u16string_view serverName, DWORD level, const Driver
         info.name.find(u'\\') != std::u16string::npos || info.driverPath.empty()) {
         return Fail(ERROR_INVALID_PARAMETER);
     }
-    Lock lock;
+    Lock lock(Lock::kWrites);
     if (!CallerIsAdministrator()) {
         return Fail(ERROR_ACCESS_DENIED);
     }
@@ -404,7 +404,7 @@ bool DeletePrinterDriverExW(std::u16string_view serverName, std::u16string_view 
          ~(DPD_DELETE_UNUSED_FILES | DPD_DELETE_SPECIFIC_VERSION | DPD_DELETE_ALL_FILES)) != 0) {
         return Fail(ERROR_INVALID_PARAMETER);
     }
-    Lock lock;
+    Lock lock(Lock::kWrites);
     if (!CallerIsAdministrator()) {
         return Fail(ERROR_ACCESS_DENIED);
     }

@@ -116,7 +116,7 @@ DWORD StartDocPrinterW(HANDLE printer, const DocInfo1& doc) {
         SetLastError(ERROR_INVALID_PRINTER_STATE);
         return 0;
     }
-    Lock lock;
+    Lock lock(Lock::kWrites);
     bool exists = false;
     const DWORD status = PrinterStatus(h->name, &exists);
     if (!exists) {
@@ -170,7 +170,7 @@ bool EndDocPrinter(HANDLE printer) {
     if (h->currentJob == 0) {
         return Fail(kSplNoStartDoc);
     }
-    Lock lock;
+    Lock lock(Lock::kWrites);
     UniqueKey key;
     if (OpenKey(JobKey(h->name, h->currentJob), KEY_ALL_ACCESS, &key) == ERROR_SUCCESS) {
         ValueMap values;
@@ -187,7 +187,7 @@ bool SetJobW(HANDLE printer, DWORD jobId, DWORD command) {
     if (!h) {
         return false;
     }
-    Lock lock;
+    Lock lock(Lock::kWrites);
     UniqueKey key;
     if (jobId == 0 || OpenKey(JobKey(h->name, jobId), KEY_ALL_ACCESS, &key) != ERROR_SUCCESS) {
         return Fail(ERROR_INVALID_PARAMETER);

@@ -145,7 +145,7 @@ bool AddMonitorW(std::u16string_view serverName, std::u16string_view name,
     if (!ValidPortName(name)) {
         return Fail(ERROR_INVALID_PARAMETER);
     }
-    Lock lock;
+    Lock lock(Lock::kWrites);
     if (!CallerIsAdministrator()) {
         return Fail(ERROR_ACCESS_DENIED);
     }
@@ -226,7 +226,7 @@ bool XcvDataW(HANDLE xcv, std::u16string_view dataName, const void* input, DWORD
     }
     std::size_t used = 0;
     const std::u16string port = ReadText(input, inputSize, &used);
-    Lock lock;
+    Lock lock(dataName == u"GetPort" ? Lock::kReads : Lock::kWrites);
     const bool changes =
         dataName == u"AddPort" || dataName == u"DeletePort" || dataName == u"SetPortInfo";
     if (dataName == u"GetPort") {
@@ -260,7 +260,7 @@ bool AddPrintProcessorW(std::u16string_view serverName, std::u16string_view envi
     if (!ValidPortName(name)) {
         return Fail(ERROR_INVALID_PARAMETER);
     }
-    Lock lock;
+    Lock lock(Lock::kWrites);
     if (!CallerIsAdministrator()) {
         return Fail(ERROR_ACCESS_DENIED);
     }

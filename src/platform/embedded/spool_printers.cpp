@@ -499,7 +499,7 @@ bool SetPrinterW(HANDLE printer, const PrinterInfo2& info, DWORD command) {
         (!info.securityDescriptor.empty() && (h->granted & kWriteDac) == 0)) {
         return Fail(ERROR_ACCESS_DENIED);
     }
-    Lock lock;
+    Lock lock(Lock::kWrites);
     PrinterInfo2 current;
     if (const DWORD rc = LoadPrinter(h->name, &current); rc != ERROR_SUCCESS) {
         return Fail(rc);
@@ -542,6 +542,9 @@ bool SetPrinterW(HANDLE printer, const PrinterInfo2& info, DWORD command) {
         rc != ERROR_SUCCESS) {
         return Fail(rc);
     }
+    if (const DWORD rc = lock.Commit(); rc != ERROR_SUCCESS) {
+        return Fail(rc);
+    }
     return Succeed();
 }
 
@@ -562,7 +565,7 @@ bool SetPrinterW(HANDLE printer, const PrinterInfo3& info, DWORD command) {
     if (!ValidDescriptor(info.securityDescriptor)) {
         return Fail(ERROR_INVALID_SECURITY_DESCR);
     }
-    Lock lock;
+    Lock lock(Lock::kWrites);
     PrinterInfo2 current;
     if (const DWORD rc = LoadPrinter(h->name, &current); rc != ERROR_SUCCESS) {
         return Fail(rc);
@@ -577,6 +580,9 @@ bool SetPrinterW(HANDLE printer, const PrinterInfo3& info, DWORD command) {
         return Fail(rc);
     }
     if (const LSTATUS rc = WriteBinary(key.get(), u"Security", merged); rc != ERROR_SUCCESS) {
+        return Fail(rc);
+    }
+    if (const DWORD rc = lock.Commit(); rc != ERROR_SUCCESS) {
         return Fail(rc);
     }
     return Succeed();
@@ -597,7 +603,7 @@ bool SetPrinterW(HANDLE printer, const PrinterInfo8& info, DWORD command) {
     if (bytes.empty()) {
         return Fail(ERROR_INVALID_PARAMETER);
     }
-    Lock lock;
+    Lock lock(Lock::kWrites);
     UniqueKey key;
     if (OpenKey(PrinterKey(h->name), KEY_ALL_ACCESS, &key) != ERROR_SUCCESS) {
         return Fail(ERROR_INVALID_PRINTER_NAME);
@@ -619,7 +625,7 @@ bool SetPrinterW(HANDLE printer, DWORD command, DWORD status) {
     if ((h->granted & PRINTER_ACCESS_ADMINISTER) == 0) {
         return Fail(ERROR_ACCESS_DENIED);
     }
-    Lock lock;
+    Lock lock(Lock::kWrites);
     UniqueKey key;
     if (OpenKey(PrinterKey(h->name), KEY_ALL_ACCESS, &key) != ERROR_SUCCESS) {
         return Fail(ERROR_INVALID_PRINTER_NAME);
@@ -660,7 +666,7 @@ UniquePrinter AddPrinterW(std::u16string_view serverName, const PrinterInfo2& in
         SetLastError(ERROR_INVALID_NAME);
         return {};
     }
-    Lock lock;
+    Lock lock(Lock::kWrites);
     if (!lock.held()) {
         SetLastError(ERROR_CANTWRITE);
         return {};
@@ -700,6 +706,10 @@ UniquePrinter AddPrinterW(std::u16string_view serverName, const PrinterInfo2& in
         SetLastError(rc);
         return {};
     }
+    if (const DWORD committed = lock.Commit(); committed != ERROR_SUCCESS) {
+        SetLastError(committed);
+        return {};
+    }
     HandleState state;
     state.kind = HandleKind::Printer;
     state.name = info.printerName;
@@ -720,7 +730,7 @@ bool DeletePrinter(HANDLE printer) {
     if ((h->granted & kDelete) == 0) {
         return Fail(ERROR_ACCESS_DENIED);
     }
-    Lock lock;
+    Lock lock(Lock::kWrites);
     UniqueKey key;
     if (OpenKey(PrinterKey(h->name), KEY_ALL_ACCESS, &key) != ERROR_SUCCESS) {
         return Fail(ERROR_INVALID_PRINTER_NAME);
@@ -736,6 +746,9 @@ bool DeletePrinter(HANDLE printer) {
     }
     key.reset();
     if (const LSTATUS rc = RemovePrinterKey(h->name); rc != ERROR_SUCCESS) {
+        return Fail(rc);
+    }
+    if (const DWORD rc = lock.Commit(); rc != ERROR_SUCCESS) {
         return Fail(rc);
     }
     return Succeed();
@@ -760,7 +773,7 @@ DWORD SetPrinterDataW(HANDLE printer, std::u16string_view valueName, DWORD type,
         SetLastError(ERROR_ACCESS_DENIED);
         return ERROR_ACCESS_DENIED;
     }
-    Lock lock;
+    Lock lock(Lock::kWrites);
     UniqueKey probe;
     if (OpenKey(PrinterKey(h->name), KEY_READ, &probe) != ERROR_SUCCESS) {
         SetLastError(ERROR_INVALID_PRINTER_NAME);
@@ -770,6 +783,9 @@ DWORD SetPrinterDataW(HANDLE printer, std::u16string_view valueName, DWORD type,
     LSTATUS rc = CreateKey(Join(PrinterKey(h->name), kDriverDataKey), &key);
     if (rc == ERROR_SUCCESS) {
         rc = RegSetValueExW(key.get(), valueName, type, data, size);
+    }
+    if (rc == ERROR_SUCCESS) {
+        rc = static_cast<LSTATUS>(lock.Commit());
     }
     SetLastError(rc);
     return rc;
@@ -824,7 +840,7 @@ DWORD DeletePrinterDataW(HANDLE printer, std::u16string_view valueName) {
         SetLastError(ERROR_ACCESS_DENIED);
         return ERROR_ACCESS_DENIED;
     }
-    Lock lock;
+    Lock lock(Lock::kWrites);
     UniqueKey key;
     LSTATUS rc = OpenKey(Join(PrinterKey(h->name), kDriverDataKey), KEY_ALL_ACCESS, &key);
     if (rc == ERROR_SUCCESS) {
@@ -843,7 +859,7 @@ DWORD SetPrinterOwner(HANDLE printer, const std::vector<std::byte>& ownerSid) {
         SetLastError(ERROR_ACCESS_DENIED);
         return ERROR_ACCESS_DENIED;
     }
-    Lock lock;
+    Lock lock(Lock::kWrites);
     PrinterInfo2 current;
     if (const DWORD rc = LoadPrinter(h->name, &current); rc != ERROR_SUCCESS) {
         SetLastError(rc);

@@ -1,7 +1,9 @@
 // Registry helpers, the machine-wide lock, open handles and first-use defaults
 // of the embedded spooler.
 #include "spool_store.h"
+
 #include "platform/text.h"
+#include "registry_store.h"
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -76,7 +78,7 @@ std::u16string Join(std::u16string_view a, std::u16string_view b) {
 
 // ---- lock ------------------------------------------------------------------------
 
-Lock::Lock() {
+Lock::Lock(Work work) {
     if (t_lockDepth++ > 0) {
         held_ = true;
         return;
@@ -94,10 +96,17 @@ Lock::Lock() {
     }
     held_ = true;
     EnsureDefaults();
+    batch_ = std::make_unique<registry_store::Batch>(
+        work == kWrites ? registry_store::Batch::kWrite : registry_store::Batch::kRead);
+}
+
+DWORD Lock::Commit() {
+    return batch_ ? batch_->Commit() : ERROR_SUCCESS;
 }
 
 Lock::~Lock() {
     --t_lockDepth;
+    batch_.reset();  // committed while the lock is still held
     if (outer_ && fd_ >= 0) {
         ::flock(fd_, LOCK_UN);
         ::close(fd_);
@@ -347,6 +356,7 @@ constexpr char16_t kDefaultsMarker[] = u"EmbeddedDefaults";
 constexpr char16_t kGenericDriver[] = u"Generic / Text Only";
 
 void SeedDefaults() {
+    registry_store::Batch batch(registry_store::Batch::kWrite);
     UniqueKey print;
     if (CreateKey(kPrintKey, &print) != ERROR_SUCCESS) {
         return;

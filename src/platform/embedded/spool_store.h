@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -11,6 +12,10 @@
 
 #include "platform/registry.h"
 #include "platform/spooler.h"
+
+namespace platform::registry_store {
+class Batch;
+}
 
 namespace platform::spool {
 
@@ -39,20 +44,29 @@ std::string ToUtf8(std::u16string_view text);
 // Holds the machine-wide spooler lock (an advisory lock on a file in the
 // machine root) for the current scope; nested scopes on one thread share it.
 // Every public call that reads or writes several values takes it first, and
-// also makes sure the first-use defaults exist.
+// also makes sure the first-use defaults exist. The registry work of the
+// outermost scope is one batch (one transaction), committed when the scope
+// ends (before the lock is let go) or by Commit(). A call that writes says
+// so (kWrites) and holds the database's write lock for its length; calls
+// that only read never keep writers of other processes waiting.
 class Lock {
   public:
-    Lock();
+    enum Work { kReads, kWrites };
+    explicit Lock(Work work = kReads);
     ~Lock();
     Lock(const Lock&) = delete;
     Lock& operator=(const Lock&) = delete;
     // False when the lock file could not be opened or locked.
     [[nodiscard]] bool held() const { return held_; }
+    // Keeps the work done so far: ERROR_SUCCESS, or the storage error that
+    // lost it. A call that reports success commits first.
+    [[nodiscard]] DWORD Commit();
 
   private:
     int fd_ = -1;
     bool held_ = false;
     bool outer_ = false;
+    std::unique_ptr<registry_store::Batch> batch_;
 };
 
 // ---- registry helpers --------------------------------------------------------
