@@ -432,21 +432,19 @@ int Run(const WmiOptions& o, const std::string& verb) {
     CInstance in(u"__PARAMETERS");
     for (const auto& [name, texts] : grouped) {
         const platform::ParameterSchema* p = nullptr;
-        for (const auto& candidate :
-             method == nullptr ? std::vector<platform::ParameterSchema>{} : method->parameters) {
-            if (candidate.in && platform::NamesEqual(candidate.name, Utf16(name))) {
-                p = &candidate;
-                break;
+        if (method != nullptr) {
+            for (const auto& candidate : method->parameters) {
+                if (candidate.in && platform::NamesEqual(candidate.name, Utf16(name))) {
+                    p = &candidate;
+                    break;
+                }
             }
         }
         if (method != nullptr && p == nullptr) {
             return Fail(kCommand, o.className + "." + o.method + " has no in-parameter " + name);
         }
-        if (p != nullptr) {
-            const platform::ParameterSchema copy = *p;
-            if (!SetTyped(&in, Utf8(copy.name), copy.type, texts, &why)) {
-                return Fail(kCommand, why);
-            }
+        if (p != nullptr && !SetTyped(&in, Utf8(p->name), p->type, texts, &why)) {
+            return Fail(kCommand, why);
         }
     }
     std::unique_ptr<CInstance> out;
