@@ -89,7 +89,8 @@ HRESULT AppendPropertiesList(const CInstance& in, std::u16string_view name,
         }
         platform::SAFEARRAY* psaPrinterProperties = v->parray;
         const platform::UINT dimensions = platform::SafeArrayGetDim(psaPrinterProperties);
-        OVCHECK(platform::SafeArrayGetDim(psaPrinterProperties) == 1);
+        using platform::SafeArrayGetDim;
+        OVCHECK(SafeArrayGetDim(psaPrinterProperties) == 1);
         platform::LONG lower = 0;
         platform::LONG upper = -1;
         if (platform::FAILED(platform::SafeArrayGetLBound(psaPrinterProperties, 1, &lower)) ||

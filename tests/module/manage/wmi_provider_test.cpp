@@ -19,6 +19,7 @@
 #include "platform/security.h"
 #include "platform/wmi.h"
 #include "product_settings.h"
+#include "trace/trace.h"
 
 namespace {
 
@@ -223,8 +224,11 @@ TEST_F(WmiProviderTest, MethodsNeedTheirExactNameTheirObjectsAndTheirArguments) 
                   c.expected)
             << ovtest::U8(c.method);
     }
-    // A properties array of two dimensions is still taken (its first row);
-    // the call then reaches the channel, which has no service here.
+    // A properties array of two dimensions is still taken (its first row),
+    // with the failed expectation in the trace; the call then reaches the
+    // channel, which has no service here.
+    const std::string trace = ovtest::EnableTrace(root());
+    ovsvc::ResetTraceStateForTesting();
     CInstance in(u"__PARAMETERS");
     for (const char16_t* text :
          {u"strPrinterName", u"strPrinterClass", u"strClientIP", u"strClientDriverName",
@@ -250,6 +254,10 @@ TEST_F(WmiProviderTest, MethodsNeedTheirExactNameTheirObjectsAndTheirArguments) 
     std::u16string created = u"?";
     EXPECT_TRUE(out.GetCHString(u"strCreatedPrinterName", &created));
     EXPECT_EQ(created, u"");
+    EXPECT_NE(ovtest::ReadText(trace).find("SafeArrayGetDim(psaPrinterProperties) == 1"),
+              std::string::npos);
+    ovtest::ResetProductKey();
+    ovsvc::ResetTraceStateForTesting();
 }
 
 TEST_F(WmiProviderTest, TranslationListWritesOneFormAndRefusesFaultyLists) {
