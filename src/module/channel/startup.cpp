@@ -4,6 +4,7 @@
 #include <mutex>
 
 #include "common/module_state.h"
+#include "manage/wmi_common.h"
 #include "res/resources.h"
 #include "session/wts_layer.h"
 #include "trace/trace.h"
@@ -125,9 +126,9 @@ void ModuleAttach() {
         state.names = MakeNames(false);
     }
     OVTRACE(INF | MAIN, "%s", GetModuleVersionString());
-    // No management framework runs on this platform: the provider stays out
-    // of registration and class-object requests.
-    fFrameworkLogin = false;
+    // Without the management framework the provider stays out of
+    // registration and class-object requests.
+    fFrameworkLogin = platform::CWbemProviderGlue::FrameworkLoginDLL(kWmiProviderName);
     OVTRACE(INF | MAIN, "Creating SHM...");
     CreateSharedMemory();
     fIsService = false;

@@ -1,7 +1,7 @@
 // Where the management provider joins the module's COM entry points and
 // registration. Each hook is called only when the management framework
-// accepted the module at load (fFrameworkLogin); until the provider exists
-// they answer as a provider that serves nothing would.
+// accepted the module at load (fFrameworkLogin). The provider's four objects
+// live as long as the module.
 #pragma once
 
 #include "platform/com.h"
@@ -14,8 +14,11 @@ platform::HRESULT WmiGetClassObject(const platform::CLSID& clsid, const platform
                                     void** object);
 // S_OK when the framework lets the module go.
 platform::HRESULT WmiCanUnloadNow();
-// Compiles the provider's schema and registration into the management
-// namespace, and takes it out again.
+// Registers the provider's CLSID (HKLM\SOFTWARE\CLASSES\CLSID\{clsid} and its
+// InprocServer32) and compiles the schema (MOF resource 114, or 215 from
+// version 5.1 on) into the management namespace; the compiler's result.
+// Unregistering deletes the four classes and the CLSID keys
+// (SELFREG_E_CLASS when the keys cannot be deleted).
 platform::HRESULT WmiRegisterProvider();
 platform::HRESULT WmiUnregisterProvider();
 

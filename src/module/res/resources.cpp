@@ -19,6 +19,13 @@ const platform::ModuleResources& OwnResources() {
         r.strings = res::StringTable();
         r.version = res::VersionInformation();
         r.texts[{u"REGISTRY", u"#214"}] = res::RegistryScript();
+        // The management schema, before and from version 5.1.
+        static const std::pair<const char16_t*, const char*> kSchemas[] = {
+#include "res/mof_schema.inc"
+        };
+        for (const auto& [name, text] : kSchemas) {
+            r.texts[{u"MOF", name}] = text;
+        }
         return r;
     }();
     return resources;

@@ -157,8 +157,12 @@ HRESULT VariantCopy(VARIANT* target, const VARIANT* source) noexcept {
     } else if ((source->vt == VT_DISPATCH || source->vt == VT_UNKNOWN) &&
                source->punkVal != nullptr) {
         source->punkVal->AddRef();
-    } else if ((source->vt & VT_ARRAY) != 0 && (source->vt & VT_BYREF) == 0) {
-        return DISP_E_BADVARTYPE;  // arrays are not copied by the platform
+    } else if ((source->vt & VT_ARRAY) != 0 && (source->vt & VT_BYREF) == 0 &&
+               source->parray != nullptr) {
+        const HRESULT hr = SafeArrayCopy(source->parray, &copy.parray);
+        if (FAILED(hr)) {
+            return hr;
+        }
     }
     *target = copy;
     return S_OK;

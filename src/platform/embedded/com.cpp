@@ -68,7 +68,11 @@ HRESULT VariantClear(VARIANT* v) noexcept {
     }
     if ((v->vt & VT_BYREF) == 0) {
         if ((v->vt & VT_ARRAY) != 0) {
-            return DISP_E_BADVARTYPE;  // no arrays on this machine
+            if (v->parray != nullptr) {
+                SafeArrayDestroy(v->parray);
+            }
+            VariantInit(v);
+            return S_OK;
         }
         switch (v->vt) {
             case VT_BSTR:

@@ -50,6 +50,60 @@ HRESULT VariantClear(VARIANT* v) noexcept {
     return ::VariantClear(Native(v));
 }
 
+// ---- SAFEARRAY: oleaut32's, with the same layout ----------------------------------
+
+namespace {
+::SAFEARRAY* Native(SAFEARRAY* a) {
+    static_assert(sizeof(SAFEARRAY) == sizeof(::SAFEARRAY));
+    return reinterpret_cast<::SAFEARRAY*>(a);
+}
+}  // namespace
+
+SAFEARRAY* SafeArrayCreate(VARTYPE type, UINT dimensions, const SAFEARRAYBOUND* bounds) {
+    static_assert(sizeof(SAFEARRAYBOUND) == sizeof(::SAFEARRAYBOUND));
+    return reinterpret_cast<SAFEARRAY*>(::SafeArrayCreate(
+        type, dimensions,
+        const_cast<::SAFEARRAYBOUND*>(reinterpret_cast<const ::SAFEARRAYBOUND*>(bounds))));
+}
+
+SAFEARRAY* SafeArrayCreateVector(VARTYPE type, LONG lowerBound, ULONG elements) {
+    return reinterpret_cast<SAFEARRAY*>(::SafeArrayCreateVector(type, lowerBound, elements));
+}
+
+HRESULT SafeArrayDestroy(SAFEARRAY* array) noexcept {
+    return ::SafeArrayDestroy(Native(array));
+}
+
+UINT SafeArrayGetDim(SAFEARRAY* array) noexcept {
+    return array == nullptr ? 0 : ::SafeArrayGetDim(Native(array));
+}
+
+HRESULT SafeArrayGetLBound(SAFEARRAY* array, UINT dimension, LONG* bound) noexcept {
+    return ::SafeArrayGetLBound(Native(array), dimension, reinterpret_cast<::LONG*>(bound));
+}
+
+HRESULT SafeArrayGetUBound(SAFEARRAY* array, UINT dimension, LONG* bound) noexcept {
+    return ::SafeArrayGetUBound(Native(array), dimension, reinterpret_cast<::LONG*>(bound));
+}
+
+HRESULT SafeArrayGetVartype(SAFEARRAY* array, VARTYPE* type) noexcept {
+    return ::SafeArrayGetVartype(Native(array), type);
+}
+
+HRESULT SafeArrayGetElement(SAFEARRAY* array, const LONG* indices, void* value) noexcept {
+    return ::SafeArrayGetElement(
+        Native(array), const_cast<::LONG*>(reinterpret_cast<const ::LONG*>(indices)), value);
+}
+
+HRESULT SafeArrayPutElement(SAFEARRAY* array, const LONG* indices, void* value) noexcept {
+    return ::SafeArrayPutElement(
+        Native(array), const_cast<::LONG*>(reinterpret_cast<const ::LONG*>(indices)), value);
+}
+
+HRESULT SafeArrayCopy(SAFEARRAY* array, SAFEARRAY** copy) noexcept {
+    return ::SafeArrayCopy(Native(array), reinterpret_cast<::SAFEARRAY**>(copy));
+}
+
 namespace {
 
 ::ITypeLib* LoadLibraryOf(HMODULE module, std::wstring* path, HRESULT* hr) {

@@ -6,7 +6,8 @@
 //   - interfaces as C++ classes with Windows' vtable layout (no virtual
 //     destructors): IUnknown, IClassFactory, IDispatch;
 //   - BSTR (length-prefixed UTF-16, allocated by the platform's allocator:
-//     oleaut32's on Windows), VARIANT and the conversions the automation
+//     oleaut32's on Windows), SAFEARRAY of BSTR, VT_I4 and VT_BOOL elements
+//     (oleaut32's on Windows), VARIANT and the conversions the automation
 //     calls need (VT_EMPTY, VT_I2, VT_I4, VT_UI1, VT_R8, VT_BOOL, VT_BSTR,
 //     VT_ERROR, and VT_BYREF forms of them and of VT_VARIANT);
 //   - late binding driven by a description of the type library
@@ -148,7 +149,7 @@ class IClassFactory : public IUnknown {
 class ITypeInfo;
 
 struct VARIANT;
-struct SAFEARRAY;  // not built by the platform; a VARIANT holding one is cleared by the system
+struct SAFEARRAY;
 
 struct DISPPARAMS {
     VARIANT* rgvarg = nullptr;  // the arguments, last first
@@ -204,6 +205,89 @@ UINT SysStringLen(BSTR text) noexcept;  // 0 for null
 inline std::u16string_view BstrView(BSTR text) noexcept {
     return text == nullptr ? std::u16string_view{} : std::u16string_view(text, SysStringLen(text));
 }
+
+// ---- SAFEARRAY ----------------------------------------------------------------------
+//
+// Windows' layout: the bounds are stored last dimension first, so
+// rgsabound[0] describes dimension cDims. Dimensions are counted from 1 in
+// the calls below, as SafeArrayGetLBound counts them. The embedded machine
+// builds arrays of VT_BSTR, VT_I4 and VT_BOOL elements (others: null from
+// the creators, E_INVALIDARG); an element put is copied (a BSTR too) and an
+// element got is a copy the caller frees.
+
+struct SAFEARRAYBOUND {
+    ULONG cElements = 0;
+    LONG lLbound = 0;
+};
+
+struct SAFEARRAY {
+    std::uint16_t cDims;
+    std::uint16_t fFeatures;
+    ULONG cbElements;
+    ULONG cLocks;
+    void* pvData;
+    SAFEARRAYBOUND rgsabound[1];
+};
+static_assert(sizeof(SAFEARRAY) == (sizeof(void*) == 8 ? 32 : 24), "Windows' SAFEARRAY layout");
+
+inline constexpr std::uint16_t FADF_HAVEVARTYPE = 0x0080;
+inline constexpr std::uint16_t FADF_BSTR = 0x0100;
+
+// `bounds` in the caller's order (first dimension first). Null when the type
+// is not one the platform builds or memory runs out.
+SAFEARRAY* SafeArrayCreate(VARTYPE type, UINT dimensions, const SAFEARRAYBOUND* bounds);
+SAFEARRAY* SafeArrayCreateVector(VARTYPE type, LONG lowerBound, ULONG elements);
+// Frees the array and what its elements own; E_INVALIDARG for null.
+HRESULT SafeArrayDestroy(SAFEARRAY* array) noexcept;
+UINT SafeArrayGetDim(SAFEARRAY* array) noexcept;  // 0 for null
+// DISP_E_BADINDEX for a dimension outside 1..cDims, E_INVALIDARG for null.
+HRESULT SafeArrayGetLBound(SAFEARRAY* array, UINT dimension, LONG* bound) noexcept;
+HRESULT SafeArrayGetUBound(SAFEARRAY* array, UINT dimension, LONG* bound) noexcept;
+HRESULT SafeArrayGetVartype(SAFEARRAY* array, VARTYPE* type) noexcept;
+// `indices` one per dimension, first dimension first; DISP_E_BADINDEX when
+// one is out of its bounds. For VT_BSTR arrays `value` is a BSTR* receiving
+// a copy (get) or a BSTR to copy (put).
+HRESULT SafeArrayGetElement(SAFEARRAY* array, const LONG* indices, void* value) noexcept;
+HRESULT SafeArrayPutElement(SAFEARRAY* array, const LONG* indices, void* value) noexcept;
+HRESULT SafeArrayCopy(SAFEARRAY* array, SAFEARRAY** copy) noexcept;
+
+// Owner of one array.
+class UniqueSafeArray {
+  public:
+    UniqueSafeArray() noexcept = default;
+    explicit UniqueSafeArray(SAFEARRAY* array) noexcept : p_(array) {}
+    UniqueSafeArray(UniqueSafeArray&& other) noexcept : p_(std::exchange(other.p_, nullptr)) {}
+    UniqueSafeArray& operator=(UniqueSafeArray&& other) noexcept {
+        if (this != &other) {
+            reset(std::exchange(other.p_, nullptr));
+        }
+        return *this;
+    }
+    UniqueSafeArray(const UniqueSafeArray&) = delete;
+    UniqueSafeArray& operator=(const UniqueSafeArray&) = delete;
+    ~UniqueSafeArray() { reset(); }
+    void reset(SAFEARRAY* array = nullptr) noexcept {
+        if (p_ != nullptr) {
+            SafeArrayDestroy(p_);
+        }
+        p_ = array;
+    }
+    SAFEARRAY* get() const noexcept { return p_; }
+    [[nodiscard]] SAFEARRAY* release() noexcept { return std::exchange(p_, nullptr); }
+    explicit operator bool() const noexcept { return p_ != nullptr; }
+
+  private:
+    SAFEARRAY* p_ = nullptr;
+};
+
+// One-dimensional arrays from and to C++ containers (lower bound 0 when
+// made). The readers take any one-dimensional array of the type, whatever
+// its lower bound, and fail (false) for another type, another number of
+// dimensions or an element that cannot be read.
+UniqueSafeArray MakeStringArray(const std::vector<std::u16string>& values);
+UniqueSafeArray MakeLongArray(const std::vector<LONG>& values);
+bool ReadStringArray(SAFEARRAY* array, std::vector<std::u16string>* values);
+bool ReadLongArray(SAFEARRAY* array, std::vector<LONG>* values);
 
 // ---- VARIANT ------------------------------------------------------------------------
 
