@@ -340,12 +340,12 @@ bool ActAs(const std::string& account) {
     if (account.empty()) {
         return true;
     }
-    platform::Account found;
-    if (!platform::FindAccountByName(Utf16(account), &found)) {
+    platform::admin::Account found;
+    if (!platform::admin::FindAccountByName(Utf16(account), &found)) {
         Fail(kCommand, "unknown account \"" + account + "\"");
         return false;
     }
-    platform::SetProcessAccount(found.FullName());
+    platform::admin::SetProcessAccount(found.FullName());
     return true;
 }
 

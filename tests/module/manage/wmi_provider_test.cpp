@@ -41,7 +41,7 @@ class WmiProviderTest : public ovtest::MachineTest {
                   ERROR_SUCCESS);
     }
     void TearDown() override {
-        SetProcessAccount(u"");
+        admin::SetProcessAccount(u"");
         MachineTest::TearDown();
     }
     static std::u16string ProductKeyText() {
@@ -175,9 +175,9 @@ TEST_F(WmiProviderTest, WritingChecksTheProtocolFirstAndStoresUnderTheRegistryNa
 }
 
 TEST_F(WmiProviderTest, NonAdministratorsWriteNothingAndCallNoMethod) {
-    Account clerk;
-    ASSERT_TRUE(AddAccount(u"OVTEST\\clerk", SidTypeUser, {}, &clerk)) << GetLastError();
-    SetProcessAccount(u"OVTEST\\clerk");
+    admin::Account clerk;
+    ASSERT_TRUE(admin::AddAccount(u"OVTEST\\clerk", SidTypeUser, {}, &clerk)) << GetLastError();
+    admin::SetProcessAccount(u"OVTEST\\clerk");
     const std::u16string before = ProductKeyText();
     CInstance config(u"Ovaspool");
     config.SetCHString(u"Protocol", u"RDP");
