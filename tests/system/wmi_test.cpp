@@ -8,7 +8,9 @@
 
 #include "autocreated_printers.h"
 #include "channel_support.h"
+#include "ovsvc.h"
 #include "ovtest.h"
+#include "platform/com.h"
 
 namespace {
 
@@ -16,11 +18,30 @@ using namespace std::chrono_literals;
 using channeltest::Ctl;
 using channeltest::CtlResult;
 
+// The module hands out the provider's class factory on every backend, also
+// where no management service would load it, and the factory makes
+// providers.
+TEST(WmiProviderFactory, AnswersForTheProviderAndMakesProviders) {
+    platform::CLSID provider;
+    ASSERT_TRUE(platform::GuidFromString(u"{6F3B1C2E-94A7-4D5B-8E21-0C7A5D93B4F6}", &provider));
+    void* object = nullptr;
+    ASSERT_EQ(DllGetClassObject(&provider, &platform::IID_IClassFactory, &object), platform::S_OK);
+    ASSERT_NE(object, nullptr);
+    auto* factory = static_cast<platform::IClassFactory*>(object);
+    void* instance = nullptr;
+    EXPECT_EQ(factory->CreateInstance(nullptr, platform::IID_IUnknown, &instance), platform::S_OK);
+    ASSERT_NE(instance, nullptr);
+    static_cast<platform::IUnknown*>(instance)->Release();
+    factory->Release();
+}
+
 class WmiSystemTest : public ovtest::MachineTest {
   protected:
     void SetUp() override {
         MachineTest::SetUp();
-        OVTEST_EMBEDDED_ONLY("needs the embedded management service and account table");
+        OVTEST_EMBEDDED_ONLY(
+            "needs the embedded management service and account table (Wine cannot host "
+            "third-party WMI providers; the provider's class factory is tested on both)");
         channeltest::ResetProductKey();
         channeltest::SetProductDword(u"RightsWin2000", 1);
         ASSERT_TRUE(ovtest::EnsureUsers({u"OVDOMAIN\\ann", u"OVDOMAIN\\bob"}));

@@ -33,7 +33,9 @@ class WmiProviderTest : public ovtest::MachineTest {
   protected:
     void SetUp() override {
         MachineTest::SetUp();
-        OVTEST_EMBEDDED_ONLY("changes the process's account and the machine's product key");
+        OVTEST_EMBEDDED_ONLY(
+            "changes the process's account and the machine's product key (Wine cannot host "
+            "third-party WMI providers)");
         ovtest::ResetProductKey();
         UniqueKey key;
         ASSERT_EQ(RegCreateKeyExW(HKEY_LOCAL_MACHINE, ovtest::kProductKeyPath, 0, KEY_ALL_ACCESS,
