@@ -43,7 +43,7 @@ while IFS=$'\t' read -r id file expr what; do
     echo "$id  caught by the build: $what"
   else
     failed=$(cd "$build" && ctest -j2 --timeout 300 "${ctest_args[@]}" 2>/dev/null |
-             sed -n 's/^ *[0-9]* - \(.*\) (\(Failed\|Timeout\|Exception\|SEGFAULT\|Subprocess aborted\)).*$/\1/p' |
+             sed -n 's/^[[:space:]]*[0-9]* - \(.*\) (\(Failed\|Timeout\|Exception\|SEGFAULT\|Subprocess aborted\)).*$/\1/p' |
              tr '\n' ' ')
     n=$(wc -w <<<"$failed")
     [ "$n" -eq 0 ] && uncaught=1
