@@ -8,6 +8,9 @@
 # BUILD_DIR defaults to build/mutation (configured with the default preset's
 # settings on first use). Prints one line per break: id, caught-by count,
 # the catching tests. Exits 1 when a break is caught by no test.
+# MUTATION_TARGETS (e.g. platform_tests) builds only those targets and
+# MUTATION_CTEST_ARGS (e.g. "-L platform") narrows the tests run, for a
+# table whose breaks one test program should catch on its own.
 set -uo pipefail
 cd "$(dirname "$0")/.."
 build=${1:-build/mutation}
@@ -18,7 +21,10 @@ only=" $* "
 if [ ! -f "$build/CMakeCache.txt" ]; then
   cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DOVSVC_BUILD_BENCH=OFF >/dev/null || exit 1
 fi
-cmake --build "$build" -j2 >/dev/null || { echo "the unbroken tree does not build" >&2; exit 1; }
+targets=()
+for t in ${MUTATION_TARGETS:-}; do targets+=(--target "$t"); done
+read -r -a ctest_args <<<"${MUTATION_CTEST_ARGS:-}"
+cmake --build "$build" -j2 "${targets[@]}" >/dev/null || { echo "the unbroken tree does not build" >&2; exit 1; }
 
 uncaught=0
 while IFS=$'\t' read -r id file expr what; do
@@ -33,11 +39,11 @@ while IFS=$'\t' read -r id file expr what; do
     continue
   fi
   perl -0pi -e "$expr" "$file"
-  if ! cmake --build "$build" -j2 >/dev/null 2>&1; then
+  if ! cmake --build "$build" -j2 "${targets[@]}" >/dev/null 2>&1; then
     echo "$id  caught by the build: $what"
   else
-    failed=$(cd "$build" && ctest -j2 --timeout 300 2>/dev/null |
-             sed -n 's/^ *[0-9]* - \(.*\) (\(Failed\|Timeout\|Exception\|SEGFAULT\|Subprocess aborted\)).*$/\1/p' |
+    failed=$(cd "$build" && ctest -j2 --timeout 300 "${ctest_args[@]}" 2>/dev/null |
+             sed -n 's/^[[:space:]]*[0-9]* - \(.*\) (\(Failed\|Timeout\|Exception\|SEGFAULT\|Subprocess aborted\)).*$/\1/p' |
              tr '\n' ' ')
     n=$(wc -w <<<"$failed")
     [ "$n" -eq 0 ] && uncaught=1
@@ -46,5 +52,5 @@ while IFS=$'\t' read -r id file expr what; do
   mv "$file.orig" "$file"
   touch "$file"
 done <"$table"
-cmake --build "$build" -j2 >/dev/null 2>&1
+cmake --build "$build" -j2 "${targets[@]}" >/dev/null 2>&1
 exit $uncaught

@@ -53,10 +53,8 @@ class EventLog : public ovtest::MachineTest {
 TEST_F(EventLog, ReportedEntriesAreReadBackWithTheirTypeAndText) {
     UniqueEventSource log(RegisterEventSourceW(u"", source16_));
     ASSERT_TRUE(log);
-    SetLastError(kPoison);
-    ASSERT_TRUE(ReportEventW(log.get(), EVENTLOG_ERROR_TYPE, 0, 0, nullptr,
-                             {u"Can't create SHM segment. Location: 2"}, nullptr, 0));
-    EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
+    OVTEST_ASSERT_OK(ReportEventW(log.get(), EVENTLOG_ERROR_TYPE, 0, 0, nullptr,
+                                  {u"Can't create SHM segment. Location: 2"}, nullptr, 0));
     ASSERT_TRUE(ReportEventW(log.get(), EVENTLOG_WARNING_TYPE, 0, 0, nullptr, {u"second", u"third"},
                              nullptr, 0));
     EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
@@ -70,19 +68,20 @@ TEST_F(EventLog, ReportedEntriesAreReadBackWithTheirTypeAndText) {
     EXPECT_EQ(entries[1].text, "second | third");
 }
 
-TEST_F(EventLog, EntryIsOneLineWithTimeSourceTypeAndText) {
+TEST_F(EventLog, EntryIsOneEscapedLineWithTimeSourceTypeAndText) {
     OVTEST_EMBEDDED_ONLY("the event-log file's line format");
     UniqueEventSource log(RegisterEventSourceW(u"", u"OvaspoolSvc"));
     ASSERT_TRUE(log);
-    SetLastError(kPoison);
-    ASSERT_TRUE(ReportEventW(log.get(), EVENTLOG_ERROR_TYPE, 0, 0, nullptr,
-                             {u"Can't create SHM segment. Location: 2"}, nullptr, 0));
-    EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
+    OVTEST_ASSERT_OK(ReportEventW(log.get(), EVENTLOG_ERROR_TYPE, 0, 0, nullptr,
+                                  {u"Can't create SHM segment. Location: 2"}, nullptr, 0));
     ASSERT_TRUE(
         ReportEventW(log.get(), EVENTLOG_WARNING_TYPE, 0, 0, nullptr, {u"second"}, nullptr, 0));
+    // Line breaks, tabs and backslashes in texts are escaped.
+    ASSERT_TRUE(ReportEventW(log.get(), EVENTLOG_INFORMATION_TYPE, 3, 9, nullptr,
+                             {u"two\r\nlines\tand\\slash", u"\u00fcber"}, nullptr, 0));
 
     const auto lines = LogLines();
-    ASSERT_EQ(lines.size(), 2u);
+    ASSERT_EQ(lines.size(), 3u);
     const auto first = Fields(lines[0]);
     ASSERT_EQ(first.size(), 4u) << lines[0];
     EXPECT_EQ(first[0].size(), std::string("2026-11-23 09:41:10.123").size());
@@ -90,44 +89,35 @@ TEST_F(EventLog, EntryIsOneLineWithTimeSourceTypeAndText) {
     EXPECT_EQ(first[2], "Error");
     EXPECT_EQ(first[3], "Can't create SHM segment. Location: 2");
     EXPECT_EQ(Fields(lines[1])[2], "Warning");
-}
-
-TEST_F(EventLog, LineBreaksAndTabsInTextsStayOnOneLine) {
-    OVTEST_EMBEDDED_ONLY("the event-log file's line format");
-    UniqueEventSource log(RegisterEventSourceW(u"", u"Src"));
-    ASSERT_TRUE(log);
-    ASSERT_TRUE(ReportEventW(log.get(), EVENTLOG_INFORMATION_TYPE, 3, 9, nullptr,
-                             {u"two\r\nlines\tand\\slash", u"\u00fcber"}, nullptr, 0));
-    const auto lines = LogLines();
-    ASSERT_EQ(lines.size(), 1u);
-    const auto fields = Fields(lines[0]);
-    ASSERT_EQ(fields.size(), 4u);
-    EXPECT_EQ(fields[2], "Information");
-    EXPECT_EQ(fields[3],
+    const auto third = Fields(lines[2]);
+    ASSERT_EQ(third.size(), 4u);
+    EXPECT_EQ(third[2], "Information");
+    EXPECT_EQ(third[3],
               "two\\r\\nlines\\tand\\\\slash | \xc3\xbc"
               "ber");
 }
 
 TEST_F(EventLog, BadHandlesAndArgumentsAreRefused) {
-    SetLastError(kPoison);
-    EXPECT_FALSE(ReportEventW(nullptr, EVENTLOG_ERROR_TYPE, 0, 0, nullptr, {u"x"}, nullptr, 0));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+    OVTEST_EXPECT_FAIL(
+        ReportEventW(nullptr, EVENTLOG_ERROR_TYPE, 0, 0, nullptr, {u"x"}, nullptr, 0),
+        ERROR_INVALID_HANDLE);
 
     HANDLE log = RegisterEventSourceW(u"", source16_);
     ASSERT_NE(log, nullptr);
-    SetLastError(kPoison);
-    EXPECT_FALSE(ReportEventW(log, 0x0003, 0, 0, nullptr, {u"x"}, nullptr, 0));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
-    SetLastError(kPoison);
-    EXPECT_FALSE(ReportEventW(log, EVENTLOG_ERROR_TYPE, 0, 0, nullptr,
-                              {std::u16string(40000, u'x')}, nullptr, 0));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
-    SetLastError(kPoison);
-    EXPECT_FALSE(ReportEventW(log, EVENTLOG_ERROR_TYPE, 0, 0, nullptr, {u"x"}, nullptr, 4));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER) << "raw data size without data";
-    SetLastError(kPoison);
-    EXPECT_TRUE(DeregisterEventSource(log));
-    EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
+    OVTEST_EXPECT_FAIL(ReportEventW(log, 0x0003, 0, 0, nullptr, {u"x"}, nullptr, 0),
+                       ERROR_INVALID_PARAMETER);
+    OVTEST_EXPECT_FAIL(ReportEventW(log, EVENTLOG_ERROR_TYPE, 0, 0, nullptr,
+                                    {std::u16string(40000, u'x')}, nullptr, 0),
+                       ERROR_INVALID_PARAMETER);
+    OVTEST_EXPECT_FAIL(ReportEventW(log, EVENTLOG_ERROR_TYPE, 0, 0, nullptr, {u"x"}, nullptr, 4),
+                       ERROR_INVALID_PARAMETER)
+        << "raw data size without data";
+    OVTEST_EXPECT_OK(DeregisterEventSource(log));
+
+    UniqueEventSource local(RegisterEventSourceW(u".", source16_));
+    EXPECT_TRUE(local) << "\".\" is the local machine";
+    OVTEST_EXPECT_FAIL(RegisterEventSourceW(u"", u""), ERROR_INVALID_PARAMETER)
+        << "a source needs a name";
 }
 
 TEST_F(EventLog, RefusedEntriesWriteNothing) {
@@ -148,20 +138,9 @@ TEST_F(EventLog, ADeregisteredSourceIsAnInvalidHandle) {
     ASSERT_NE(log, nullptr);
     ASSERT_TRUE(DeregisterEventSource(log));
     OVTEST_SKIP_UNDER_WINE("its event-log handles are never checked");
-    SetLastError(kPoison);
-    EXPECT_FALSE(DeregisterEventSource(log));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
-    SetLastError(kPoison);
-    EXPECT_FALSE(ReportEventW(log, EVENTLOG_ERROR_TYPE, 0, 0, nullptr, {u"x"}, nullptr, 0));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
-}
-
-TEST_F(EventLog, ASourceNeedsAName) {
-    UniqueEventSource local(RegisterEventSourceW(u".", source16_));
-    EXPECT_TRUE(local) << "\".\" is the local machine";
-    SetLastError(kPoison);
-    EXPECT_EQ(RegisterEventSourceW(u"", u""), nullptr);
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+    OVTEST_EXPECT_FAIL(DeregisterEventSource(log), ERROR_INVALID_HANDLE);
+    OVTEST_EXPECT_FAIL(ReportEventW(log, EVENTLOG_ERROR_TYPE, 0, 0, nullptr, {u"x"}, nullptr, 0),
+                       ERROR_INVALID_HANDLE);
 }
 
 TEST_F(EventLog, SourcesOnlyOnTheLocalMachine) {

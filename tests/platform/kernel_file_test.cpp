@@ -54,10 +54,7 @@ TEST_F(KernelFile, DrivePathsLiveUnderTheMachineRoot) {
     EXPECT_EQ(HostPath(u"C:\\a\\..\\..\\..\\b"), root() + "/drive_c/b");  // never above the drive
     EXPECT_EQ(HostPath(u"C:\\.\\a\\\\b\\"), root() + "/drive_c/a/b");
     EXPECT_EQ(HostPath(u"/tmp/plain"), "/tmp/plain");
-}
-
-TEST_F(KernelFile, HostPathsKeepTheCaseOfExistingComponents) {
-    OVTEST_EMBEDDED_ONLY("drive paths stand for directories of the machine root");
+    // Existing components keep their case.
     ASSERT_TRUE(CreateDirectoryW(u"C:\\Drivers"));
     UniqueFile f = CreateFileW(u"C:\\Drivers\\Model.PPD", GENERIC_WRITE, 0, CREATE_NEW, 0);
     ASSERT_TRUE(f);
@@ -77,26 +74,19 @@ TEST_F(KernelFile, ExistingComponentsAreFoundIgnoringCase) {
 
 TEST_F(KernelFile, InvalidNameCharactersAreRefused) {
     for (const std::u16string& bad : {P(u"a?b"), P(u"a*"), P(u"x\\a:b"), P(u"<x>"), P(u"a|b")}) {
-        SetLastError(kPoison);
-        EXPECT_FALSE(CreateFileW(bad, GENERIC_WRITE, 0, CREATE_ALWAYS, 0));
-        EXPECT_EQ(GetLastError(), ERROR_INVALID_NAME) << ovtest::U8(bad);
+        OVTEST_EXPECT_FAIL(CreateFileW(bad, GENERIC_WRITE, 0, CREATE_ALWAYS, 0), ERROR_INVALID_NAME)
+            << ovtest::U8(bad);
     }
-    SetLastError(kPoison);
-    EXPECT_FALSE(CreateFileW(u"", GENERIC_READ, 0, OPEN_EXISTING, 0));
-    EXPECT_EQ(GetLastError(), ERROR_PATH_NOT_FOUND);
+    OVTEST_EXPECT_FAIL(CreateFileW(u"", GENERIC_READ, 0, OPEN_EXISTING, 0), ERROR_PATH_NOT_FOUND);
 }
 
 TEST_F(KernelFile, CreationDispositionsFollowWindows) {
     const std::u16string path = P(u"disp.txt");
-    SetLastError(kPoison);
-    EXPECT_FALSE(CreateFileW(path, GENERIC_READ, 0, OPEN_EXISTING, 0));
-    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
-    SetLastError(kPoison);
-    EXPECT_FALSE(CreateFileW(P(u"nodir\\disp.txt"), GENERIC_READ, 0, OPEN_EXISTING, 0));
-    EXPECT_EQ(GetLastError(), ERROR_PATH_NOT_FOUND);
-    SetLastError(kPoison);
-    EXPECT_FALSE(CreateFileW(path, GENERIC_WRITE, 0, TRUNCATE_EXISTING, 0));
-    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
+    OVTEST_EXPECT_FAIL(CreateFileW(path, GENERIC_READ, 0, OPEN_EXISTING, 0), ERROR_FILE_NOT_FOUND);
+    OVTEST_EXPECT_FAIL(CreateFileW(P(u"nodir\\disp.txt"), GENERIC_READ, 0, OPEN_EXISTING, 0),
+                       ERROR_PATH_NOT_FOUND);
+    OVTEST_EXPECT_FAIL(CreateFileW(path, GENERIC_WRITE, 0, TRUNCATE_EXISTING, 0),
+                       ERROR_FILE_NOT_FOUND);
 
     SetLastError(kPoison);
     {
@@ -105,9 +95,7 @@ TEST_F(KernelFile, CreationDispositionsFollowWindows) {
         EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
         ASSERT_TRUE(Write(f.get(), "first"));
     }
-    SetLastError(kPoison);
-    EXPECT_FALSE(CreateFileW(path, GENERIC_WRITE, 0, CREATE_NEW, 0));
-    EXPECT_EQ(GetLastError(), ERROR_FILE_EXISTS);
+    OVTEST_EXPECT_FAIL(CreateFileW(path, GENERIC_WRITE, 0, CREATE_NEW, 0), ERROR_FILE_EXISTS);
 
     SetLastError(kPoison);
     EXPECT_TRUE(CreateFileW(path, GENERIC_READ, 0, OPEN_ALWAYS, 0));
@@ -119,19 +107,12 @@ TEST_F(KernelFile, CreationDispositionsFollowWindows) {
     EXPECT_EQ(GetLastError(), ERROR_ALREADY_EXISTS);
     EXPECT_EQ(Slurp(HostPath(path)), "");  // create-always truncates
 
-    SetLastError(kPoison);
-    EXPECT_TRUE(CreateFileW(P(u"new.txt"), GENERIC_WRITE, 0, OPEN_ALWAYS, 0));
-    EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
+    OVTEST_EXPECT_OK(CreateFileW(P(u"new.txt"), GENERIC_WRITE, 0, OPEN_ALWAYS, 0));
 
-    SetLastError(kPoison);
-    EXPECT_FALSE(CreateFileW(path, GENERIC_READ, 0, TRUNCATE_EXISTING, 0));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
-    SetLastError(kPoison);
-    EXPECT_FALSE(CreateFileW(path, GENERIC_READ, 0, 0, 0));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
-    SetLastError(kPoison);
-    EXPECT_FALSE(CreateFileW(path, GENERIC_READ, 0, 6, 0));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+    OVTEST_EXPECT_FAIL(CreateFileW(path, GENERIC_READ, 0, TRUNCATE_EXISTING, 0),
+                       ERROR_INVALID_PARAMETER);
+    OVTEST_EXPECT_FAIL(CreateFileW(path, GENERIC_READ, 0, 0, 0), ERROR_INVALID_PARAMETER);
+    OVTEST_EXPECT_FAIL(CreateFileW(path, GENERIC_READ, 0, 6, 0), ERROR_INVALID_PARAMETER);
 }
 
 TEST_F(KernelFile, ReadWriteAndSeek) {
@@ -173,16 +154,12 @@ TEST_F(KernelFile, AccessOfTheHandleIsEnforced) {
         ASSERT_TRUE(Write(w.get(), "data"));
         char c = 0;
         DWORD read = 0;
-        SetLastError(kPoison);
-        EXPECT_FALSE(ReadFile(w.get(), &c, 1, &read));
-        EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+        OVTEST_EXPECT_FAIL(ReadFile(w.get(), &c, 1, &read), ERROR_ACCESS_DENIED);
     }
     UniqueFile r = CreateFileW(P(u"acc.txt"), GENERIC_READ, FILE_SHARE_READ, OPEN_EXISTING, 0);
     ASSERT_TRUE(r);
     DWORD written = 7;
-    SetLastError(kPoison);
-    EXPECT_FALSE(WriteFile(r.get(), "x", 1, &written));
-    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+    OVTEST_EXPECT_FAIL(WriteFile(r.get(), "x", 1, &written), ERROR_ACCESS_DENIED);
     EXPECT_EQ(written, 0u);
     r.reset();  // Windows enforces the sharing modes: the next open shares nothing
 
@@ -199,12 +176,8 @@ TEST_F(KernelFile, BadHandlesFailWithInvalidHandle) {
     char c = 0;
     DWORD n = 0;
     for (HANDLE bad : {INVALID_HANDLE_VALUE, static_cast<HANDLE>(nullptr), e.get()}) {
-        SetLastError(kPoison);
-        EXPECT_FALSE(ReadFile(bad, &c, 1, &n));
-        EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
-        SetLastError(kPoison);
-        EXPECT_FALSE(WriteFile(bad, &c, 1, &n));
-        EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+        OVTEST_EXPECT_FAIL(ReadFile(bad, &c, 1, &n), ERROR_INVALID_HANDLE);
+        OVTEST_EXPECT_FAIL(WriteFile(bad, &c, 1, &n), ERROR_INVALID_HANDLE);
         SetLastError(kPoison);
         EXPECT_EQ(SetFilePointer(bad, 0, nullptr, FILE_BEGIN), INVALID_SET_FILE_POINTER);
         EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
@@ -218,22 +191,14 @@ TEST_F(KernelFile, CopyAndDelete) {
     }
     ASSERT_TRUE(CopyFileW(P(u"src.txt"), P(u"dst.txt"), true));
     EXPECT_EQ(Slurp(HostPath(P(u"dst.txt"))), std::string(100000, 'q') + "end");
-    SetLastError(kPoison);
-    EXPECT_FALSE(CopyFileW(P(u"src.txt"), P(u"dst.txt"), true));
-    EXPECT_EQ(GetLastError(), ERROR_FILE_EXISTS);
+    OVTEST_EXPECT_FAIL(CopyFileW(P(u"src.txt"), P(u"dst.txt"), true), ERROR_FILE_EXISTS);
     EXPECT_TRUE(CopyFileW(P(u"src.txt"), P(u"dst.txt"), false));
-    SetLastError(kPoison);
-    EXPECT_FALSE(CopyFileW(P(u"missing.txt"), P(u"x.txt"), false));
-    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
+    OVTEST_EXPECT_FAIL(CopyFileW(P(u"missing.txt"), P(u"x.txt"), false), ERROR_FILE_NOT_FOUND);
     EXPECT_EQ(GetFileAttributesW(P(u"x.txt")), INVALID_FILE_ATTRIBUTES);
 
     ASSERT_TRUE(DeleteFileW(P(u"dst.txt")));
-    SetLastError(kPoison);
-    EXPECT_FALSE(DeleteFileW(P(u"dst.txt")));
-    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
-    SetLastError(kPoison);
-    EXPECT_FALSE(DeleteFileW(P(u"nodir\\dst.txt")));
-    EXPECT_EQ(GetLastError(), ERROR_PATH_NOT_FOUND);
+    OVTEST_EXPECT_FAIL(DeleteFileW(P(u"dst.txt")), ERROR_FILE_NOT_FOUND);
+    OVTEST_EXPECT_FAIL(DeleteFileW(P(u"nodir\\dst.txt")), ERROR_PATH_NOT_FOUND);
 }
 
 TEST_F(KernelFile, DirectoriesAndAttributes) {
@@ -242,33 +207,20 @@ TEST_F(KernelFile, DirectoriesAndAttributes) {
     EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
     ASSERT_TRUE(CreateDirectoryW(P(u"d")));
     EXPECT_EQ(GetFileAttributesW(P(u"d")), FILE_ATTRIBUTE_DIRECTORY);
-    SetLastError(kPoison);
-    EXPECT_FALSE(CreateDirectoryW(P(u"d")));
-    EXPECT_EQ(GetLastError(), ERROR_ALREADY_EXISTS);
-    SetLastError(kPoison);
-    EXPECT_FALSE(CreateDirectoryW(P(u"no\\such")));
-    EXPECT_EQ(GetLastError(), ERROR_PATH_NOT_FOUND);
+    OVTEST_EXPECT_FAIL(CreateDirectoryW(P(u"d")), ERROR_ALREADY_EXISTS);
+    OVTEST_EXPECT_FAIL(CreateDirectoryW(P(u"no\\such")), ERROR_PATH_NOT_FOUND);
 
-    SetLastError(kPoison);
-    EXPECT_FALSE(CreateFileW(P(u"d"), GENERIC_READ, 0, OPEN_EXISTING, 0));
-    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+    OVTEST_EXPECT_FAIL(CreateFileW(P(u"d"), GENERIC_READ, 0, OPEN_EXISTING, 0),
+                       ERROR_ACCESS_DENIED);
 
     UniqueFile inside = CreateFileW(P(u"d\\f"), GENERIC_WRITE, 0, CREATE_NEW, 0);
     inside.reset();
-    SetLastError(kPoison);
-    EXPECT_FALSE(RemoveDirectoryW(P(u"d")));
-    EXPECT_EQ(GetLastError(), ERROR_DIR_NOT_EMPTY);
-    SetLastError(kPoison);
-    EXPECT_FALSE(RemoveDirectoryW(P(u"d\\f")));
-    EXPECT_EQ(GetLastError(), kErrorDirectory);
-    SetLastError(kPoison);
-    EXPECT_FALSE(DeleteFileW(P(u"d")));
-    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+    OVTEST_EXPECT_FAIL(RemoveDirectoryW(P(u"d")), ERROR_DIR_NOT_EMPTY);
+    OVTEST_EXPECT_FAIL(RemoveDirectoryW(P(u"d\\f")), kErrorDirectory);
+    OVTEST_EXPECT_FAIL(DeleteFileW(P(u"d")), ERROR_ACCESS_DENIED);
     ASSERT_TRUE(DeleteFileW(P(u"d\\f")));
     ASSERT_TRUE(RemoveDirectoryW(P(u"d")));
-    SetLastError(kPoison);
-    EXPECT_FALSE(RemoveDirectoryW(P(u"d")));
-    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
+    OVTEST_EXPECT_FAIL(RemoveDirectoryW(P(u"d")), ERROR_FILE_NOT_FOUND);
 }
 
 }  // namespace

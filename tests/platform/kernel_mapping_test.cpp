@@ -23,13 +23,14 @@ class KernelMapping : public ovtest::MachineTest {
     std::u16string Name(const std::string& base) { return U16(ovtest::UniqueName(base)); }
 };
 
-TEST_F(KernelMapping, CreateRefusesZeroSizeAndUnknownProtection) {
-    SetLastError(kPoison);
-    EXPECT_FALSE(CreateFileMappingW(nullptr, PAGE_READWRITE, 0, Name("zero")));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
-    SetLastError(kPoison);
-    EXPECT_FALSE(CreateFileMappingW(nullptr, 0x40 /* PAGE_EXECUTE_READWRITE */, 4096, Name("x")));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+TEST_F(KernelMapping, CreateRefusesZeroSizeAndUnknownProtectionOpenAnAbsentName) {
+    OVTEST_EXPECT_FAIL(CreateFileMappingW(nullptr, PAGE_READWRITE, 0, Name("zero")),
+                       ERROR_INVALID_PARAMETER);
+    OVTEST_EXPECT_FAIL(
+        CreateFileMappingW(nullptr, 0x40 /* PAGE_EXECUTE_READWRITE */, 4096, Name("x")),
+        ERROR_INVALID_PARAMETER);
+    OVTEST_EXPECT_FAIL(OpenFileMappingW(FILE_MAP_ALL_ACCESS, false, Name("absent")),
+                       ERROR_FILE_NOT_FOUND);
 }
 
 TEST_F(KernelMapping, SecondCreateOpensTheFirstAndKeepsItsSize) {
@@ -71,41 +72,27 @@ TEST_F(KernelMapping, ViewsOfTheWholeMappingHaveTheSizeItWasCreatedWith) {
     EXPECT_EQ(tail.size(), kAreaSize - 65536);
 }
 
-TEST_F(KernelMapping, OpenOfAnAbsentNameFailsWithFileNotFound) {
-    SetLastError(kPoison);
-    EXPECT_FALSE(OpenFileMappingW(FILE_MAP_ALL_ACCESS, false, Name("absent")));
-    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
-}
-
 TEST_F(KernelMapping, ReadOnlyHandleCannotBeMappedForWrite) {
     const auto name = Name("ro-handle");
     UniqueMapping owner = CreateFileMappingW(nullptr, PAGE_READWRITE, 4096, name);
     ASSERT_TRUE(owner);
     UniqueMapping reader = OpenFileMappingW(FILE_MAP_READ, false, name);
     ASSERT_TRUE(reader);
-    SetLastError(kPoison);
-    EXPECT_FALSE(MapViewOfFile(reader.get(), FILE_MAP_WRITE, 0, 0));
-    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
-    SetLastError(kPoison);
-    EXPECT_FALSE(MapViewOfFile(reader.get(), FILE_MAP_ALL_ACCESS, 0, 0));
-    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+    OVTEST_EXPECT_FAIL(MapViewOfFile(reader.get(), FILE_MAP_WRITE, 0, 0), ERROR_ACCESS_DENIED);
+    OVTEST_EXPECT_FAIL(MapViewOfFile(reader.get(), FILE_MAP_ALL_ACCESS, 0, 0), ERROR_ACCESS_DENIED);
     MappedView view = MapViewOfFile(reader.get(), FILE_MAP_READ, 0, 0);
     ASSERT_TRUE(view);
     EXPECT_EQ(view.size(), 4096u);
 
     UniqueMapping nothing = OpenFileMappingW(0, false, name);
     ASSERT_TRUE(nothing);
-    SetLastError(kPoison);
-    EXPECT_FALSE(MapViewOfFile(nothing.get(), FILE_MAP_READ, 0, 0));
-    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+    OVTEST_EXPECT_FAIL(MapViewOfFile(nothing.get(), FILE_MAP_READ, 0, 0), ERROR_ACCESS_DENIED);
 }
 
 TEST_F(KernelMapping, ReadOnlyMappingCannotBeMappedForWriteEvenWithAllAccess) {
     UniqueMapping m = CreateFileMappingW(nullptr, PAGE_READONLY, 4096, Name("ro-pages"));
     ASSERT_TRUE(m);
-    SetLastError(kPoison);
-    EXPECT_FALSE(MapViewOfFile(m.get(), FILE_MAP_WRITE, 0, 0));
-    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+    OVTEST_EXPECT_FAIL(MapViewOfFile(m.get(), FILE_MAP_WRITE, 0, 0), ERROR_ACCESS_DENIED);
     EXPECT_TRUE(MapViewOfFile(m.get(), FILE_MAP_READ, 0, 0));
 }
 
@@ -115,22 +102,15 @@ TEST_F(KernelMapping, ViewRangesAreCheckedAtTheExactBoundaries) {
     ASSERT_TRUE(m);
     EXPECT_TRUE(MapViewOfFile(m.get(), FILE_MAP_READ, 0, kSize - 1));
     EXPECT_TRUE(MapViewOfFile(m.get(), FILE_MAP_READ, 0, kSize));
-    SetLastError(kPoison);
-    EXPECT_FALSE(MapViewOfFile(m.get(), FILE_MAP_READ, 0, kSize + 1));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+    OVTEST_EXPECT_FAIL(MapViewOfFile(m.get(), FILE_MAP_READ, 0, kSize + 1),
+                       ERROR_INVALID_PARAMETER);
 
     MappedView tail = MapViewOfFile(m.get(), FILE_MAP_READ, 2 * 65536, 0);
     ASSERT_TRUE(tail);
     EXPECT_EQ(tail.size(), 65536u);
-    SetLastError(kPoison);
-    EXPECT_FALSE(MapViewOfFile(m.get(), FILE_MAP_READ, kSize, 0));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
-    SetLastError(kPoison);
-    EXPECT_FALSE(MapViewOfFile(m.get(), FILE_MAP_READ, 4096, 0));
-    EXPECT_EQ(GetLastError(), kErrorMappedAlignment);
-    SetLastError(kPoison);
-    EXPECT_FALSE(MapViewOfFile(m.get(), 0, 0, 0));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+    OVTEST_EXPECT_FAIL(MapViewOfFile(m.get(), FILE_MAP_READ, kSize, 0), ERROR_INVALID_PARAMETER);
+    OVTEST_EXPECT_FAIL(MapViewOfFile(m.get(), FILE_MAP_READ, 4096, 0), kErrorMappedAlignment);
+    OVTEST_EXPECT_FAIL(MapViewOfFile(m.get(), 0, 0, 0), ERROR_INVALID_PARAMETER);
 }
 
 TEST_F(KernelMapping, ViewKeepsTheMappingAliveAfterItsHandleCloses) {
@@ -150,9 +130,7 @@ TEST_F(KernelMapping, ViewKeepsTheMappingAliveAfterItsHandleCloses) {
     second.reset();
     view.reset();
 
-    SetLastError(kPoison);
-    EXPECT_FALSE(OpenFileMappingW(FILE_MAP_READ, false, name));
-    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
+    OVTEST_EXPECT_FAIL(OpenFileMappingW(FILE_MAP_READ, false, name), ERROR_FILE_NOT_FOUND);
 }
 
 TEST_F(KernelMapping, UnmapAcceptsOnlyMappedAddresses) {
@@ -161,14 +139,10 @@ TEST_F(KernelMapping, UnmapAcceptsOnlyMappedAddresses) {
     MappedView view = MapViewOfFile(m.get(), FILE_MAP_ALL_ACCESS, 0, 0);
     ASSERT_TRUE(view);
     int local = 0;
-    SetLastError(kPoison);
-    EXPECT_FALSE(UnmapViewOfFile(&local));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_ADDRESS);
+    OVTEST_EXPECT_FAIL(UnmapViewOfFile(&local), ERROR_INVALID_ADDRESS);
     void* base = view.data();
     ASSERT_TRUE(UnmapViewOfFile(static_cast<char*>(base) + 100));  // inside the view
-    SetLastError(kPoison);
-    EXPECT_FALSE(UnmapViewOfFile(base));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_ADDRESS);
+    OVTEST_EXPECT_FAIL(UnmapViewOfFile(base), ERROR_INVALID_ADDRESS);
     // The owner's own unmap of the already unmapped view fails quietly.
     SetLastError(kPoison);
     view.reset();
@@ -178,9 +152,7 @@ TEST_F(KernelMapping, UnmapAcceptsOnlyMappedAddresses) {
 TEST_F(KernelMapping, BadHandleFailsWithInvalidHandle) {
     UniqueEvent e = CreateEventW(nullptr, false, false, u"");
     for (HANDLE bad : {static_cast<HANDLE>(nullptr), INVALID_HANDLE_VALUE, e.get()}) {
-        SetLastError(kPoison);
-        EXPECT_FALSE(MapViewOfFile(bad, FILE_MAP_READ, 0, 0));
-        EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+        OVTEST_EXPECT_FAIL(MapViewOfFile(bad, FILE_MAP_READ, 0, 0), ERROR_INVALID_HANDLE);
     }
 }
 

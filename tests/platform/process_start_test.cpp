@@ -115,7 +115,8 @@ struct Captured {
 
 Captured RunCaptured(const std::u16string& commandLine,
                      const std::vector<std::u16string>* environment = nullptr,
-                     std::u16string_view directory = {}, HANDLE token = nullptr) {
+                     std::u16string_view directory = {}, HANDLE token = nullptr,
+                     std::u16string_view application = {}) {
     Captured result;
     UniquePipe readEnd;
     UniquePipe writeEnd;
@@ -128,10 +129,11 @@ Captured RunCaptured(const std::u16string& commandLine,
     si.hStdError = writeEnd.get();
     PROCESS_INFORMATION pi;
     const bool started =
-        token != nullptr ? CreateProcessAsUserW(token, {}, commandLine, nullptr, nullptr, true,
-                                                CREATE_NO_WINDOW, environment, directory, si, &pi)
-                         : CreateProcessW({}, commandLine, nullptr, nullptr, true, CREATE_NO_WINDOW,
-                                          environment, directory, si, &pi);
+        token != nullptr
+            ? CreateProcessAsUserW(token, application, commandLine, nullptr, nullptr, true,
+                                   CREATE_NO_WINDOW, environment, directory, si, &pi)
+            : CreateProcessW(application, commandLine, nullptr, nullptr, true, CREATE_NO_WINDOW,
+                             environment, directory, si, &pi);
     if (!started) {
         ADD_FAILURE() << "CreateProcessW failed: " << GetLastError();
         return result;
@@ -265,9 +267,7 @@ TEST_F(ProcessStart, ExitCodeIsStillActiveUntilTheProcessEnds) {
     ASSERT_TRUE(GetExitCodeProcess(pi.hProcess.get(), &code));
     EXPECT_EQ(code, 77u);
     // Ended processes cannot be terminated again.
-    SetLastError(kPoison);
-    EXPECT_FALSE(TerminateProcess(pi.hProcess.get(), 1));
-    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+    OVTEST_EXPECT_FAIL(TerminateProcess(pi.hProcess.get(), 1), ERROR_ACCESS_DENIED);
 }
 
 TEST_F(ProcessStart, ExitCodesComeThroughWithAndWithoutTimeout) {
@@ -299,6 +299,9 @@ TEST_F(ProcessStart, ManyKilobytesOfOutputAreDrainedWithoutBlocking) {
 TEST_F(ProcessStart, ArgumentsReachTheChildAsSplit) {
     Captured c = RunCaptured(SelfCommand("show_args", "one \"two words\" th\\\"ree"));
     EXPECT_EQ(c.text, "[one][two words][th\"ree]\n");
+    // A program named apart from the command line replaces its first word.
+    c = RunCaptured(u"whatever --child=show_args x", nullptr, {}, nullptr, U16(SelfPath()));
+    EXPECT_EQ(c.text, "[x]\n");
 }
 
 TEST_F(ProcessStart, EnvironmentIsTheCallersUnlessGiven) {
@@ -342,50 +345,24 @@ TEST_F(ProcessStart, StandardHandlesNeedInheritance) {
 TEST_F(ProcessStart, FailuresHaveWindowsErrors) {
     STARTUPINFOW si;
     PROCESS_INFORMATION pi;
-    SetLastError(kPoison);
-    EXPECT_FALSE(CreateProcessW({}, u"no-such-program-anywhere -x", nullptr, nullptr, false, 0,
-                                nullptr, {}, si, &pi));
-    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
+    OVTEST_EXPECT_FAIL(CreateProcessW({}, u"no-such-program-anywhere -x", nullptr, nullptr, false,
+                                      0, nullptr, {}, si, &pi),
+                       ERROR_FILE_NOT_FOUND);
     EXPECT_FALSE(pi.hProcess);
-    SetLastError(kPoison);
-    EXPECT_FALSE(CreateProcessW({}, u"   ", nullptr, nullptr, false, 0, nullptr, {}, si, &pi));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
-    SetLastError(kPoison);
-    EXPECT_FALSE(CreateProcessW({}, {}, nullptr, nullptr, false, 0, nullptr, {}, si, &pi));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+    OVTEST_EXPECT_FAIL(CreateProcessW({}, u"   ", nullptr, nullptr, false, 0, nullptr, {}, si, &pi),
+                       ERROR_INVALID_PARAMETER);
+    OVTEST_EXPECT_FAIL(CreateProcessW({}, {}, nullptr, nullptr, false, 0, nullptr, {}, si, &pi),
+                       ERROR_INVALID_PARAMETER);
 
     si.dwFlags = STARTF_USESTDHANDLES;
     si.hStdOutput = reinterpret_cast<HANDLE>(std::uintptr_t{0x7ff0});
-    SetLastError(kPoison);
-    EXPECT_FALSE(CreateProcessW({}, SelfCommand("exit_with", "0"), nullptr, nullptr, true, 0,
-                                nullptr, {}, si, &pi));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+    OVTEST_EXPECT_FAIL(CreateProcessW({}, SelfCommand("exit_with", "0"), nullptr, nullptr, true, 0,
+                                      nullptr, {}, si, &pi),
+                       ERROR_INVALID_HANDLE);
 
     DWORD code = 0;
-    SetLastError(kPoison);
-    EXPECT_FALSE(GetExitCodeProcess(reinterpret_cast<HANDLE>(std::uintptr_t{0x7ff0}), &code));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
-}
-
-TEST_F(ProcessStart, ApplicationNameOverridesTheFirstWord) {
-    Captured c;
-    UniquePipe readEnd;
-    UniquePipe writeEnd;
-    ASSERT_TRUE(CreatePipe(&readEnd, &writeEnd, nullptr, 0));
-    STARTUPINFOW si;
-    si.dwFlags = STARTF_USESTDHANDLES;
-    si.hStdOutput = writeEnd.get();
-    PROCESS_INFORMATION pi;
-    ASSERT_TRUE(CreateProcessW(U16(SelfPath()), u"whatever --child=show_args x", nullptr, nullptr,
-                               true, 0, nullptr, {}, si, &pi));
-    writeEnd.reset();
-    char buffer[256];
-    DWORD n = 0;
-    while (ReadFile(readEnd.get(), buffer, sizeof buffer, &n) && n > 0) {
-        c.text.append(buffer, n);
-    }
-    EXPECT_EQ(c.text, "[x]\n");
-    EXPECT_EQ(WaitForSingleObject(pi.hProcess.get(), 20000), WAIT_OBJECT_0);
+    OVTEST_EXPECT_FAIL(GetExitCodeProcess(reinterpret_cast<HANDLE>(std::uintptr_t{0x7ff0}), &code),
+                       ERROR_INVALID_HANDLE);
 }
 
 // Reports the account and session the child runs as.
@@ -400,7 +377,9 @@ OVTEST_CHILD(whoami) {
 }
 
 TEST_F(ProcessStart, AChildRunsAsItsAccountInItsSession) {
-    OVTEST_EMBEDDED_ONLY("the session table and the account a process names in its environment");
+    OVTEST_EMBEDDED_ONLY(
+        "the session table, accounts of the emulated machine and the account a process names in "
+        "its environment");
     terminal::Session s;
     s.id = 3;
     s.domainName = u"CORP";
@@ -418,20 +397,11 @@ TEST_F(ProcessStart, AChildRunsAsItsAccountInItsSession) {
     EXPECT_EQ(RunCaptured(SelfCommand("whoami"), &named).text, "bob in 3\n");
     const auto console = env({u"OVSVC_SESSION_ID=0"});
     EXPECT_EQ(RunCaptured(SelfCommand("whoami"), &console).text, "SYSTEM in 0\n");
-}
-
-TEST_F(ProcessStart, AProcessStartedWithATokenRunsAsItsUserInItsSession) {
-    OVTEST_EMBEDDED_ONLY("tokens made for accounts of the emulated machine");
-    ASSERT_TRUE(admin::AddAccount(u"OVDOMAIN\\alice", SidTypeUser, {}, nullptr)) << GetLastError();
-    terminal::Session s;
-    s.id = 5;
-    s.domainName = u"OVDOMAIN";
-    s.userName = u"alice";
-    ASSERT_EQ(terminal::Logon(s), ERROR_SUCCESS);
+    // Started with a token: the caller runs in session 0 as the system; the child does not.
+    ASSERT_TRUE(admin::AddAccount(u"CORP\\alice", SidTypeUser, {}, nullptr)) << GetLastError();
     UniqueToken token;
-    ASSERT_TRUE(admin::CreateTokenForAccount(u"OVDOMAIN\\alice", 5, &token)) << GetLastError();
-    // The caller runs in session 0 as the system; the child does not.
-    EXPECT_EQ(RunCaptured(SelfCommand("whoami"), nullptr, {}, token.get()).text, "alice in 5\n");
+    ASSERT_TRUE(admin::CreateTokenForAccount(u"CORP\\alice", 3, &token)) << GetLastError();
+    EXPECT_EQ(RunCaptured(SelfCommand("whoami"), nullptr, {}, token.get()).text, "alice in 3\n");
 }
 
 TEST_F(ProcessStart, AProcessStartedWithTheCallersTokenRunsAsTheCaller) {
@@ -453,10 +423,9 @@ TEST_F(ProcessStart, OnlyTokensNameAUserToStartAs) {
     UniquePipe w;
     ASSERT_TRUE(CreatePipe(&r, &w, nullptr, 0));
     for (HANDLE notToken : {static_cast<HANDLE>(nullptr), r.get()}) {
-        SetLastError(kPoison);
-        EXPECT_FALSE(CreateProcessAsUserW(notToken, {}, SelfCommand("whoami"), nullptr, nullptr,
-                                          false, 0, nullptr, {}, si, &pi));
-        EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+        OVTEST_EXPECT_FAIL(CreateProcessAsUserW(notToken, {}, SelfCommand("whoami"), nullptr,
+                                                nullptr, false, 0, nullptr, {}, si, &pi),
+                           ERROR_INVALID_HANDLE);
     }
 }
 
@@ -485,9 +454,7 @@ TEST_F(Pipes, CarryBytesAndReportTheWritersEnd) {
     available = kPoison;
     EXPECT_FALSE(PeekNamedPipe(r.get(), &available));
     EXPECT_EQ(GetLastError(), ERROR_BROKEN_PIPE);
-    SetLastError(kPoison);
-    EXPECT_FALSE(ReadFile(r.get(), buffer, sizeof buffer, &n));
-    EXPECT_EQ(GetLastError(), ERROR_BROKEN_PIPE);
+    OVTEST_EXPECT_FAIL(ReadFile(r.get(), buffer, sizeof buffer, &n), ERROR_BROKEN_PIPE);
     EXPECT_EQ(n, 0u);
 }
 
@@ -497,9 +464,7 @@ TEST_F(Pipes, WritingWithoutReaderFailsInsteadOfKilling) {
     ASSERT_TRUE(CreatePipe(&r, &w, nullptr, 0));
     r.reset();
     DWORD n = kPoison;
-    SetLastError(kPoison);
-    EXPECT_FALSE(WriteFile(w.get(), "x", 1, &n));
-    EXPECT_EQ(GetLastError(), 232u);  // ERROR_NO_DATA
+    OVTEST_EXPECT_FAIL(WriteFile(w.get(), "x", 1, &n), 232u);  // ERROR_NO_DATA
     EXPECT_EQ(n, 0u);
 }
 
@@ -509,15 +474,9 @@ TEST_F(Pipes, EndsOnlyWorkOneWay) {
     ASSERT_TRUE(CreatePipe(&r, &w, nullptr, 0));
     DWORD n = 0;
     char c = 0;
-    SetLastError(kPoison);
-    EXPECT_FALSE(WriteFile(r.get(), "x", 1, &n));
-    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
-    SetLastError(kPoison);
-    EXPECT_FALSE(ReadFile(w.get(), &c, 1, &n));
-    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
-    SetLastError(kPoison);
-    EXPECT_FALSE(PeekNamedPipe(w.get(), &n));
-    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+    OVTEST_EXPECT_FAIL(WriteFile(r.get(), "x", 1, &n), ERROR_ACCESS_DENIED);
+    OVTEST_EXPECT_FAIL(ReadFile(w.get(), &c, 1, &n), ERROR_ACCESS_DENIED);
+    OVTEST_EXPECT_FAIL(PeekNamedPipe(w.get(), &n), ERROR_ACCESS_DENIED);
 }
 
 }  // namespace

@@ -27,11 +27,9 @@ std::vector<std::u16string> SubKeysOf(HKEY key) {
 TEST_F(RegistryTest, CreateReportsNewThenExisting) {
     UniqueKey key;
     DWORD disposition = kPoison;
-    SetLastError(kPoison);
-    ASSERT_EQ(
+    OVTEST_ASSERT_STATUS(
         RegCreateKeyExW(base_.get(), u"Orvelle\\Ovaspool", 0, KEY_ALL_ACCESS, &key, &disposition),
         ERROR_SUCCESS);
-    EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
     EXPECT_TRUE(key);
     EXPECT_EQ(disposition, REG_CREATED_NEW_KEY);
 
@@ -48,21 +46,18 @@ TEST_F(RegistryTest, CreateReportsNewThenExisting) {
 TEST_F(RegistryTest, KeysAreCaseInsensitiveAndKeepTheirCase) {
     Create(u"Orvelle\\Ovaspool");
     UniqueKey key;
-    SetLastError(kPoison);
-    ASSERT_EQ(
+    OVTEST_ASSERT_STATUS(
         RegOpenKeyExW(HKEY_LOCAL_MACHINE, regtest::AsciiUpper(base()) + u"\\ORVELLE\\OVASPOOL", 0,
                       KEY_READ, &key),
         ERROR_SUCCESS);
-    EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
     EXPECT_EQ(SubKeysOf(base_.get()), std::vector<std::u16string>{u"Orvelle"});
 }
 
 TEST_F(RegistryTest, OpeningAMissingKeyFailsAndEmptiesTheResult) {
     UniqueKey key = Create(u"Present");
     ASSERT_TRUE(key);
-    SetLastError(kPoison);
-    EXPECT_EQ(RegOpenKeyExW(base_.get(), u"Absent", 0, KEY_READ, &key), ERROR_FILE_NOT_FOUND);
-    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
+    OVTEST_EXPECT_STATUS(RegOpenKeyExW(base_.get(), u"Absent", 0, KEY_READ, &key),
+                         ERROR_FILE_NOT_FOUND);
     EXPECT_FALSE(key);
     EXPECT_EQ(RegOpenKeyExW(base_.get(), u"Present\\Absent", 0, KEY_READ, &key),
               ERROR_FILE_NOT_FOUND);
@@ -80,10 +75,9 @@ TEST_F(RegistryTest, EmptySubKeyOpensTheSameKey) {
 
 TEST_F(RegistryTest, PathSeparatorRules) {
     UniqueKey key;
-    SetLastError(kPoison);
-    EXPECT_EQ(RegCreateKeyExW(base_.get(), u"\\Leading", 0, KEY_ALL_ACCESS, &key, nullptr),
-              ERROR_BAD_PATHNAME);
-    EXPECT_EQ(GetLastError(), ERROR_BAD_PATHNAME);
+    OVTEST_EXPECT_STATUS(
+        RegCreateKeyExW(base_.get(), u"\\Leading", 0, KEY_ALL_ACCESS, &key, nullptr),
+        ERROR_BAD_PATHNAME);
     EXPECT_EQ(RegOpenKeyExW(base_.get(), u"\\Leading", 0, KEY_READ, &key), ERROR_BAD_PATHNAME);
 
     ASSERT_EQ(RegCreateKeyExW(base_.get(), u"Trailing\\\\", 0, KEY_ALL_ACCESS, &key, nullptr),
@@ -102,10 +96,8 @@ TEST_F(RegistryTest, KeyNameLengthLimitIsEnforcedNeverCut) {
     ASSERT_EQ(RegCreateKeyExW(base_.get(), longest, 0, KEY_ALL_ACCESS, &key, nullptr),
               ERROR_SUCCESS);
 
-    SetLastError(kPoison);
-    EXPECT_EQ(RegCreateKeyExW(base_.get(), tooLong, 0, KEY_ALL_ACCESS, &key, nullptr),
-              ERROR_INVALID_PARAMETER);
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+    OVTEST_EXPECT_STATUS(RegCreateKeyExW(base_.get(), tooLong, 0, KEY_ALL_ACCESS, &key, nullptr),
+                         ERROR_INVALID_PARAMETER);
     EXPECT_FALSE(key);
     EXPECT_EQ(RegCreateKeyExW(base_.get(), u"Fine\\" + tooLong, 0, KEY_ALL_ACCESS, &key, nullptr),
               ERROR_INVALID_PARAMETER);
@@ -120,11 +112,9 @@ TEST_F(RegistryTest, ReadAccessCannotWrite) {
     ASSERT_EQ(RegOpenKeyExW(HKEY_LOCAL_MACHINE, base(), 0, KEY_READ, &reader), ERROR_SUCCESS);
 
     DWORD value = 1;
-    SetLastError(kPoison);
-    EXPECT_EQ(
+    OVTEST_EXPECT_STATUS(
         RegSetValueExW(reader.get(), u"PrinterPropertyFlags", REG_DWORD, &value, sizeof value),
         ERROR_ACCESS_DENIED);
-    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
     EXPECT_EQ(RegDeleteValueW(reader.get(), u"PrinterPropertyFlags"), ERROR_ACCESS_DENIED);
     EXPECT_EQ(RegDeleteTreeW(reader.get(), u""), ERROR_ACCESS_DENIED);
 
@@ -169,11 +159,10 @@ TEST_F(RegistryTest, CreateIgnoresTheParentHandlesRights) {
     EXPECT_EQ(RegSetValueExW(child.get(), u"V", REG_BINARY, "x", 1), ERROR_SUCCESS);
 }
 
-TEST_F(RegistryTest, BadHandlesAreInvalidHandle) {
+TEST_F(RegistryTest, BadHandlesPredefinedKeysAndMissingPointers) {
     UniqueKey key;
-    SetLastError(kPoison);
-    EXPECT_EQ(RegOpenKeyExW(nullptr, u"Software", 0, KEY_READ, &key), ERROR_INVALID_HANDLE);
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+    OVTEST_EXPECT_STATUS(RegOpenKeyExW(nullptr, u"Software", 0, KEY_READ, &key),
+                         ERROR_INVALID_HANDLE);
     const HKEY bogus = reinterpret_cast<HKEY>(std::uintptr_t{0x1234});
     EXPECT_EQ(RegQueryValueExW(bogus, u"x", nullptr, nullptr, nullptr), ERROR_INVALID_HANDLE);
     EXPECT_EQ(RegCloseKey(bogus), ERROR_INVALID_HANDLE);
@@ -184,26 +173,17 @@ TEST_F(RegistryTest, BadHandlesAreInvalidHandle) {
     EXPECT_EQ(RegCloseKey(raw), ERROR_SUCCESS);
     EXPECT_EQ(RegCloseKey(raw), ERROR_INVALID_HANDLE) << "closing twice";
     EXPECT_EQ(RegSetValueExW(raw, u"x", REG_BINARY, "x", 1), ERROR_INVALID_HANDLE);
-}
 
-TEST_F(RegistryTest, MissingResultPointers) {
-    EXPECT_EQ(RegOpenKeyExW(base_.get(), u"A", 0, KEY_READ, nullptr), ERROR_INVALID_PARAMETER);
-    EXPECT_EQ(RegCreateKeyExW(base_.get(), u"A", 0, KEY_READ, nullptr, nullptr), ERROR_BADKEY);
-}
-
-TEST_F(RegistryTest, PredefinedKeysNeedNoClosing) {
+    // Predefined keys need no closing; an owner's reset keeps the last error.
     EXPECT_EQ(RegCloseKey(HKEY_LOCAL_MACHINE), ERROR_SUCCESS);
     EXPECT_EQ(RegCloseKey(HKEY_CLASSES_ROOT), ERROR_SUCCESS);
-    UniqueKey key;
     EXPECT_EQ(RegOpenKeyExW(HKEY_LOCAL_MACHINE, base(), 0, KEY_READ, &key), ERROR_SUCCESS);
-}
-
-TEST_F(RegistryTest, ResetKeepsTheThreadsLastError) {
-    UniqueKey key = Create(u"Child");
     SetLastError(1234);
     key.reset();
     EXPECT_EQ(GetLastError(), 1234u);
-    EXPECT_FALSE(key);
+    // Missing result pointers.
+    EXPECT_EQ(RegOpenKeyExW(base_.get(), u"A", 0, KEY_READ, nullptr), ERROR_INVALID_PARAMETER);
+    EXPECT_EQ(RegCreateKeyExW(base_.get(), u"A", 0, KEY_READ, nullptr, nullptr), ERROR_BADKEY);
 }
 
 TEST_F(RegistryTest, ClassesRootIsTheClassesKeyOfTheMachine) {
@@ -224,19 +204,13 @@ TEST_F(RegistryTest, ClassesRootIsTheClassesKeyOfTheMachine) {
 
 TEST_F(RegistryTest, DeleteKeyWithSubkeysIsAccessDenied) {
     Create(u"Parent\\Child");
-    SetLastError(kPoison);
-    EXPECT_EQ(RegDeleteKeyW(base_.get(), u"Parent"), ERROR_ACCESS_DENIED);
-    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+    OVTEST_EXPECT_STATUS(RegDeleteKeyW(base_.get(), u"Parent"), ERROR_ACCESS_DENIED);
     EXPECT_EQ(RegDeleteKeyW(base_.get(), u"Parent\\Child"), ERROR_SUCCESS);
     EXPECT_EQ(RegDeleteKeyW(base_.get(), u"PARENT"), ERROR_SUCCESS);
     UniqueKey key;
     EXPECT_EQ(RegOpenKeyExW(base_.get(), u"Parent", 0, KEY_READ, &key), ERROR_FILE_NOT_FOUND);
-    SetLastError(kPoison);
-    EXPECT_EQ(RegDeleteKeyW(base_.get(), u"Parent"), ERROR_FILE_NOT_FOUND);
-    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
-}
-
-TEST_F(RegistryTest, DeleteKeyWithEmptyNameDeletesTheKeyItself) {
+    OVTEST_EXPECT_STATUS(RegDeleteKeyW(base_.get(), u"Parent"), ERROR_FILE_NOT_FOUND);
+    // An empty name deletes the key itself.
     UniqueKey child = Create(u"Child");
     EXPECT_EQ(RegDeleteKeyW(child.get(), u""), ERROR_SUCCESS);
     EXPECT_TRUE(SubKeysOf(base_.get()).empty());
@@ -256,16 +230,11 @@ TEST_F(RegistryTest, DeleteTreeRemovesTheWholeSubtree) {
     ASSERT_EQ(RegSetValueExW(deep.get(), u"V", REG_BINARY, "x", 1), ERROR_SUCCESS);
     Create(u"Tree\\D");
     Create(u"Keep");
-    SetLastError(kPoison);
-    EXPECT_EQ(RegDeleteTreeW(base_.get(), u"tree"), ERROR_SUCCESS);
-    EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
+    OVTEST_EXPECT_STATUS(RegDeleteTreeW(base_.get(), u"tree"), ERROR_SUCCESS);
     EXPECT_EQ(SubKeysOf(base_.get()), std::vector<std::u16string>{u"Keep"});
     EXPECT_EQ(RegQueryValueExW(deep.get(), u"V", nullptr, nullptr, nullptr), ERROR_KEY_DELETED);
     EXPECT_EQ(RegDeleteTreeW(base_.get(), u"Tree"), ERROR_FILE_NOT_FOUND);
-}
-
-TEST_F(RegistryTest, DeleteTreeWithEmptyNameEmptiesTheKey) {
-    Create(u"A\\B");
+    // An empty name empties the key, which stays usable.
     ASSERT_EQ(SetDword(u"V", 1), ERROR_SUCCESS);
     EXPECT_EQ(RegDeleteTreeW(base_.get(), u""), ERROR_SUCCESS);
     EXPECT_TRUE(SubKeysOf(base_.get()).empty());
@@ -280,9 +249,8 @@ TEST_F(RegistryTest, AKeyDeletedWhileOpenReportsKeyDeleted) {
     ASSERT_EQ(RegSetValueExW(doomed.get(), u"V", REG_BINARY, "x", 1), ERROR_SUCCESS);
     ASSERT_EQ(RegDeleteKeyW(base_.get(), u"Doomed"), ERROR_SUCCESS);
 
-    SetLastError(kPoison);
-    EXPECT_EQ(RegQueryValueExW(doomed.get(), u"V", nullptr, nullptr, nullptr), ERROR_KEY_DELETED);
-    EXPECT_EQ(GetLastError(), ERROR_KEY_DELETED);
+    OVTEST_EXPECT_STATUS(RegQueryValueExW(doomed.get(), u"V", nullptr, nullptr, nullptr),
+                         ERROR_KEY_DELETED);
     EXPECT_EQ(RegSetValueExW(doomed.get(), u"V", REG_BINARY, "y", 1), ERROR_KEY_DELETED);
     EXPECT_EQ(RegDeleteValueW(doomed.get(), u"V"), ERROR_KEY_DELETED);
     char16_t name[8];
@@ -293,6 +261,9 @@ TEST_F(RegistryTest, AKeyDeletedWhileOpenReportsKeyDeleted) {
     UniqueKey child;
     EXPECT_EQ(RegCreateKeyExW(doomed.get(), u"Child", 0, KEY_READ, &child, nullptr),
               ERROR_KEY_DELETED);
+    OVTEST_EXPECT_STATUS(RegOpenKeyExW(doomed.get(), u"Child", 0, KEY_READ, &child),
+                         ERROR_KEY_DELETED);
+    EXPECT_EQ(RegOpenKeyExW(doomed.get(), u"", 0, KEY_READ, &child), ERROR_KEY_DELETED);
 
     // A new key of the same name is another key.
     UniqueKey reborn = Create(u"Doomed");
@@ -328,16 +299,12 @@ TEST_F(RegistryTest, EnumKeyIsSortedWithoutCaseAndEndsExactly) {
     const std::u16string expected[] = {u"Alpha", u"beta", u"GAMMA"};
     for (DWORD i = 0; i < 3; ++i) {
         DWORD length = 16;
-        SetLastError(kPoison);
-        ASSERT_EQ(RegEnumKeyExW(base_.get(), i, name, &length), ERROR_SUCCESS);
-        EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
+        OVTEST_ASSERT_STATUS(RegEnumKeyExW(base_.get(), i, name, &length), ERROR_SUCCESS);
         EXPECT_EQ(std::u16string(name), expected[i]);
         EXPECT_EQ(length, expected[i].size());
     }
     DWORD length = 16;
-    SetLastError(kPoison);
-    EXPECT_EQ(RegEnumKeyExW(base_.get(), 3, name, &length), ERROR_NO_MORE_ITEMS);
-    EXPECT_EQ(GetLastError(), ERROR_NO_MORE_ITEMS);
+    OVTEST_EXPECT_STATUS(RegEnumKeyExW(base_.get(), 3, name, &length), ERROR_NO_MORE_ITEMS);
 }
 
 TEST_F(RegistryTest, EnumKeyNameBufferProbes) {
@@ -370,16 +337,6 @@ TEST_F(RegistryTest, HandlesOfAnotherMachineRootAreInvalid) {
     std::filesystem::remove_all(other, ec);
 }
 
-TEST_F(RegistryTest, OpeningBelowADeletedKeyReportsKeyDeleted) {
-    UniqueKey doomed = Create(u"Doomed");
-    ASSERT_EQ(RegDeleteKeyW(base_.get(), u"Doomed"), ERROR_SUCCESS);
-    UniqueKey child;
-    SetLastError(kPoison);
-    EXPECT_EQ(RegOpenKeyExW(doomed.get(), u"Child", 0, KEY_READ, &child), ERROR_KEY_DELETED);
-    EXPECT_EQ(GetLastError(), ERROR_KEY_DELETED);
-    EXPECT_EQ(RegOpenKeyExW(doomed.get(), u"", 0, KEY_READ, &child), ERROR_KEY_DELETED);
-}
-
 using RegistryStorageTest = ovtest::MachineTest;
 
 TEST_F(RegistryStorageTest, ADamagedStoreIsReportedAndLeftAsItWas) {
@@ -391,9 +348,8 @@ TEST_F(RegistryStorageTest, ADamagedStoreIsReportedAndLeftAsItWas) {
         out << garbage;
     }
     UniqueKey key;
-    SetLastError(kPoison);
-    EXPECT_EQ(RegOpenKeyExW(HKEY_LOCAL_MACHINE, u"Software", 0, KEY_READ, &key), ERROR_BADDB);
-    EXPECT_EQ(GetLastError(), ERROR_BADDB);
+    OVTEST_EXPECT_STATUS(RegOpenKeyExW(HKEY_LOCAL_MACHINE, u"Software", 0, KEY_READ, &key),
+                         ERROR_BADDB);
     EXPECT_EQ(RegCreateKeyExW(HKEY_LOCAL_MACHINE, u"Software\\X", 0, KEY_ALL_ACCESS, &key, nullptr),
               ERROR_BADDB);
     std::ifstream in(path, std::ios::binary);

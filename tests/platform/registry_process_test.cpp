@@ -50,39 +50,6 @@ OVTEST_CHILD(reg_writer) {
     return 0;
 }
 
-TEST_F(RegistryTest, ConcurrentWritersLoseNothing) {
-    constexpr int kWriters = 4;
-    constexpr int kCount = 150;
-    const std::u16string shared = base() + u"\\Shared";
-    std::vector<ovtest::Process> writers;
-    for (int w = 0; w < kWriters; ++w) {
-        writers.push_back(ovtest::Process::StartChild(
-            "reg_writer", {ovtest::U8(shared), std::to_string(w), std::to_string(kCount)}));
-    }
-    for (auto& writer : writers) {
-        EXPECT_EQ(writer.Wait(std::chrono::seconds(120)), 0) << writer.output();
-    }
-    UniqueKey key;
-    ASSERT_EQ(RegOpenKeyExW(HKEY_LOCAL_MACHINE, shared, 0, KEY_READ, &key), ERROR_SUCCESS);
-    for (int w = 0; w < kWriters; ++w) {
-        for (int i = 0; i < kCount; ++i) {
-            const std::u16string name =
-                ovtest::U16("w" + std::to_string(w) + "-" + std::to_string(i));
-            DWORD value = 0xFFFFFFFF;
-            DWORD size = sizeof value;
-            ASSERT_EQ(RegQueryValueExW(key.get(), name, nullptr, &value, &size), ERROR_SUCCESS)
-                << ovtest::U8(name);
-            EXPECT_EQ(value, static_cast<DWORD>(i));
-        }
-    }
-    std::vector<RegistryValue> values;
-    ASSERT_EQ(RegEnumValues(key.get(), &values), ERROR_SUCCESS);
-    EXPECT_EQ(values.size(), static_cast<std::size_t>(kWriters * kCount + 1));
-    std::vector<std::u16string> subKeys;
-    ASSERT_EQ(RegEnumSubKeys(key.get(), &subKeys), ERROR_SUCCESS);
-    EXPECT_EQ(subKeys.size(), 5u) << "racing creators made each key once";
-}
-
 // Reads a value of key `path` over and over; each read must be one whole
 // written pattern.
 OVTEST_CHILD(reg_reader) {
@@ -260,20 +227,35 @@ class RegistryFreshMachineTest : public ovtest::MachineTest {
 };
 
 // No store exists yet (on the embedded platform): every process races to
-// make it, and none may fail.
-TEST_F(RegistryFreshMachineTest, ProcessesStartingTogetherAllGetTheStore) {
-    constexpr int kWriters = 5;
+// make it, and none may fail; then the writers race on one key.
+TEST_F(RegistryFreshMachineTest, ConcurrentWritersFromAFreshStartLoseNothing) {
+    constexpr int kWriters = 4;
+    constexpr int kCount = 150;
     std::vector<ovtest::Process> writers;
     for (int w = 0; w < kWriters; ++w) {
         writers.push_back(ovtest::Process::StartChild(
-            "reg_writer", {ovtest::U8(shared_), std::to_string(w), "20"}));
+            "reg_writer", {ovtest::U8(shared_), std::to_string(w), std::to_string(kCount)}));
     }
     for (auto& writer : writers) {
         EXPECT_EQ(writer.Wait(std::chrono::seconds(120)), 0) << writer.output();
     }
     UniqueKey key;
     ASSERT_EQ(RegOpenKeyExW(HKEY_LOCAL_MACHINE, shared_, 0, KEY_READ, &key), ERROR_SUCCESS);
+    for (int w = 0; w < kWriters; ++w) {
+        for (int i = 0; i < kCount; ++i) {
+            const std::u16string name =
+                ovtest::U16("w" + std::to_string(w) + "-" + std::to_string(i));
+            DWORD value = 0xFFFFFFFF;
+            DWORD size = sizeof value;
+            ASSERT_EQ(RegQueryValueExW(key.get(), name, nullptr, &value, &size), ERROR_SUCCESS)
+                << ovtest::U8(name);
+            EXPECT_EQ(value, static_cast<DWORD>(i));
+        }
+    }
     std::vector<RegistryValue> values;
     ASSERT_EQ(RegEnumValues(key.get(), &values), ERROR_SUCCESS);
-    EXPECT_EQ(values.size(), static_cast<std::size_t>(kWriters * 20 + 1));
+    EXPECT_EQ(values.size(), static_cast<std::size_t>(kWriters * kCount + 1));
+    std::vector<std::u16string> subKeys;
+    ASSERT_EQ(RegEnumSubKeys(key.get(), &subKeys), ERROR_SUCCESS);
+    EXPECT_EQ(subKeys.size(), 5u) << "racing creators made each key once";
 }

@@ -59,9 +59,8 @@ TEST_F(RegistryTest, EveryTypeRoundTripsByteForByte) {
 
         DWORD type = kPoison;
         DWORD size = kPoison;
-        SetLastError(kPoison);
-        ASSERT_EQ(RegQueryValueExW(base_.get(), name, &type, nullptr, &size), ERROR_SUCCESS);
-        EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
+        OVTEST_ASSERT_STATUS(RegQueryValueExW(base_.get(), name, &type, nullptr, &size),
+                             ERROR_SUCCESS);
         EXPECT_EQ(type, v.type);
         ASSERT_EQ(size, v.data.size());
 
@@ -87,18 +86,16 @@ TEST_F(RegistryTest, QueryProbesSizeMinusOneSizeAndSizePlusOne) {
     std::vector<std::byte> buffer(n + 1, std::byte{0x77});
     DWORD size = n - 1;
     DWORD type = kPoison;
-    SetLastError(kPoison);
-    EXPECT_EQ(RegQueryValueExW(base_.get(), u"ListenToWTSDeleteCmd", &type, buffer.data(), &size),
-              ERROR_MORE_DATA);
-    EXPECT_EQ(GetLastError(), ERROR_MORE_DATA);
+    OVTEST_EXPECT_STATUS(
+        RegQueryValueExW(base_.get(), u"ListenToWTSDeleteCmd", &type, buffer.data(), &size),
+        ERROR_MORE_DATA);
     EXPECT_EQ(size, n) << "a short buffer reports the size needed";
     EXPECT_EQ(type, REG_SZ);
 
     size = n;
-    SetLastError(kPoison);
-    EXPECT_EQ(RegQueryValueExW(base_.get(), u"ListenToWTSDeleteCmd", &type, buffer.data(), &size),
-              ERROR_SUCCESS);
-    EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
+    OVTEST_EXPECT_STATUS(
+        RegQueryValueExW(base_.get(), u"ListenToWTSDeleteCmd", &type, buffer.data(), &size),
+        ERROR_SUCCESS);
     EXPECT_EQ(size, n);
     EXPECT_TRUE(std::equal(value.begin(), value.end(), buffer.begin()));
 
@@ -110,31 +107,21 @@ TEST_F(RegistryTest, QueryProbesSizeMinusOneSizeAndSizePlusOne) {
     EXPECT_EQ(buffer[n], std::byte{0x77}) << "nothing written past the value";
 }
 
-TEST_F(RegistryTest, QueryWithoutTypeOrSizeStillReportsPresence) {
+TEST_F(RegistryTest, QueryOfPresentAndMissingValuesWithAndWithoutOutputs) {
     ASSERT_EQ(SetDword(u"DebugLevel", 0xff), ERROR_SUCCESS);
     EXPECT_EQ(RegQueryValueExW(base_.get(), u"DebugLevel", nullptr, nullptr, nullptr),
               ERROR_SUCCESS);
     EXPECT_EQ(RegQueryValueExW(base_.get(), u"DebugFile", nullptr, nullptr, nullptr),
               ERROR_FILE_NOT_FOUND);
-}
-
-TEST_F(RegistryTest, QueryRejectsADataBufferWithoutASize) {
-    ASSERT_EQ(SetDword(u"TimeOutClient", 120000), ERROR_SUCCESS);
     DWORD value = 0;
-    SetLastError(kPoison);
-    EXPECT_EQ(RegQueryValueExW(base_.get(), u"TimeOutClient", nullptr, &value, nullptr),
-              ERROR_INVALID_PARAMETER);
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
-}
-
-TEST_F(RegistryTest, MissingValueIsFileNotFoundAndLeavesOutputsAlone) {
+    OVTEST_EXPECT_STATUS(RegQueryValueExW(base_.get(), u"DebugLevel", nullptr, &value, nullptr),
+                         ERROR_INVALID_PARAMETER)
+        << "a data buffer without a size";
     DWORD type = kPoison;
     DWORD size = kPoison;
-    SetLastError(kPoison);
-    EXPECT_EQ(RegQueryValueExW(base_.get(), u"TimeOutService", &type, nullptr, &size),
-              ERROR_FILE_NOT_FOUND);
-    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
-    EXPECT_EQ(type, kPoison);
+    OVTEST_EXPECT_STATUS(RegQueryValueExW(base_.get(), u"TimeOutService", &type, nullptr, &size),
+                         ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(type, kPoison) << "a missing value leaves the outputs alone";
     EXPECT_EQ(size, kPoison);
 }
 
@@ -166,7 +153,7 @@ TEST_F(RegistryTest, NonAsciiNamesCompareWithoutCase) {
     EXPECT_EQ(value, 2u);
 }
 
-TEST_F(RegistryTest, DefaultValueHasTheEmptyName) {
+TEST_F(RegistryTest, DefaultValueHasTheEmptyNameAndNamesEndAtANul) {
     const auto data = Utf16Bytes(std::u16string_view(u"default\0", 8));
     ASSERT_EQ(Set(u"", REG_SZ, data), ERROR_SUCCESS);
     RegistryValue value;
@@ -176,14 +163,10 @@ TEST_F(RegistryTest, DefaultValueHasTheEmptyName) {
     ASSERT_EQ(RegEnumValues(base_.get(), &values), ERROR_SUCCESS);
     ASSERT_EQ(values.size(), 1u);
     EXPECT_TRUE(values[0].name.empty());
-}
 
-TEST_F(RegistryTest, NameEndsAtAnEmbeddedNul) {
     ASSERT_EQ(SetDword(std::u16string_view(u"Flag\0ignored", 12), 7), ERROR_SUCCESS);
-    DWORD value = 0;
-    DWORD size = sizeof value;
-    EXPECT_EQ(RegQueryValueExW(base_.get(), u"Flag", nullptr, &value, &size), ERROR_SUCCESS);
-    EXPECT_EQ(value, 7u);
+    ASSERT_EQ(RegGetValue(base_.get(), u"Flag", &value), ERROR_SUCCESS);
+    EXPECT_EQ(value.data, Bytes({7, 0, 0, 0}));
 }
 
 TEST_F(RegistryTest, OverwritingKeepsTheEnumerationOrder) {
@@ -201,9 +184,8 @@ TEST_F(RegistryTest, OverwritingKeepsTheEnumerationOrder) {
 }
 
 TEST_F(RegistryTest, SetWithoutDataButWithASizeIsRefused) {
-    SetLastError(kPoison);
-    EXPECT_EQ(RegSetValueExW(base_.get(), u"Broken", REG_BINARY, nullptr, 4), ERROR_NOACCESS);
-    EXPECT_EQ(GetLastError(), ERROR_NOACCESS);
+    OVTEST_EXPECT_STATUS(RegSetValueExW(base_.get(), u"Broken", REG_BINARY, nullptr, 4),
+                         ERROR_NOACCESS);
     EXPECT_EQ(RegQueryValueExW(base_.get(), u"Broken", nullptr, nullptr, nullptr),
               ERROR_FILE_NOT_FOUND);
 
@@ -220,9 +202,7 @@ TEST_F(RegistryTest, ValueNameLengthLimitIsEnforcedNeverCut) {
     const std::u16string tooLong(kMaxValueNameLength + 1, u'v');
     ASSERT_EQ(SetDword(longest, 1), ERROR_SUCCESS);
 
-    SetLastError(kPoison);
-    EXPECT_EQ(SetDword(tooLong, 2), ERROR_INVALID_PARAMETER);
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+    OVTEST_EXPECT_STATUS(SetDword(tooLong, 2), ERROR_INVALID_PARAMETER);
     EXPECT_EQ(RegQueryValueExW(base_.get(), tooLong, nullptr, nullptr, nullptr),
               ERROR_FILE_NOT_FOUND);
     EXPECT_EQ(RegDeleteValueW(base_.get(), tooLong), ERROR_FILE_NOT_FOUND);
@@ -235,14 +215,10 @@ TEST_F(RegistryTest, ValueNameLengthLimitIsEnforcedNeverCut) {
 
 TEST_F(RegistryTest, DeleteValue) {
     ASSERT_EQ(SetDword(u"NameTranslation", 1), ERROR_SUCCESS);
-    SetLastError(kPoison);
-    EXPECT_EQ(RegDeleteValueW(base_.get(), u"nametranslation"), ERROR_SUCCESS);
-    EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
+    OVTEST_EXPECT_STATUS(RegDeleteValueW(base_.get(), u"nametranslation"), ERROR_SUCCESS);
     EXPECT_EQ(RegQueryValueExW(base_.get(), u"NameTranslation", nullptr, nullptr, nullptr),
               ERROR_FILE_NOT_FOUND);
-    SetLastError(kPoison);
-    EXPECT_EQ(RegDeleteValueW(base_.get(), u"NameTranslation"), ERROR_FILE_NOT_FOUND);
-    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
+    OVTEST_EXPECT_STATUS(RegDeleteValueW(base_.get(), u"NameTranslation"), ERROR_FILE_NOT_FOUND);
 }
 
 // ---- enumeration by index ------------------------------------------------------
@@ -277,9 +253,8 @@ TEST_F(RegistryEnumValueTest, ReturnsNameTypeAndDataInOrder) {
     DWORD type = kPoison;
     std::byte data[32];
     DWORD size = sizeof data;
-    SetLastError(kPoison);
-    ASSERT_EQ(RegEnumValueW(base_.get(), 0, name, &nameLength, &type, data, &size), ERROR_SUCCESS);
-    EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
+    OVTEST_ASSERT_STATUS(RegEnumValueW(base_.get(), 0, name, &nameLength, &type, data, &size),
+                         ERROR_SUCCESS);
     EXPECT_EQ(std::u16string(name), u"Test");
     EXPECT_EQ(nameLength, 4u) << "the length excludes the terminator";
     EXPECT_EQ(type, REG_SZ);
@@ -292,19 +267,6 @@ TEST_F(RegistryEnumValueTest, ReturnsNameTypeAndDataInOrder) {
     EXPECT_EQ(type, REG_DWORD);
 }
 
-TEST_F(RegistryEnumValueTest, NoMoreItemsExactlyPastTheLast) {
-    char16_t name[32];
-    DWORD nameLength = 32;
-    EXPECT_EQ(RegEnumValueW(base_.get(), 1, name, &nameLength, nullptr, nullptr, nullptr),
-              ERROR_SUCCESS);
-    nameLength = 32;
-    SetLastError(kPoison);
-    EXPECT_EQ(RegEnumValueW(base_.get(), 2, name, &nameLength, nullptr, nullptr, nullptr),
-              ERROR_NO_MORE_ITEMS);
-    EXPECT_EQ(GetLastError(), ERROR_NO_MORE_ITEMS);
-    EXPECT_EQ(nameLength, 32u);
-}
-
 TEST_F(RegistryEnumValueTest, NameBufferProbes) {
     // "Test" needs 5 characters with its terminator.
     char16_t name[8];
@@ -313,10 +275,8 @@ TEST_F(RegistryEnumValueTest, NameBufferProbes) {
     DWORD type = kPoison;
     DWORD size = 100;
     std::byte data[100];
-    SetLastError(kPoison);
-    EXPECT_EQ(RegEnumValueW(base_.get(), test_, name, &nameLength, &type, data, &size),
-              ERROR_MORE_DATA);
-    EXPECT_EQ(GetLastError(), ERROR_MORE_DATA);
+    OVTEST_EXPECT_STATUS(RegEnumValueW(base_.get(), test_, name, &nameLength, &type, data, &size),
+                         ERROR_MORE_DATA);
     EXPECT_EQ(nameLength, 4u) << "a short name buffer keeps its length";
     EXPECT_EQ(name[0], u'x') << "and is not written";
     EXPECT_EQ(size, 14u);
@@ -341,10 +301,8 @@ TEST_F(RegistryEnumValueTest, DataBufferProbes) {
     std::fill(std::begin(data), std::end(data), std::byte{0x11});
     DWORD size = 13;
     DWORD type = kPoison;
-    SetLastError(kPoison);
-    EXPECT_EQ(RegEnumValueW(base_.get(), test_, name, &nameLength, &type, data, &size),
-              ERROR_MORE_DATA);
-    EXPECT_EQ(GetLastError(), ERROR_MORE_DATA);
+    OVTEST_EXPECT_STATUS(RegEnumValueW(base_.get(), test_, name, &nameLength, &type, data, &size),
+                         ERROR_MORE_DATA);
     EXPECT_EQ(size, 14u);
     EXPECT_EQ(type, REG_SZ);
     EXPECT_EQ(std::u16string(name), u"Test") << "the name is returned even when data is short";
@@ -363,11 +321,18 @@ TEST_F(RegistryEnumValueTest, DataBufferProbes) {
     EXPECT_EQ(data[14], std::byte{0x22});
 }
 
-TEST_F(RegistryEnumValueTest, RequiresANameBuffer) {
-    DWORD nameLength = 8;
+TEST_F(RegistryEnumValueTest, EndsExactlyPastTheLastAndNeedsANameBuffer) {
+    char16_t name[32];
+    DWORD nameLength = 32;
+    EXPECT_EQ(RegEnumValueW(base_.get(), 1, name, &nameLength, nullptr, nullptr, nullptr),
+              ERROR_SUCCESS);
+    nameLength = 32;
+    OVTEST_EXPECT_STATUS(
+        RegEnumValueW(base_.get(), 2, name, &nameLength, nullptr, nullptr, nullptr),
+        ERROR_NO_MORE_ITEMS);
+    EXPECT_EQ(nameLength, 32u);
     EXPECT_EQ(RegEnumValueW(base_.get(), 0, nullptr, &nameLength, nullptr, nullptr, nullptr),
               ERROR_INVALID_PARAMETER);
-    char16_t name[8];
     EXPECT_EQ(RegEnumValueW(base_.get(), 0, name, nullptr, nullptr, nullptr, nullptr),
               ERROR_INVALID_PARAMETER);
 }

@@ -50,7 +50,7 @@ class Resources : public ::testing::Test {
     HMODULE module_ = nullptr;
 };
 
-TEST_F(Resources, ModuleIsFoundByNameIgnoringCaseDirectoryAndDllExtension) {
+TEST_F(Resources, ModuleIsFoundByNameIgnoringCaseAndDllExtension) {
     std::u16string upper = name_;
     for (auto& c : upper) {
         if (c >= u'a' && c <= u'z') {
@@ -59,25 +59,10 @@ TEST_F(Resources, ModuleIsFoundByNameIgnoringCaseDirectoryAndDllExtension) {
     }
     EXPECT_EQ(GetModuleHandleW(upper), module_);
     EXPECT_EQ(GetModuleHandleW(name_.substr(0, name_.size() - 4)), module_);
-}
-
-TEST_F(Resources, RegisteredModuleIsFoundWhateverTheDirectory) {
-    OVTEST_EMBEDDED_ONLY("modules registered by name; Windows matches a path given in full");
-    EXPECT_EQ(GetModuleHandleW(u"C:\\Windows\\System32\\" + name_), module_);
-    // Registering the same data again gives the same module.
-    EXPECT_EQ(RegisterModuleResources(&data_), module_);
-}
-
-TEST_F(Resources, UnknownModuleIsNotFound) {
-    SetLastError(kPoison);
-    EXPECT_EQ(GetModuleHandleW(u"NoSuchModule.dll"), nullptr);
-    EXPECT_EQ(GetLastError(), ERROR_MOD_NOT_FOUND);
-}
-
-TEST_F(Resources, FileNameEndsInTheModuleName) {
+    OVTEST_EXPECT_FAIL(GetModuleHandleW(u"NoSuchModule.dll"), ERROR_MOD_NOT_FOUND);
     const std::u16string path = GetModuleFileNameW(module_);
     ASSERT_GE(path.size(), name_.size());
-    EXPECT_EQ(path.substr(path.size() - name_.size()), name_);
+    EXPECT_EQ(path.substr(path.size() - name_.size()), name_) << "the file name ends in it";
 }
 
 TEST_F(Resources, LoadStringFindsTextsAndReportsMissingIds) {
@@ -88,28 +73,23 @@ TEST_F(Resources, LoadStringFindsTextsAndReportsMissingIds) {
     EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
 
     text = u"unchanged";
-    SetLastError(kPoison);
-    EXPECT_EQ(LoadStringW(module_, 8, &text), 0);
-    EXPECT_EQ(GetLastError(), ERROR_RESOURCE_NAME_NOT_FOUND);
+    OVTEST_EXPECT_FAIL(LoadStringW(module_, 8, &text), ERROR_RESOURCE_NAME_NOT_FOUND);
     EXPECT_EQ(text, u"unchanged");
 }
 
-TEST_F(Resources, UnregisteredModuleHasNoResources) {
-    OVTEST_EMBEDDED_ONLY("modules unregister their data; on Windows an unloaded handle is gone");
+TEST_F(Resources, RegisteredModulesAreFoundWhateverTheDirectoryUntilUnregistered) {
+    OVTEST_EMBEDDED_ONLY(
+        "modules registered by name and unregistering their data; Windows "
+        "matches a path given in full and an unloaded handle is gone");
+    EXPECT_EQ(GetModuleHandleW(u"C:\\Windows\\System32\\" + name_), module_);
+    // Registering the same data again gives the same module.
+    EXPECT_EQ(RegisterModuleResources(&data_), module_);
     UnregisterModuleResources(&data_);
     std::u16string text;
-    SetLastError(kPoison);
-    EXPECT_EQ(LoadStringW(module_, 7, &text), 0);
-    EXPECT_EQ(GetLastError(), ERROR_RESOURCE_DATA_NOT_FOUND);
-    SetLastError(kPoison);
-    EXPECT_EQ(GetModuleHandleW(name_), nullptr);
-    EXPECT_EQ(GetLastError(), ERROR_MOD_NOT_FOUND);
-    SetLastError(kPoison);
-    EXPECT_FALSE(GetFileVersionInfoW(name_, nullptr));
-    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
-    SetLastError(kPoison);
-    EXPECT_EQ(LoadStringW(nullptr, 7, &text), 0);
-    EXPECT_EQ(GetLastError(), ERROR_RESOURCE_DATA_NOT_FOUND);
+    OVTEST_EXPECT_FAIL(LoadStringW(module_, 7, &text), ERROR_RESOURCE_DATA_NOT_FOUND);
+    OVTEST_EXPECT_FAIL(GetModuleHandleW(name_), ERROR_MOD_NOT_FOUND);
+    OVTEST_EXPECT_FAIL(GetFileVersionInfoW(name_, nullptr), ERROR_FILE_NOT_FOUND);
+    OVTEST_EXPECT_FAIL(LoadStringW(nullptr, 7, &text), ERROR_RESOURCE_DATA_NOT_FOUND);
 }
 
 TEST_F(Resources, VersionInformationIsQueriedBySubBlock) {
@@ -132,9 +112,8 @@ TEST_F(Resources, VersionInformationIsQueriedBySubBlock) {
     EXPECT_TRUE(VerQueryString(block, u"\\StringFileInfo\\040704E4\\filedescription", &value));
     EXPECT_EQ(value, u"Beschreibung");
 
-    SetLastError(kPoison);
-    EXPECT_FALSE(VerQueryString(block, u"\\StringFileInfo\\040904b0\\LegalCopyright", &value));
-    EXPECT_EQ(GetLastError(), ERROR_RESOURCE_NAME_NOT_FOUND);
+    OVTEST_EXPECT_FAIL(VerQueryString(block, u"\\StringFileInfo\\040904b0\\LegalCopyright", &value),
+                       ERROR_RESOURCE_NAME_NOT_FOUND);
     EXPECT_FALSE(VerQueryString(block, u"\\StringFileInfo\\0409", &value));
     EXPECT_FALSE(VerQueryString(block, u"\\VarFileInfo\\Translation", &value));
     EXPECT_FALSE(VerQueryString(block, u"", &value));
@@ -168,12 +147,10 @@ TEST_F(Resources, NamedTextsByTypeAndName) {
     std::string text;
     EXPECT_TRUE(LoadTextResource(module_, u"mof", u"Schema", &text));
     EXPECT_EQ(text, "class X {};");
-    SetLastError(kPoison);
-    EXPECT_FALSE(LoadTextResource(module_, u"MOF", u"OTHER", &text));
-    EXPECT_EQ(GetLastError(), ERROR_RESOURCE_NAME_NOT_FOUND);
-    SetLastError(kPoison);
-    EXPECT_FALSE(LoadTextResource(module_, u"TYPELIB", u"SCHEMA", &text));
-    EXPECT_EQ(GetLastError(), ERROR_RESOURCE_TYPE_NOT_FOUND);
+    OVTEST_EXPECT_FAIL(LoadTextResource(module_, u"MOF", u"OTHER", &text),
+                       ERROR_RESOURCE_NAME_NOT_FOUND);
+    OVTEST_EXPECT_FAIL(LoadTextResource(module_, u"TYPELIB", u"SCHEMA", &text),
+                       ERROR_RESOURCE_TYPE_NOT_FOUND);
 }
 
 // Two copies of the same module (say, one linked statically and one loaded)
@@ -204,9 +181,7 @@ TEST(ResourcesRegistration, SecondDataUnderTheSameNameGetsTheLoadedModule) {
 
 TEST(ResourcesRegistration, RefusesDataWithoutName) {
     ModuleResources nameless;
-    SetLastError(kPoison);
-    EXPECT_EQ(RegisterModuleResources(&nameless), nullptr);
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+    OVTEST_EXPECT_FAIL(RegisterModuleResources(&nameless), ERROR_INVALID_PARAMETER);
     EXPECT_EQ(RegisterModuleResources(nullptr), nullptr);
 }
 

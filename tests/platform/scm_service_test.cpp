@@ -157,9 +157,8 @@ TEST_F(ServiceControl, ANeverStartedServiceIsStopped) {
     EXPECT_EQ(s.dwCurrentState, SERVICE_STOPPED);
     EXPECT_EQ(s.dwWin32ExitCode, ERROR_SERVICE_NEVER_STARTED);
     EXPECT_EQ(s.dwServiceType, SERVICE_WIN32_OWN_PROCESS);
-    SetLastError(kPoison);
-    EXPECT_FALSE(ControlService(service_.get(), SERVICE_CONTROL_STOP, &s));
-    EXPECT_EQ(GetLastError(), ERROR_SERVICE_NOT_ACTIVE);
+    OVTEST_EXPECT_FAIL(ControlService(service_.get(), SERVICE_CONTROL_STOP, &s),
+                       ERROR_SERVICE_NOT_ACTIVE);
     EXPECT_EQ(ServicePid(), 0u);
 }
 
@@ -172,9 +171,7 @@ TEST_F(ServiceControl, StartRunsTheServiceOnce) {
     ASSERT_GT(pid, 0u);
     EXPECT_TRUE(ProcessAlive(pid));
 
-    SetLastError(kPoison);
-    EXPECT_FALSE(Start("plain"));
-    EXPECT_EQ(GetLastError(), ERROR_SERVICE_ALREADY_RUNNING);
+    OVTEST_EXPECT_FAIL(Start("plain"), ERROR_SERVICE_ALREADY_RUNNING);
     // Another process sees the same service.
     auto child = ovtest::Process::StartChild("start_service", {ovtest::U8(name_)});
     EXPECT_EQ(child.Wait(), static_cast<int>(ERROR_SERVICE_ALREADY_RUNNING % 256));
@@ -201,9 +198,8 @@ TEST_F(ServiceControl, StopEndsTheProcessAndReadsStopped) {
     }
     EXPECT_FALSE(ProcessAlive(pid));
     EXPECT_EQ(Query().dwCurrentState, SERVICE_STOPPED);
-    SetLastError(kPoison);
-    EXPECT_FALSE(ControlService(service_.get(), SERVICE_CONTROL_STOP, &s));
-    EXPECT_EQ(GetLastError(), ERROR_SERVICE_NOT_ACTIVE);
+    OVTEST_EXPECT_FAIL(ControlService(service_.get(), SERVICE_CONTROL_STOP, &s),
+                       ERROR_SERVICE_NOT_ACTIVE);
     // And it can be started again.
     ASSERT_TRUE(Start("plain")) << GetLastError();
     EXPECT_EQ(WaitFor(SERVICE_RUNNING).dwCurrentState, SERVICE_RUNNING);
@@ -218,9 +214,8 @@ TEST_F(ServiceControl, ADeadServiceProcessReadsAsStopped) {
     SERVICE_STATUS s = WaitFor(SERVICE_STOPPED);
     EXPECT_EQ(s.dwCurrentState, SERVICE_STOPPED);
     EXPECT_EQ(s.dwWin32ExitCode, ERROR_PROCESS_ABORTED);
-    SetLastError(kPoison);
-    EXPECT_FALSE(ControlService(service_.get(), SERVICE_CONTROL_STOP, &s));
-    EXPECT_EQ(GetLastError(), ERROR_SERVICE_NOT_ACTIVE);
+    OVTEST_EXPECT_FAIL(ControlService(service_.get(), SERVICE_CONTROL_STOP, &s),
+                       ERROR_SERVICE_NOT_ACTIVE);
     EXPECT_TRUE(Start("plain"));
 }
 
@@ -242,87 +237,61 @@ TEST_F(ServiceControl, ReportedStepsShowStateCheckpointAndWaitHint) {
 
 TEST_F(ServiceControl, InterrogateAndUnknownControls) {
     SERVICE_STATUS s;
-    SetLastError(kPoison);
-    EXPECT_FALSE(ControlService(service_.get(), SERVICE_CONTROL_INTERROGATE, &s));
-    EXPECT_EQ(GetLastError(), ERROR_SERVICE_NOT_ACTIVE);
+    OVTEST_EXPECT_FAIL(ControlService(service_.get(), SERVICE_CONTROL_INTERROGATE, &s),
+                       ERROR_SERVICE_NOT_ACTIVE);
     ASSERT_TRUE(Start("plain")) << GetLastError();
     ASSERT_EQ(WaitFor(SERVICE_RUNNING).dwCurrentState, SERVICE_RUNNING);
     EXPECT_TRUE(ControlService(service_.get(), SERVICE_CONTROL_INTERROGATE, &s));
     EXPECT_EQ(s.dwCurrentState, SERVICE_RUNNING);
-    SetLastError(kPoison);
-    EXPECT_FALSE(ControlService(service_.get(), 2 /* pause */, &s));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_SERVICE_CONTROL);
-    SetLastError(kPoison);
-    EXPECT_FALSE(ControlService(service_.get(), SERVICE_CONTROL_STOP, nullptr));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+    OVTEST_EXPECT_FAIL(ControlService(service_.get(), 2 /* pause */, &s),
+                       ERROR_INVALID_SERVICE_CONTROL);
+    OVTEST_EXPECT_FAIL(ControlService(service_.get(), SERVICE_CONTROL_STOP, nullptr),
+                       ERROR_INVALID_PARAMETER);
 }
 
 TEST_F(ServiceControl, AMissingProgramCannotStart) {
     PointServiceAtMissingProgram(root(), name_);
-    SetLastError(kPoison);
-    EXPECT_FALSE(Start("plain"));
-    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
+    OVTEST_EXPECT_FAIL(Start("plain"), ERROR_FILE_NOT_FOUND);
     EXPECT_EQ(Query().dwCurrentState, SERVICE_STOPPED);
 }
 
 TEST_F(ServiceControl, HandlesCheckTheirKindAndRights) {
-    SetLastError(kPoison);
-    EXPECT_EQ(OpenServiceW(manager_.get(), ovtest::U16(ovtest::UniqueName("OvNoSuchService")),
-                           SERVICE_QUERY_STATUS),
-              nullptr);
-    EXPECT_EQ(GetLastError(), ERROR_SERVICE_DOES_NOT_EXIST);
+    OVTEST_EXPECT_FAIL(
+        OpenServiceW(manager_.get(), ovtest::U16(ovtest::UniqueName("OvNoSuchService")),
+                     SERVICE_QUERY_STATUS),
+        ERROR_SERVICE_DOES_NOT_EXIST);
     UniqueServiceHandle lower(OpenServiceW(manager_.get(), Lower(name_), SERVICE_QUERY_STATUS));
     EXPECT_TRUE(lower);
-    SetLastError(kPoison);
-    EXPECT_FALSE(StartServiceW(lower.get(), {}));
-    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
-    SetLastError(kPoison);
-    EXPECT_EQ(OpenServiceW(service_.get(), name_, SERVICE_QUERY_STATUS), nullptr);
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+    OVTEST_EXPECT_FAIL(StartServiceW(lower.get(), {}), ERROR_ACCESS_DENIED);
+    OVTEST_EXPECT_FAIL(OpenServiceW(service_.get(), name_, SERVICE_QUERY_STATUS),
+                       ERROR_INVALID_HANDLE);
     SERVICE_STATUS s;
-    SetLastError(kPoison);
-    EXPECT_FALSE(QueryServiceStatus(manager_.get(), &s));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
-    SetLastError(kPoison);
-    EXPECT_FALSE(QueryServiceStatus(service_.get(), nullptr));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+    OVTEST_EXPECT_FAIL(QueryServiceStatus(manager_.get(), &s), ERROR_INVALID_HANDLE);
+    OVTEST_EXPECT_FAIL(QueryServiceStatus(service_.get(), nullptr), ERROR_INVALID_PARAMETER);
 
-    SetLastError(kPoison);
-    EXPECT_EQ(OpenSCManagerW(u"", u"ServicesFailed", SC_MANAGER_CONNECT), nullptr);
-    EXPECT_EQ(GetLastError(), ERROR_DATABASE_DOES_NOT_EXIST);
+    OVTEST_EXPECT_FAIL(OpenSCManagerW(u"", u"ServicesFailed", SC_MANAGER_CONNECT),
+                       ERROR_DATABASE_DOES_NOT_EXIST);
     UniqueServiceHandle active(OpenSCManagerW(u"", u"ServicesActive", SC_MANAGER_CONNECT));
     EXPECT_TRUE(active);
 
     SC_HANDLE raw = OpenSCManagerW(u"", u"", SC_MANAGER_CONNECT);
     ASSERT_NE(raw, nullptr);
     EXPECT_TRUE(CloseServiceHandle(raw));
-    SetLastError(kPoison);
-    EXPECT_FALSE(CloseServiceHandle(raw));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
-}
-
-TEST_F(ServiceControl, OnlyTheMachinesOwnServiceExists) {
-    OVTEST_EMBEDDED_ONLY("the embedded machine's single service");
-    SetLastError(kPoison);
-    EXPECT_EQ(OpenServiceW(manager_.get(), u"Spooler", SERVICE_QUERY_STATUS), nullptr);
-    EXPECT_EQ(GetLastError(), ERROR_SERVICE_DOES_NOT_EXIST);
+    OVTEST_EXPECT_FAIL(CloseServiceHandle(raw), ERROR_INVALID_HANDLE);
 }
 
 TEST_F(ServiceControl, AnotherMachineIsUnreachable) {
     OVTEST_SKIP_UNDER_WINE("OpenSCManagerW ignores the machine name");
-    SetLastError(kPoison);
-    EXPECT_EQ(OpenSCManagerW(u"\\\\ovsvc-no-such-machine.invalid", u"", SC_MANAGER_CONNECT),
-              nullptr);
-    EXPECT_EQ(GetLastError(), RPC_S_SERVER_UNAVAILABLE);
+    OVTEST_EXPECT_FAIL(
+        OpenSCManagerW(u"\\\\ovsvc-no-such-machine.invalid", u"", SC_MANAGER_CONNECT),
+        RPC_S_SERVER_UNAVAILABLE);
 }
 
 TEST_F(ServiceControl, TheDatabaseLockIsOneForTheWholeMachine) {
     OVTEST_SKIP_UNDER_WINE("LockServiceDatabase grants every request");
     UniqueServiceLock lock(LockServiceDatabase(manager_.get()));
     ASSERT_TRUE(lock);
-    SetLastError(kPoison);
-    EXPECT_EQ(LockServiceDatabase(manager_.get()), nullptr);
-    EXPECT_EQ(GetLastError(), ERROR_SERVICE_DATABASE_LOCKED);
+    OVTEST_EXPECT_FAIL(LockServiceDatabase(manager_.get()), ERROR_SERVICE_DATABASE_LOCKED);
     auto other = ovtest::Process::StartChild("hold_lock");
     EXPECT_EQ(other.Wait(), static_cast<int>(ERROR_SERVICE_DATABASE_LOCKED % 256));
     lock.reset();
@@ -334,17 +303,17 @@ TEST_F(ServiceControl, TheDatabaseLockIsOneForTheWholeMachine) {
            std::chrono::steady_clock::now() < deadline) {
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
-    SetLastError(kPoison);
-    EXPECT_EQ(LockServiceDatabase(manager_.get()), nullptr);
-    EXPECT_EQ(GetLastError(), ERROR_SERVICE_DATABASE_LOCKED);
+    OVTEST_EXPECT_FAIL(LockServiceDatabase(manager_.get()), ERROR_SERVICE_DATABASE_LOCKED);
     holder.Kill();
     holder.Wait();
     UniqueServiceLock again(LockServiceDatabase(manager_.get()));
     EXPECT_TRUE(again);
 }
 
-TEST_F(ServiceControl, OnlyAdministratorsMayLockStartOrStop) {
-    OVTEST_EMBEDDED_ONLY("the embedded account table and per-process accounts");
+TEST_F(ServiceControl, OnlyAdministratorsMayLockStartOrStopTheOnlyService) {
+    OVTEST_EMBEDDED_ONLY("the embedded machine's single service, account table and accounts");
+    OVTEST_EXPECT_FAIL(OpenServiceW(manager_.get(), u"Spooler", SERVICE_QUERY_STATUS),
+                       ERROR_SERVICE_DOES_NOT_EXIST);
     // An ordinary user and a member of BUILTIN\Administrators.
     const std::u16string adminGroups[] = {u"BUILTIN\\Administrators"};
     ASSERT_TRUE(admin::AddAccount(u"OVDOMAIN\\bob", SidTypeUser, {}, nullptr));
@@ -370,15 +339,10 @@ TEST_F(ServiceControl, OnlyAdministratorsMayLockStartOrStop) {
 TEST_F(ServiceControl, LockingNeedsTheLockRight) {
     OVTEST_SKIP_UNDER_WINE("LockServiceDatabase checks neither rights nor handle kinds");
     UniqueServiceHandle connect(OpenSCManagerW(u"", u"", SC_MANAGER_CONNECT));
-    SetLastError(kPoison);
-    EXPECT_EQ(LockServiceDatabase(connect.get()), nullptr);
-    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
-    SetLastError(kPoison);
-    EXPECT_EQ(LockServiceDatabase(service_.get()), nullptr);
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
-    SetLastError(kPoison);
-    EXPECT_FALSE(UnlockServiceDatabase(reinterpret_cast<SC_LOCK>(connect.get())));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_SERVICE_LOCK);
+    OVTEST_EXPECT_FAIL(LockServiceDatabase(connect.get()), ERROR_ACCESS_DENIED);
+    OVTEST_EXPECT_FAIL(LockServiceDatabase(service_.get()), ERROR_INVALID_HANDLE);
+    OVTEST_EXPECT_FAIL(UnlockServiceDatabase(reinterpret_cast<SC_LOCK>(connect.get())),
+                       ERROR_INVALID_SERVICE_LOCK);
 }
 
 }  // namespace

@@ -122,9 +122,8 @@ TEST_F(ServiceControl, AServiceThatReportsNothingStaysStartPendingUntilItEnds) {
 // A program run by hand is not the service: it cannot take the service's
 // place in service control, whether or not the service runs.
 TEST_F(ServiceControl, OnlyTheStartedProcessMayRegisterAsTheService) {
-    SetLastError(0xDEADBEEF);
-    EXPECT_EQ(RegisterServiceCtrlHandlerW(u"OvaspoolSvc", [](DWORD) {}), nullptr);
-    EXPECT_EQ(GetLastError(), ERROR_FAILED_SERVICE_CONTROLLER_CONNECT);
+    OVTEST_EXPECT_FAIL(RegisterServiceCtrlHandlerW(u"OvaspoolSvc", [](DWORD) {}),
+                       ERROR_FAILED_SERVICE_CONTROLLER_CONNECT);
     ASSERT_TRUE(Start("plain"));
     ASSERT_EQ(WaitFor(SERVICE_RUNNING).dwCurrentState, SERVICE_RUNNING);
     EXPECT_EQ(RegisterServiceCtrlHandlerW(u"OvaspoolSvc", [](DWORD) {}), nullptr);

@@ -145,10 +145,9 @@ TEST_P(SecurityAccessCheck, GenericRightsInEntriesAreMapped) {
     EXPECT_EQ(Check(With(&dacl), kAll), kAll);
     ACCESS_MASK granted = 0;
     bool status = true;
-    SetLastError(kPoison);
-    EXPECT_FALSE(AccessCheck(With(&dacl), token_.get(), GENERIC_READ, kPrinter, nullptr, nullptr,
-                             &granted, &status));
-    EXPECT_EQ(GetLastError(), ERROR_GENERIC_NOT_MAPPED);
+    OVTEST_EXPECT_FAIL(AccessCheck(With(&dacl), token_.get(), GENERIC_READ, kPrinter, nullptr,
+                                   nullptr, &granted, &status),
+                       ERROR_GENERIC_NOT_MAPPED);
 }
 
 TEST_P(SecurityAccessCheck, OwnerMayReadAndChangeTheDacl) {
@@ -175,20 +174,18 @@ TEST_P(SecurityAccessCheck, ArgumentErrors) {
     const SecurityDescriptor sd = With(nullptr);
     ACCESS_MASK granted = 0;
     bool status = false;
-    SetLastError(kPoison);
-    EXPECT_FALSE(AccessCheck(sd, nullptr, kUse, kPrinter, nullptr, nullptr, &granted, &status));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+    OVTEST_EXPECT_FAIL(
+        AccessCheck(sd, nullptr, kUse, kPrinter, nullptr, nullptr, &granted, &status),
+        ERROR_INVALID_HANDLE);
     SecurityDescriptor uninitialised;
-    SetLastError(kPoison);
-    EXPECT_FALSE(AccessCheck(uninitialised, token_.get(), kUse, kPrinter, nullptr, nullptr,
-                             &granted, &status));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_SECURITY_DESCR);
+    OVTEST_EXPECT_FAIL(AccessCheck(uninitialised, token_.get(), kUse, kPrinter, nullptr, nullptr,
+                                   &granted, &status),
+                       ERROR_INVALID_SECURITY_DESCR);
     PRIVILEGE_SET privileges;
     DWORD length = 0;
-    SetLastError(kPoison);
-    EXPECT_FALSE(
-        AccessCheck(sd, token_.get(), kUse, kPrinter, &privileges, &length, &granted, &status));
-    EXPECT_EQ(GetLastError(), ERROR_INSUFFICIENT_BUFFER);
+    OVTEST_EXPECT_FAIL(
+        AccessCheck(sd, token_.get(), kUse, kPrinter, &privileges, &length, &granted, &status),
+        ERROR_INSUFFICIENT_BUFFER);
     EXPECT_EQ(length, sizeof(PRIVILEGE_SET));
     EXPECT_TRUE(
         AccessCheck(sd, token_.get(), kUse, kPrinter, &privileges, &length, &granted, &status));
@@ -204,13 +201,11 @@ TEST_P(SecurityAccessCheck, CurrentProcessCheck) {
     SetLastError(kPoison);
     EXPECT_TRUE(CheckCurrentProcessAccess(With(&dacl), GENERIC_READ, kPrinter, &granted));
     EXPECT_EQ(granted, 0x00020008u);
-    SetLastError(kPoison);
-    EXPECT_FALSE(CheckCurrentProcessAccess(With(&dacl), kAll, kPrinter, &granted));
-    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+    OVTEST_EXPECT_FAIL(CheckCurrentProcessAccess(With(&dacl), kAll, kPrinter, &granted),
+                       ERROR_ACCESS_DENIED);
     const Acl theirs = AclOf({{A, 0, kAll, stranger_}});
-    SetLastError(kPoison);
-    EXPECT_FALSE(CheckCurrentProcessAccess(With(&theirs), kUse, kPrinter, &granted));
-    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+    OVTEST_EXPECT_FAIL(CheckCurrentProcessAccess(With(&theirs), kUse, kPrinter, &granted),
+                       ERROR_ACCESS_DENIED);
 }
 
 // What only configured accounts show: group membership, the other user's

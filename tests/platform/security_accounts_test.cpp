@@ -97,15 +97,10 @@ TEST_F(SecurityAccounts, RecordsByNameAndBySid) {
     EXPECT_EQ(everyone.sid, SidOf(u"S-1-1-0"));
 
     admin::Account untouched = system;
-    SetLastError(kPoison);
-    EXPECT_FALSE(admin::FindAccountByName(u"NOWHERE\\nobody", &untouched));
-    EXPECT_EQ(GetLastError(), ERROR_NONE_MAPPED);
-    SetLastError(kPoison);
-    EXPECT_FALSE(admin::FindAccountBySid(SidOf(u"S-1-5-21-9-9-9-4242"), &untouched));
-    EXPECT_EQ(GetLastError(), ERROR_NONE_MAPPED);
-    SetLastError(kPoison);
-    EXPECT_FALSE(admin::FindAccountBySid(Sid{}, &untouched));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_SID);
+    OVTEST_EXPECT_FAIL(admin::FindAccountByName(u"NOWHERE\\nobody", &untouched), ERROR_NONE_MAPPED);
+    OVTEST_EXPECT_FAIL(admin::FindAccountBySid(SidOf(u"S-1-5-21-9-9-9-4242"), &untouched),
+                       ERROR_NONE_MAPPED);
+    OVTEST_EXPECT_FAIL(admin::FindAccountBySid(Sid{}, &untouched), ERROR_INVALID_SID);
     EXPECT_EQ(untouched.FullName(), u"NT AUTHORITY\\SYSTEM");
 }
 
@@ -117,9 +112,9 @@ TEST_F(SecurityAccounts, TheEmbeddedMachinesNames) {
     DWORD sidSize = 0;
     DWORD domainLength = 0;
     SID_NAME_USE use = SidTypeInvalid;
-    SetLastError(kPoison);
-    EXPECT_FALSE(LookupAccountNameW(u"", u"", nullptr, &sidSize, nullptr, &domainLength, &use));
-    EXPECT_EQ(GetLastError(), ERROR_NONE_MAPPED);
+    OVTEST_EXPECT_FAIL(
+        LookupAccountNameW(u"", u"", nullptr, &sidSize, nullptr, &domainLength, &use),
+        ERROR_NONE_MAPPED);
 }
 
 TEST_F(SecurityAccounts, ComputerName) {
@@ -135,23 +130,16 @@ TEST_F(SecurityAccounts, AccountAdministrationIsNotOffered) {
     }
     const std::u16string groups[] = {u"BUILTIN\\Users"};
     admin::Account added;
-    SetLastError(kPoison);
-    EXPECT_FALSE(admin::AddAccount(u"OVTEST\\nobody", SidTypeUser, groups, &added));
-    EXPECT_EQ(GetLastError(), ERROR_NOT_SUPPORTED);
-    SetLastError(kPoison);
-    EXPECT_FALSE(admin::AddGroupMember(u"BUILTIN\\Users", u"NT AUTHORITY\\SYSTEM"));
-    EXPECT_EQ(GetLastError(), ERROR_NOT_SUPPORTED);
-    SetLastError(kPoison);
-    EXPECT_FALSE(admin::DeleteAccount(u"BUILTIN\\Users"));
-    EXPECT_EQ(GetLastError(), ERROR_NOT_SUPPORTED);
+    OVTEST_EXPECT_FAIL(admin::AddAccount(u"OVTEST\\nobody", SidTypeUser, groups, &added),
+                       ERROR_NOT_SUPPORTED);
+    OVTEST_EXPECT_FAIL(admin::AddGroupMember(u"BUILTIN\\Users", u"NT AUTHORITY\\SYSTEM"),
+                       ERROR_NOT_SUPPORTED);
+    OVTEST_EXPECT_FAIL(admin::DeleteAccount(u"BUILTIN\\Users"), ERROR_NOT_SUPPORTED);
     std::vector<admin::Account> all;
-    SetLastError(kPoison);
-    EXPECT_FALSE(admin::EnumAccounts(&all));
-    EXPECT_EQ(GetLastError(), ERROR_NOT_SUPPORTED);
+    OVTEST_EXPECT_FAIL(admin::EnumAccounts(&all), ERROR_NOT_SUPPORTED);
     UniqueToken token;
-    SetLastError(kPoison);
-    EXPECT_FALSE(admin::CreateTokenForAccount(u"NT AUTHORITY\\SYSTEM", 0, &token));
-    EXPECT_EQ(GetLastError(), ERROR_NOT_SUPPORTED);
+    OVTEST_EXPECT_FAIL(admin::CreateTokenForAccount(u"NT AUTHORITY\\SYSTEM", 0, &token),
+                       ERROR_NOT_SUPPORTED);
     EXPECT_FALSE(token.valid());
     admin::Account users;
     EXPECT_TRUE(admin::FindAccountByName(u"BUILTIN\\Users", &users)) << "look-ups still work";
@@ -162,9 +150,9 @@ TEST_F(SecurityAccounts, LookupAccountNameSizeProtocol) {
     DWORD sidSize = 0;
     DWORD domainLength = 0;
     SID_NAME_USE use = SidTypeInvalid;
-    SetLastError(kPoison);
-    EXPECT_FALSE(LookupAccountNameW(u"", name, nullptr, &sidSize, nullptr, &domainLength, &use));
-    EXPECT_EQ(GetLastError(), ERROR_INSUFFICIENT_BUFFER);
+    OVTEST_EXPECT_FAIL(
+        LookupAccountNameW(u"", name, nullptr, &sidSize, nullptr, &domainLength, &use),
+        ERROR_INSUFFICIENT_BUFFER);
     EXPECT_EQ(sidSize, 12u);
     EXPECT_EQ(domainLength, 13u) << "the size asked for includes the terminator";
 
@@ -208,10 +196,9 @@ TEST_F(SecurityAccounts, LookupAccountSidSizeProtocol) {
     DWORD nameLength = 0;
     DWORD domainLength = 0;
     SID_NAME_USE use = SidTypeInvalid;
-    SetLastError(kPoison);
-    EXPECT_FALSE(
-        LookupAccountSidW(u"", admins, nullptr, &nameLength, nullptr, &domainLength, &use));
-    EXPECT_EQ(GetLastError(), ERROR_INSUFFICIENT_BUFFER);
+    OVTEST_EXPECT_FAIL(
+        LookupAccountSidW(u"", admins, nullptr, &nameLength, nullptr, &domainLength, &use),
+        ERROR_INSUFFICIENT_BUFFER);
     EXPECT_EQ(nameLength, 15u);
     EXPECT_EQ(domainLength, 8u);
 
@@ -248,10 +235,9 @@ TEST_F(SecurityAccounts, LookupAccountSidWantsRoomForTheTerminators) {
         SCOPED_TRACE(testing::Message() << n << "," << d);
         DWORD nameLength = n;
         DWORD domainLength = d;
-        SetLastError(kPoison);
-        EXPECT_FALSE(
-            LookupAccountSidW(u"", admins, name, &nameLength, domain, &domainLength, &use));
-        EXPECT_EQ(GetLastError(), ERROR_INSUFFICIENT_BUFFER);
+        OVTEST_EXPECT_FAIL(
+            LookupAccountSidW(u"", admins, name, &nameLength, domain, &domainLength, &use),
+            ERROR_INSUFFICIENT_BUFFER);
         EXPECT_EQ(nameLength, 15u);
         EXPECT_EQ(domainLength, 8u);
     }
@@ -263,27 +249,25 @@ TEST_F(SecurityAccounts, UnknownNamesAndSids) {
     SID_NAME_USE use = SidTypeInvalid;
     for (const char16_t* name : {u"CORP\\nobody", u"nobody", u"\\", u"BUILTIN\\"}) {
         SCOPED_TRACE(ovtest::U8(name));
-        SetLastError(kPoison);
-        EXPECT_FALSE(
-            LookupAccountNameW(u"", name, nullptr, &sidSize, nullptr, &domainLength, &use));
-        EXPECT_EQ(GetLastError(), ERROR_NONE_MAPPED);
+        OVTEST_EXPECT_FAIL(
+            LookupAccountNameW(u"", name, nullptr, &sidSize, nullptr, &domainLength, &use),
+            ERROR_NONE_MAPPED);
     }
     DWORD nameLength = 0;
-    SetLastError(kPoison);
-    EXPECT_FALSE(LookupAccountSidW(u"", SidOf(u"S-1-5-21-9-9-9-4242"), nullptr, &nameLength,
-                                   nullptr, &domainLength, &use));
-    EXPECT_EQ(GetLastError(), ERROR_NONE_MAPPED);
-    SetLastError(kPoison);
-    EXPECT_FALSE(LookupAccountSidW(u"", Sid{}, nullptr, &nameLength, nullptr, &domainLength, &use));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_SID);
-    SetLastError(kPoison);
-    EXPECT_FALSE(LookupAccountNameW(u"\\\\ELSEWHERE", u"SYSTEM", nullptr, &sidSize, nullptr,
-                                    &domainLength, &use));
-    EXPECT_EQ(GetLastError(), 1722u) << "another machine cannot be reached";
-    SetLastError(kPoison);
-    EXPECT_FALSE(LookupAccountNameW(u"\\\\" + GetComputerNameW(), u"SYSTEM", nullptr, &sidSize,
-                                    nullptr, &domainLength, &use));
-    EXPECT_EQ(GetLastError(), ERROR_INSUFFICIENT_BUFFER) << "this machine by name";
+    OVTEST_EXPECT_FAIL(LookupAccountSidW(u"", SidOf(u"S-1-5-21-9-9-9-4242"), nullptr, &nameLength,
+                                         nullptr, &domainLength, &use),
+                       ERROR_NONE_MAPPED);
+    OVTEST_EXPECT_FAIL(
+        LookupAccountSidW(u"", Sid{}, nullptr, &nameLength, nullptr, &domainLength, &use),
+        ERROR_INVALID_SID);
+    OVTEST_EXPECT_FAIL(LookupAccountNameW(u"\\\\ELSEWHERE", u"SYSTEM", nullptr, &sidSize, nullptr,
+                                          &domainLength, &use),
+                       1722u)
+        << "another machine cannot be reached";
+    OVTEST_EXPECT_FAIL(LookupAccountNameW(u"\\\\" + GetComputerNameW(), u"SYSTEM", nullptr,
+                                          &sidSize, nullptr, &domainLength, &use),
+                       ERROR_INSUFFICIENT_BUFFER)
+        << "this machine by name";
 }
 
 TEST_F(SecurityAccountTable, ConfiguredUsersAndGroups) {
@@ -331,9 +315,8 @@ TEST_F(SecurityAccountTable, ConfiguredUsersAndGroups) {
 
 TEST_F(SecurityAccountTable, AddAccountErrors) {
     ASSERT_TRUE(admin::AddAccount(u"CORP\\alice", SidTypeUser, {}, nullptr));
-    SetLastError(kPoison);
-    EXPECT_FALSE(admin::AddAccount(u"CORP\\Alice", SidTypeUser, {}, nullptr));
-    EXPECT_EQ(GetLastError(), ERROR_USER_EXISTS);
+    OVTEST_EXPECT_FAIL(admin::AddAccount(u"CORP\\Alice", SidTypeUser, {}, nullptr),
+                       ERROR_USER_EXISTS);
     EXPECT_FALSE(admin::AddAccount(u"CORP\\alice", SidTypeGroup, {}, nullptr));
     EXPECT_EQ(GetLastError(), ERROR_GROUP_EXISTS);
     const std::u16string missing[] = {u"CORP\\NoSuchGroup"};
@@ -346,13 +329,10 @@ TEST_F(SecurityAccountTable, AddAccountErrors) {
     for (const char16_t* bad :
          {u"CORP\\", u"\\bob", u"CORP\\a/b", u"CORP\\a*", u"", u"AVERYLONGDOMAINNAME\\bob"}) {
         SCOPED_TRACE(ovtest::U8(bad));
-        SetLastError(kPoison);
-        EXPECT_FALSE(admin::AddAccount(bad, SidTypeUser, {}, nullptr));
-        EXPECT_EQ(GetLastError(), ERROR_INVALID_NAME);
+        OVTEST_EXPECT_FAIL(admin::AddAccount(bad, SidTypeUser, {}, nullptr), ERROR_INVALID_NAME);
     }
-    SetLastError(kPoison);
-    EXPECT_FALSE(admin::AddAccount(u"BUILTIN\\Mine", SidTypeGroup, {}, nullptr));
-    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+    OVTEST_EXPECT_FAIL(admin::AddAccount(u"BUILTIN\\Mine", SidTypeGroup, {}, nullptr),
+                       ERROR_ACCESS_DENIED);
     EXPECT_FALSE(admin::AddAccount(u"CORP\\x", SidTypeAlias, {}, nullptr));
     EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
 }
@@ -365,16 +345,12 @@ TEST_F(SecurityAccountTable, MembershipAndDeletion) {
     admin::Account erin;
     ASSERT_TRUE(admin::FindAccountByName(u"CORP\\erin", &erin));
     EXPECT_EQ(erin.memberOf, std::vector<std::u16string>{u"CORP\\Staff"});
-    SetLastError(kPoison);
-    EXPECT_FALSE(admin::AddGroupMember(u"CORP\\erin", u"CORP\\Staff"));
-    EXPECT_EQ(GetLastError(), ERROR_NO_SUCH_GROUP);
+    OVTEST_EXPECT_FAIL(admin::AddGroupMember(u"CORP\\erin", u"CORP\\Staff"), ERROR_NO_SUCH_GROUP);
     EXPECT_FALSE(admin::AddGroupMember(u"CORP\\Staff", u"CORP\\ghost"));
     EXPECT_EQ(GetLastError(), ERROR_NONE_MAPPED);
 
     ASSERT_TRUE(admin::DeleteAccount(u"CORP\\erin"));
-    SetLastError(kPoison);
-    EXPECT_FALSE(admin::FindAccountByName(u"CORP\\erin", &erin));
-    EXPECT_EQ(GetLastError(), ERROR_NONE_MAPPED);
+    OVTEST_EXPECT_FAIL(admin::FindAccountByName(u"CORP\\erin", &erin), ERROR_NONE_MAPPED);
     EXPECT_FALSE(admin::DeleteAccount(u"NT AUTHORITY\\SYSTEM"));
     EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
     EXPECT_FALSE(admin::DeleteAccount(u"CORP\\erin"));

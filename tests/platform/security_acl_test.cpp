@@ -24,17 +24,13 @@ ACL_SIZE_INFORMATION SizeOf(const Acl& acl) {
 
 TEST(SecurityAcl, InitializeChecksSizeAndRevision) {
     Acl acl;
-    SetLastError(kPoison);
-    ASSERT_TRUE(InitializeAcl(&acl, 8, ACL_REVISION));
-    EXPECT_EQ(GetLastError(), kPoison);
+    OVTEST_ASSERT_QUIET(InitializeAcl(&acl, 8, ACL_REVISION));
     EXPECT_EQ(acl.size(), 8u);
     EXPECT_EQ(SizeOf(acl).AceCount, 0u);
     EXPECT_EQ(SizeOf(acl).AclBytesInUse, 8u);
     EXPECT_EQ(SizeOf(acl).AclBytesFree, 0u);
 
-    SetLastError(kPoison);
-    EXPECT_FALSE(InitializeAcl(&acl, 7, ACL_REVISION));
-    EXPECT_EQ(GetLastError(), ERROR_INSUFFICIENT_BUFFER);
+    OVTEST_EXPECT_FAIL(InitializeAcl(&acl, 7, ACL_REVISION), ERROR_INSUFFICIENT_BUFFER);
     for (DWORD revision : {0u, 1u, 5u}) {
         SetLastError(kPoison);
         EXPECT_FALSE(InitializeAcl(&acl, 64, revision)) << revision;
@@ -79,22 +75,18 @@ TEST(SecurityAcl, DeclaredSizeIsAHardLimit) {
     const DWORD exact = 8 + 8 + GetLengthSid(kUser);
     Acl acl;
     ASSERT_TRUE(InitializeAcl(&acl, exact, ACL_REVISION));
-    SetLastError(kPoison);
-    ASSERT_TRUE(AddAccessAllowedAce(&acl, ACL_REVISION, 0x8, kUser));
-    EXPECT_EQ(GetLastError(), kPoison);
+    OVTEST_ASSERT_QUIET(AddAccessAllowedAce(&acl, ACL_REVISION, 0x8, kUser));
     EXPECT_EQ(SizeOf(acl).AclBytesFree, 0u);
 
     const Acl before = acl;
-    SetLastError(kPoison);
-    EXPECT_FALSE(AddAccessAllowedAce(&acl, ACL_REVISION, 0x8, kSystem));
-    EXPECT_EQ(GetLastError(), ERROR_ALLOTTED_SPACE_EXCEEDED);
+    OVTEST_EXPECT_FAIL(AddAccessAllowedAce(&acl, ACL_REVISION, 0x8, kSystem),
+                       ERROR_ALLOTTED_SPACE_EXCEEDED);
     EXPECT_EQ(acl, before) << "a refused ACE changes nothing";
 
     // One DWORD short of the ACE.
     ASSERT_TRUE(InitializeAcl(&acl, exact - 4, ACL_REVISION));
-    SetLastError(kPoison);
-    EXPECT_FALSE(AddAccessAllowedAce(&acl, ACL_REVISION, 0x8, kUser));
-    EXPECT_EQ(GetLastError(), ERROR_ALLOTTED_SPACE_EXCEEDED);
+    OVTEST_EXPECT_FAIL(AddAccessAllowedAce(&acl, ACL_REVISION, 0x8, kUser),
+                       ERROR_ALLOTTED_SPACE_EXCEEDED);
     EXPECT_EQ(SizeOf(acl).AceCount, 0u);
 
     // Two ACEs for one SID plus the header: U + 20 + 2L with U = 8 fits exactly.
@@ -113,9 +105,7 @@ TEST(SecurityAcl, GetAceGivesTheBinaryAce) {
     ASSERT_TRUE(AddAccessDeniedAceEx(&acl, ACL_REVISION, OBJECT_INHERIT_ACE | INHERIT_ONLY_ACE,
                                      0x000F0030, kSystem));
     Ace ace;
-    SetLastError(kPoison);
-    ASSERT_TRUE(GetAce(acl, 1, &ace));
-    EXPECT_EQ(GetLastError(), kPoison);
+    OVTEST_ASSERT_QUIET(GetAce(acl, 1, &ace));
     EXPECT_EQ(ace.Header.AceType, ACCESS_DENIED_ACE_TYPE);
     EXPECT_EQ(ace.Header.AceFlags, 9);
     EXPECT_EQ(ace.Header.AceSize, 20);
@@ -129,12 +119,8 @@ TEST(SecurityAcl, GetAceGivesTheBinaryAce) {
     EXPECT_EQ(ace.raw[6], std::byte{0x0F});
     EXPECT_EQ(ace.raw[8], std::byte{1}) << "the SID follows the mask";
 
-    SetLastError(kPoison);
-    EXPECT_FALSE(GetAce(acl, 2, &ace));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
-    SetLastError(kPoison);
-    EXPECT_FALSE(GetAce(Acl{}, 0, &ace));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_ACL);
+    OVTEST_EXPECT_FAIL(GetAce(acl, 2, &ace), ERROR_INVALID_PARAMETER);
+    OVTEST_EXPECT_FAIL(GetAce(Acl{}, 0, &ace), ERROR_INVALID_ACL);
 }
 
 TEST(SecurityAcl, AddAceCopiesAndInserts) {
@@ -176,12 +162,9 @@ TEST(SecurityAcl, AceFlagsAndRevisionAreChecked) {
     OVTEST_SKIP_UNDER_WINE("AddAccess*Ace accepts unknown ACE flags and ACL revision 1");
     Acl acl;
     ASSERT_TRUE(InitializeAcl(&acl, 128, ACL_REVISION));
-    SetLastError(kPoison);
-    EXPECT_FALSE(AddAccessAllowedAceEx(&acl, ACL_REVISION, 0x40, 1, kAdmins));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_FLAGS);
-    SetLastError(kPoison);
-    EXPECT_FALSE(AddAccessAllowedAce(&acl, 1, 1, kAdmins));
-    EXPECT_EQ(GetLastError(), ERROR_REVISION_MISMATCH);
+    OVTEST_EXPECT_FAIL(AddAccessAllowedAceEx(&acl, ACL_REVISION, 0x40, 1, kAdmins),
+                       ERROR_INVALID_FLAGS);
+    OVTEST_EXPECT_FAIL(AddAccessAllowedAce(&acl, 1, 1, kAdmins), ERROR_REVISION_MISMATCH);
     EXPECT_EQ(SizeOf(acl).AceCount, 0u);
 }
 
@@ -195,9 +178,8 @@ TEST(SecurityAcl, AddAceInsertsAtTheIndex) {
     for (const Ace& ace : before) {
         ASSERT_TRUE(AddAce(&roomy, ACL_REVISION, MAXDWORD, ace));
     }
-    SetLastError(kPoison);
-    ASSERT_TRUE(AddAce(&roomy, ACL_REVISION, 0, MakeAce(ACCESS_ALLOWED_ACE_TYPE, 0, 3, kUser)));
-    EXPECT_EQ(GetLastError(), kPoison);
+    OVTEST_ASSERT_QUIET(
+        AddAce(&roomy, ACL_REVISION, 0, MakeAce(ACCESS_ALLOWED_ACE_TYPE, 0, 3, kUser)));
     ASSERT_TRUE(AddAce(&roomy, ACL_REVISION, 2, MakeAce(ACCESS_DENIED_ACE_TYPE, 0, 4, kUser)));
     const std::vector<Ace> aces = AcesOf(roomy);
     ASSERT_EQ(aces.size(), 4u);
@@ -210,17 +192,11 @@ TEST(SecurityAcl, AddAceInsertsAtTheIndex) {
 TEST(SecurityAcl, ArgumentErrors) {
     Acl acl;
     ASSERT_TRUE(InitializeAcl(&acl, 128, ACL_REVISION));
-    SetLastError(kPoison);
-    EXPECT_FALSE(AddAccessAllowedAce(&acl, ACL_REVISION, 1, Sid{}));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_SID);
+    OVTEST_EXPECT_FAIL(AddAccessAllowedAce(&acl, ACL_REVISION, 1, Sid{}), ERROR_INVALID_SID);
     Acl none;
-    SetLastError(kPoison);
-    EXPECT_FALSE(AddAccessDeniedAce(&none, ACL_REVISION, 1, kAdmins));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_ACL);
+    OVTEST_EXPECT_FAIL(AddAccessDeniedAce(&none, ACL_REVISION, 1, kAdmins), ERROR_INVALID_ACL);
     ACL_SIZE_INFORMATION info;
-    SetLastError(kPoison);
-    EXPECT_FALSE(GetAclInformation(none, &info));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_ACL);
+    OVTEST_EXPECT_FAIL(GetAclInformation(none, &info), ERROR_INVALID_ACL);
     EXPECT_EQ(SizeOf(acl).AceCount, 0u);
 }
 
@@ -230,9 +206,7 @@ TEST(SecurityAcl, FlagsAndDeletion) {
                               {ACCESS_ALLOWED_ACE_TYPE, 0, 3, kUser}});
     ASSERT_TRUE(SetAceFlags(&acl, 1, OBJECT_INHERIT_ACE | INHERIT_ONLY_ACE));
     EXPECT_EQ(AcesOf(acl)[1].Header.AceFlags, 9);
-    SetLastError(kPoison);
-    EXPECT_FALSE(SetAceFlags(&acl, 3, 0));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+    OVTEST_EXPECT_FAIL(SetAceFlags(&acl, 3, 0), ERROR_INVALID_PARAMETER);
 
     ASSERT_TRUE(DeleteAce(&acl, 0));
     const std::vector<Ace> left = AcesOf(acl);
@@ -240,9 +214,7 @@ TEST(SecurityAcl, FlagsAndDeletion) {
     EXPECT_EQ(left[0].sid, kSystem);
     EXPECT_EQ(left[1].sid, kUser);
     EXPECT_EQ(SizeOf(acl).AclBytesInUse, 8u + 20 + 36);
-    SetLastError(kPoison);
-    EXPECT_FALSE(DeleteAce(&acl, 2));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+    OVTEST_EXPECT_FAIL(DeleteAce(&acl, 2), ERROR_INVALID_PARAMETER);
 }
 
 TEST(SecurityAcl, FromBytesRefusesDamagedAcls) {

@@ -39,18 +39,14 @@ SecurityDescriptor Full() {
 
 TEST(SecurityDescriptor, InitialiseNeedsRevisionOne) {
     SecurityDescriptor sd;
-    SetLastError(kPoison);
-    EXPECT_FALSE(InitializeSecurityDescriptor(&sd, 2));
-    EXPECT_EQ(GetLastError(), ERROR_UNKNOWN_REVISION);
+    OVTEST_EXPECT_FAIL(InitializeSecurityDescriptor(&sd, 2), ERROR_UNKNOWN_REVISION);
     bool present = true;
     bool defaulted = true;
     const Acl* dacl = nullptr;
-    SetLastError(kPoison);
-    EXPECT_FALSE(GetSecurityDescriptorDacl(sd, &present, &dacl, &defaulted));
-    EXPECT_EQ(GetLastError(), ERROR_UNKNOWN_REVISION) << "an uninitialised descriptor";
-    SetLastError(kPoison);
-    EXPECT_FALSE(SetSecurityDescriptorOwner(&sd, &kAdmins, false));
-    EXPECT_EQ(GetLastError(), ERROR_UNKNOWN_REVISION);
+    OVTEST_EXPECT_FAIL(GetSecurityDescriptorDacl(sd, &present, &dacl, &defaulted),
+                       ERROR_UNKNOWN_REVISION)
+        << "an uninitialised descriptor";
+    OVTEST_EXPECT_FAIL(SetSecurityDescriptorOwner(&sd, &kAdmins, false), ERROR_UNKNOWN_REVISION);
 
     sd = Initialised();
     SECURITY_DESCRIPTOR_CONTROL control = 0xFFFF;
@@ -66,9 +62,7 @@ TEST(SecurityDescriptor, DaclAbsentNullEmptyAndDefaulted) {
     bool present = true;
     bool defaulted = false;
     const Acl* dacl = reinterpret_cast<const Acl*>(&sd);
-    SetLastError(kPoison);
-    ASSERT_TRUE(GetSecurityDescriptorDacl(sd, &present, &dacl, &defaulted));
-    EXPECT_EQ(GetLastError(), kPoison);
+    OVTEST_ASSERT_QUIET(GetSecurityDescriptorDacl(sd, &present, &dacl, &defaulted));
     EXPECT_FALSE(present);
     EXPECT_EQ(dacl, nullptr);
 
@@ -100,9 +94,7 @@ TEST(SecurityDescriptor, DaclAbsentNullEmptyAndDefaulted) {
     EXPECT_EQ(dacl, nullptr);
 
     const Acl invalid;
-    SetLastError(kPoison);
-    EXPECT_FALSE(SetSecurityDescriptorDacl(&sd, true, &invalid, false));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_ACL);
+    OVTEST_EXPECT_FAIL(SetSecurityDescriptorDacl(&sd, true, &invalid, false), ERROR_INVALID_ACL);
 }
 
 TEST(SecurityDescriptor, OwnerAndGroup) {
@@ -128,9 +120,7 @@ TEST(SecurityDescriptor, OwnerAndGroup) {
     EXPECT_EQ(owner, nullptr);
 
     const Sid bad;
-    SetLastError(kPoison);
-    EXPECT_FALSE(SetSecurityDescriptorGroup(&sd, &bad, false));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_SID);
+    OVTEST_EXPECT_FAIL(SetSecurityDescriptorGroup(&sd, &bad, false), ERROR_INVALID_SID);
 }
 
 TEST(SecurityDescriptor, SelfRelativeLayout) {
@@ -168,9 +158,7 @@ TEST(SecurityDescriptor, SelfRelativeRoundTrips) {
          {Full(), Initialised(), nullDacl, emptyDacl, ownerOnly, roomyDacl}) {
         const std::vector<std::byte> bytes = ToSelfRelative(sd);
         SecurityDescriptor back;
-        SetLastError(kPoison);
-        ASSERT_TRUE(MakeAbsoluteSD(bytes, &back));
-        EXPECT_EQ(GetLastError(), kPoison);
+        OVTEST_ASSERT_QUIET(MakeAbsoluteSD(bytes, &back));
         EXPECT_EQ(back, sd);
         EXPECT_EQ(ToSelfRelative(back), bytes);
     }
@@ -191,23 +179,17 @@ TEST(SecurityDescriptor, MakeSelfRelativeSizeProtocol) {
     const SecurityDescriptor sd = Full();
     const DWORD size = GetSecurityDescriptorLength(sd);
     DWORD probe = 0;
-    SetLastError(kPoison);
-    EXPECT_FALSE(MakeSelfRelativeSD(sd, nullptr, &probe));
-    EXPECT_EQ(GetLastError(), ERROR_INSUFFICIENT_BUFFER);
+    OVTEST_EXPECT_FAIL(MakeSelfRelativeSD(sd, nullptr, &probe), ERROR_INSUFFICIENT_BUFFER);
     EXPECT_EQ(probe, size);
 
     std::vector<std::byte> buffer(size + 1, std::byte{0xCC});
     probe = size - 1;
-    SetLastError(kPoison);
-    EXPECT_FALSE(MakeSelfRelativeSD(sd, buffer.data(), &probe));
-    EXPECT_EQ(GetLastError(), ERROR_INSUFFICIENT_BUFFER);
+    OVTEST_EXPECT_FAIL(MakeSelfRelativeSD(sd, buffer.data(), &probe), ERROR_INSUFFICIENT_BUFFER);
     EXPECT_EQ(probe, size);
     EXPECT_EQ(buffer[0], std::byte{0xCC});
 
     probe = size;
-    SetLastError(kPoison);
-    ASSERT_TRUE(MakeSelfRelativeSD(sd, buffer.data(), &probe));
-    EXPECT_EQ(GetLastError(), kPoison);
+    OVTEST_ASSERT_QUIET(MakeSelfRelativeSD(sd, buffer.data(), &probe));
     EXPECT_EQ(std::vector<std::byte>(buffer.begin(), buffer.begin() + size), ToSelfRelative(sd));
 
     probe = size + 1;
@@ -227,9 +209,7 @@ TEST(SecurityDescriptor, DamagedBytesAreRefused) {
     std::vector<std::byte> absolute = good;
     absolute[3] = std::byte{0};  // SE_SELF_RELATIVE cleared
     SecurityDescriptor sd;
-    SetLastError(kPoison);
-    EXPECT_FALSE(MakeAbsoluteSD(absolute, &sd));
-    EXPECT_EQ(GetLastError(), ERROR_BAD_DESCRIPTOR_FORMAT);
+    OVTEST_EXPECT_FAIL(MakeAbsoluteSD(absolute, &sd), ERROR_BAD_DESCRIPTOR_FORMAT);
 
     std::vector<std::byte> wild = good;
     wild[4] = std::byte{0xF0};  // owner offset far past the end

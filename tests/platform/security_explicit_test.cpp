@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <optional>
 
 #include "ovtest.h"
 #include "security_test_support.h"
@@ -29,14 +30,7 @@ EXPLICIT_ACCESS_W Entry(ACCESS_MODE mode, ACCESS_MASK mask, const Sid& sid, DWOR
     return e;
 }
 
-struct Expected {
-    BYTE type;
-    BYTE flags;
-    ACCESS_MASK mask;
-    Sid sid;
-};
-
-void ExpectAces(const Acl& acl, const std::vector<Expected>& expected) {
+void ExpectAces(const Acl& acl, const std::vector<sectest::AceSpec>& expected) {
     const std::vector<Ace> aces = AcesOf(acl);
     ASSERT_EQ(aces.size(), expected.size());
     for (std::size_t i = 0; i < aces.size(); ++i) {
@@ -54,73 +48,54 @@ void ExpectAces(const Acl& acl, const std::vector<Expected>& expected) {
 constexpr BYTE A = ACCESS_ALLOWED_ACE_TYPE;
 constexpr BYTE D = ACCESS_DENIED_ACE_TYPE;
 
-TEST(SecurityExplicitAccess, DeniedFirstThenAllowedThenInherited) {
+TEST(SecurityExplicitAccess, MergesInWindowsOrder) {
     OVTEST_SKIP_UNDER_WINE(
         "SetEntriesInAclW puts new entries first, keeps old ones as they are and does not merge "
         "a trustee's rights");
-    const Acl old = AclOf({{A, 0, 1, kAdmins}, {A, INHERITED_ACE, 2, kSystem}, {A, 0, 4, kAlice}});
-    const EXPLICIT_ACCESS_W entries[] = {Entry(GRANT_ACCESS, 8, kBob),
-                                         Entry(DENY_ACCESS, 16, kBob)};
-    Acl result;
-    SetLastError(sectest::kPoison);
-    ASSERT_EQ(SetEntriesInAclW(entries, &old, &result), ERROR_SUCCESS);
-    EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
-    ExpectAces(result, {{D, 0, 16, kBob},
-                        {A, 0, 1, kAdmins},
-                        {A, 0, 4, kAlice},
-                        {A, 0, 8, kBob},
-                        {A, INHERITED_ACE, 2, kSystem}});
-}
-
-TEST(SecurityExplicitAccess, GrantAddsToTheMatchingAce) {
-    OVTEST_SKIP_UNDER_WINE(
-        "SetEntriesInAclW puts new entries first, keeps old ones as they are and does not merge "
-        "a trustee's rights");
-    const Acl old = AclOf({{A, 0, 0x8, kAlice}, {A, 2, 0x20000, kAlice}});
-    const EXPLICIT_ACCESS_W grant[] = {Entry(GRANT_ACCESS, 0x20000, kAlice)};
-    Acl result;
-    ASSERT_EQ(SetEntriesInAclW(grant, &old, &result), ERROR_SUCCESS);
-    ExpectAces(result, {{A, 0, 0x20008, kAlice}, {A, 2, 0x20000, kAlice}});
-
-    // Other inheritance flags make a separate ACE.
-    const EXPLICIT_ACCESS_W inherit[] = {Entry(GRANT_ACCESS, 0x10, kAlice, 9)};
-    ASSERT_EQ(SetEntriesInAclW(inherit, &old, &result), ERROR_SUCCESS);
-    ExpectAces(result, {{A, 0, 0x8, kAlice}, {A, 2, 0x20000, kAlice}, {A, 9, 0x10, kAlice}});
-}
-
-TEST(SecurityExplicitAccess, SetReplacesTheTrusteesAces) {
-    OVTEST_SKIP_UNDER_WINE(
-        "SetEntriesInAclW puts new entries first, keeps old ones as they are and does not merge "
-        "a trustee's rights");
-    const Acl old = AclOf({{D, 0, 0x4, kAlice}, {A, 0, 0x8, kAlice}, {A, 0, 0x1, kBob}});
-    const EXPLICIT_ACCESS_W set[] = {Entry(SET_ACCESS, 0xF000C, kAlice)};
-    Acl result;
-    ASSERT_EQ(SetEntriesInAclW(set, &old, &result), ERROR_SUCCESS);
-    ExpectAces(result, {{A, 0, 0x1, kBob}, {A, 0, 0xF000C, kAlice}});
-}
-
-TEST(SecurityExplicitAccess, RevokeDropsAllowedAcesOnly) {
-    OVTEST_SKIP_UNDER_WINE(
-        "SetEntriesInAclW puts new entries first, keeps old ones as they are and does not merge "
-        "a trustee's rights");
-    const Acl old =
-        AclOf({{D, 0, 0x4, kAlice}, {A, 0, 0x8, kAlice}, {A, 9, 0x30, kAlice}, {A, 0, 0x1, kBob}});
-    const EXPLICIT_ACCESS_W revoke[] = {Entry(REVOKE_ACCESS, 0, kAlice)};
-    Acl result;
-    ASSERT_EQ(SetEntriesInAclW(revoke, &old, &result), ERROR_SUCCESS);
-    ExpectAces(result, {{D, 0, 0x4, kAlice}, {A, 0, 0x1, kBob}});
-}
-
-TEST(SecurityExplicitAccess, WithoutAnOldAcl) {
-    OVTEST_SKIP_UNDER_WINE(
-        "SetEntriesInAclW puts new entries first, keeps old ones as they are and does not merge "
-        "a trustee's rights");
-    const EXPLICIT_ACCESS_W entries[] = {Entry(GRANT_ACCESS, 0xF000C, kAdmins),
-                                         Entry(GRANT_ACCESS, 0xF0030, kAdmins, 9),
-                                         Entry(DENY_ACCESS, 0x8, kBob)};
-    Acl result;
-    ASSERT_EQ(SetEntriesInAclW(entries, nullptr, &result), ERROR_SUCCESS);
-    ExpectAces(result, {{D, 0, 0x8, kBob}, {A, 0, 0xF000C, kAdmins}, {A, 9, 0xF0030, kAdmins}});
+    const struct {
+        const char* what;
+        std::optional<std::vector<sectest::AceSpec>> old;
+        std::vector<EXPLICIT_ACCESS_W> entries;
+        std::vector<sectest::AceSpec> expected;
+    } cases[] = {
+        {"denied first, then allowed, then inherited",
+         {{{A, 0, 1, kAdmins}, {A, INHERITED_ACE, 2, kSystem}, {A, 0, 4, kAlice}}},
+         {Entry(GRANT_ACCESS, 8, kBob), Entry(DENY_ACCESS, 16, kBob)},
+         {{D, 0, 16, kBob},
+          {A, 0, 1, kAdmins},
+          {A, 0, 4, kAlice},
+          {A, 0, 8, kBob},
+          {A, INHERITED_ACE, 2, kSystem}}},
+        {"a grant adds to the ACE of the same flags",
+         {{{A, 0, 0x8, kAlice}, {A, 2, 0x20000, kAlice}}},
+         {Entry(GRANT_ACCESS, 0x20000, kAlice)},
+         {{A, 0, 0x20008, kAlice}, {A, 2, 0x20000, kAlice}}},
+        {"other inheritance flags make a separate ACE",
+         {{{A, 0, 0x8, kAlice}, {A, 2, 0x20000, kAlice}}},
+         {Entry(GRANT_ACCESS, 0x10, kAlice, 9)},
+         {{A, 0, 0x8, kAlice}, {A, 2, 0x20000, kAlice}, {A, 9, 0x10, kAlice}}},
+        {"set replaces the trustee's ACEs",
+         {{{D, 0, 0x4, kAlice}, {A, 0, 0x8, kAlice}, {A, 0, 0x1, kBob}}},
+         {Entry(SET_ACCESS, 0xF000C, kAlice)},
+         {{A, 0, 0x1, kBob}, {A, 0, 0xF000C, kAlice}}},
+        {"revoke drops allowed ACEs only",
+         {{{D, 0, 0x4, kAlice}, {A, 0, 0x8, kAlice}, {A, 9, 0x30, kAlice}, {A, 0, 0x1, kBob}}},
+         {Entry(REVOKE_ACCESS, 0, kAlice)},
+         {{D, 0, 0x4, kAlice}, {A, 0, 0x1, kBob}}},
+        {"without an old ACL",
+         std::nullopt,
+         {Entry(GRANT_ACCESS, 0xF000C, kAdmins), Entry(GRANT_ACCESS, 0xF0030, kAdmins, 9),
+          Entry(DENY_ACCESS, 0x8, kBob)},
+         {{D, 0, 0x8, kBob}, {A, 0, 0xF000C, kAdmins}, {A, 9, 0xF0030, kAdmins}}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        const Acl old = c.old ? AclOf(*c.old) : Acl{};
+        Acl result;
+        OVTEST_EXPECT_STATUS(SetEntriesInAclW(c.entries, c.old ? &old : nullptr, &result),
+                             ERROR_SUCCESS);
+        ExpectAces(result, c.expected);
+    }
 }
 
 TEST(SecurityExplicitAccess, EachEntryBecomesAnAce) {
@@ -188,29 +163,31 @@ TEST(SecurityExplicitAccess, UnknownInheritanceFlagsAreRefused) {
     EXPECT_EQ(result, old);
 }
 
-class SecurityExplicitAccessByName : public ovtest::MachineTest {};
+class SecurityExplicitAccessByName : public ovtest::MachineTest {
+  protected:
+    static EXPLICIT_ACCESS_W Grant(const char16_t* name) {
+        EXPLICIT_ACCESS_W byName;
+        byName.grfAccessMode = GRANT_ACCESS;
+        byName.grfAccessPermissions = 0xF000C;
+        byName.Trustee.TrusteeForm = TRUSTEE_IS_NAME;
+        byName.Trustee.name = name;
+        return byName;
+    }
+};
 
 TEST_F(SecurityExplicitAccessByName, TrusteesByAccountName) {
-    EXPLICIT_ACCESS_W byName;
-    byName.grfAccessMode = GRANT_ACCESS;
-    byName.grfAccessPermissions = 0xF000C;
-    byName.Trustee.TrusteeForm = TRUSTEE_IS_NAME;
-    byName.Trustee.name = u"BUILTIN\\Administrators";
+    const EXPLICIT_ACCESS_W entries[] = {Grant(u"BUILTIN\\Administrators")};
     Acl result;
-    ASSERT_EQ(SetEntriesInAclW({&byName, 1}, nullptr, &result), ERROR_SUCCESS);
+    ASSERT_EQ(SetEntriesInAclW(entries, nullptr, &result), ERROR_SUCCESS);
     ExpectAces(result, {{A, 0, 0xF000C, kAdmins}});
 }
 
 TEST_F(SecurityExplicitAccessByName, UnknownTrusteeNames) {
     OVTEST_SKIP_UNDER_WINE("SetEntriesInAclW answers ERROR_INVALID_PARAMETER for unknown names");
-    EXPLICIT_ACCESS_W byName;
-    byName.grfAccessMode = GRANT_ACCESS;
-    byName.grfAccessPermissions = 0xF000C;
-    byName.Trustee.TrusteeForm = TRUSTEE_IS_NAME;
-    byName.Trustee.name = u"NOWHERE\\nobody";
+    const EXPLICIT_ACCESS_W entries[] = {Grant(u"NOWHERE\\nobody")};
     const Acl before = AclOf({{A, 0, 1, kAdmins}});
     Acl result = before;
-    EXPECT_EQ(SetEntriesInAclW({&byName, 1}, nullptr, &result), ERROR_NONE_MAPPED);
+    EXPECT_EQ(SetEntriesInAclW(entries, nullptr, &result), ERROR_NONE_MAPPED);
     EXPECT_EQ(result, before);
 }
 

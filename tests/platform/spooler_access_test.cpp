@@ -84,17 +84,14 @@ TEST_F(SpoolerAccess, PrintOnlyUserQueuesJobsAndOtherUserIsRefused) {
         ASSERT_NE(job, 0u);
         EXPECT_TRUE(EndDocPrinter(printer.get()));
         // Printing is all jo may do.
-        Poison();
-        EXPECT_FALSE(OpenAll(Name(u"Session Printer")));
-        EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+        OVTEST_EXPECT_FAIL(OpenAll(Name(u"Session Printer")), ERROR_ACCESS_DENIED);
     }
     {
         ActingAs ann(u"OVDOMAIN\\ann");
         for (DWORD desired : {DWORD{0}, PRINTER_ACCESS_USE, PRINTER_ALL_ACCESS}) {
             const auto defaults = Access(desired);
-            Poison();
-            EXPECT_FALSE(OpenPrinterW(Name(u"Session Printer"), &defaults));
-            EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+            OVTEST_EXPECT_FAIL(OpenPrinterW(Name(u"Session Printer"), &defaults),
+                               ERROR_ACCESS_DENIED);
         }
     }
     auto admin = OpenAll(Name(u"Session Printer"));
@@ -119,30 +116,22 @@ TEST_F(SpoolerAccess, UsersEndTheirOwnJobsOnly) {
         ActingAs ann(u"OVDOMAIN\\ann");
         auto printer = OpenPrinterW(Name(u"Everyone Prints"));
         ASSERT_TRUE(printer);
-        Poison();
-        EXPECT_FALSE(SetJobW(printer.get(), joJob, JOB_CONTROL_DELETE));
-        EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+        OVTEST_EXPECT_FAIL(SetJobW(printer.get(), joJob, JOB_CONTROL_DELETE), ERROR_ACCESS_DENIED);
     }
     {
         ActingAs jo(u"OVDOMAIN\\jo");
         auto printer = OpenPrinterW(Name(u"Everyone Prints"));
-        Poison();
-        EXPECT_TRUE(SetJobW(printer.get(), joJob, JOB_CONTROL_DELETE));
-        EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
+        OVTEST_EXPECT_OK(SetJobW(printer.get(), joJob, JOB_CONTROL_DELETE));
     }
 }
 
 TEST_F(SpoolerAccess, OrdinaryUsersCannotChangeTheSpoolersSetup) {
     ActingAs jo(u"OVDOMAIN\\jo");
-    Poison();
-    EXPECT_FALSE(AddPrinterW(u"", spooltest::Record(Name(u"Jo's Printer"))));
-    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
-    Poison();
-    EXPECT_FALSE(AddMonitorW(u"", u"Jo's Monitor", u"jo.dll"));
-    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
-    Poison();
-    EXPECT_FALSE(DeletePrinterDriverExW(u"", u"Windows x64", u"Generic / Text Only", 0, 0));
-    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+    OVTEST_EXPECT_FAIL(AddPrinterW(u"", spooltest::Record(Name(u"Jo's Printer"))),
+                       ERROR_ACCESS_DENIED);
+    OVTEST_EXPECT_FAIL(AddMonitorW(u"", u"Jo's Monitor", u"jo.dll"), ERROR_ACCESS_DENIED);
+    OVTEST_EXPECT_FAIL(DeletePrinterDriverExW(u"", u"Windows x64", u"Generic / Text Only", 0, 0),
+                       ERROR_ACCESS_DENIED);
     auto xcv = OpenPrinterW(u",XcvMonitor Local Port");
     ASSERT_TRUE(xcv);
     const std::u16string port = u"JO1:";

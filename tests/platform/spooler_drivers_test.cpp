@@ -114,13 +114,11 @@ TEST_F(SpoolerDrivers, DriverDirectoryIsAWindowsPathInTheMachine) {
         unknown.push_back(u"Windows NT x86");  // the embedded machine has x64 only
     }
     for (const auto& environment : unknown) {
-        Poison();
-        EXPECT_FALSE(GetPrinterDriverDirectoryW(u"", environment, 1).has_value());
-        EXPECT_EQ(GetLastError(), ERROR_INVALID_ENVIRONMENT);
+        OVTEST_EXPECT_FAIL(GetPrinterDriverDirectoryW(u"", environment, 1).has_value(),
+                           ERROR_INVALID_ENVIRONMENT);
     }
-    Poison();
-    EXPECT_FALSE(GetPrinterDriverDirectoryW(u"", u"Windows x64", 2).has_value());
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_LEVEL);
+    OVTEST_EXPECT_FAIL(GetPrinterDriverDirectoryW(u"", u"Windows x64", 2).has_value(),
+                       ERROR_INVALID_LEVEL);
 }
 
 TEST_F(SpoolerDrivers, FreshMachineHasTheGenericDriverWithStorePaths) {
@@ -133,9 +131,8 @@ TEST_F(SpoolerDrivers, FreshMachineHasTheGenericDriverWithStorePaths) {
     ExpectSamePath(generic->driverPath, kDriverDirectory + std::u16string(u"\\3\\GENTEXT.DLL"));
     EXPECT_TRUE(fs::exists(StoreHost() / "GENTEXT.DLL"));
     ASSERT_EQ(generic->dependentFiles.size(), 1u);
-    Poison();
-    EXPECT_FALSE(EnumPrinterDriversW(u"", u"Windows x64", 7).has_value());
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_LEVEL);
+    OVTEST_EXPECT_FAIL(EnumPrinterDriversW(u"", u"Windows x64", 7).has_value(),
+                       ERROR_INVALID_LEVEL);
 }
 
 TEST_F(SpoolerDrivers, AddCopiesFilesFromTheDriverDirectoryIntoTheStore) {
@@ -144,9 +141,7 @@ TEST_F(SpoolerDrivers, AddCopiesFilesFromTheDriverDirectoryIntoTheStore) {
     const auto driverName = Name(u"OV Relay Printer");
     Stage(driverFile, "driver");
     Stage(dataFile, "data");
-    Poison();
-    ASSERT_TRUE(AddDriver(Driver(driverName, driverFile, dataFile)));
-    EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
+    OVTEST_ASSERT_OK(AddDriver(Driver(driverName, driverFile, dataFile)));
     EXPECT_TRUE(fs::exists(StoreHost() / driverFile));
     EXPECT_TRUE(fs::exists(StoreHost() / dataFile));
 
@@ -164,14 +159,12 @@ TEST_F(SpoolerDrivers, AddCopiesFilesFromTheDriverDirectoryIntoTheStore) {
     EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
     EXPECT_EQ(driver->name, driverName);
     EXPECT_TRUE(driver->driverPath.ends_with(u"\\" + driverFile));
-    Poison();
-    EXPECT_FALSE(GetPrinterDriverW(printer.get(), kNoSuchEnvironment, 2).has_value());
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_ENVIRONMENT);
+    OVTEST_EXPECT_FAIL(GetPrinterDriverW(printer.get(), kNoSuchEnvironment, 2).has_value(),
+                       ERROR_INVALID_ENVIRONMENT);
     if (!ovtest::IsWin32Platform()) {
         // The embedded machine knows no environment but x64.
-        Poison();
-        EXPECT_FALSE(GetPrinterDriverW(printer.get(), u"Windows 4.0", 2).has_value());
-        EXPECT_EQ(GetLastError(), ERROR_INVALID_ENVIRONMENT);
+        OVTEST_EXPECT_FAIL(GetPrinterDriverW(printer.get(), u"Windows 4.0", 2).has_value(),
+                           ERROR_INVALID_ENVIRONMENT);
     }
 }
 
@@ -213,15 +206,11 @@ TEST_F(SpoolerDrivers, AddWithAWrongLevelOrEnvironmentAddsNothing) {
     const auto only = File(u"ONLY.DLL");
     const auto half = Name(u"Half");
     Stage(only, "driver");
-    Poison();
-    EXPECT_FALSE(AddPrinterDriverW(u"", 1, Driver(half, only, u"")));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_LEVEL);
+    OVTEST_EXPECT_FAIL(AddPrinterDriverW(u"", 1, Driver(half, only, u"")), ERROR_INVALID_LEVEL);
     OVTEST_SKIP_UNDER_WINE("Wine's AddPrinterDriverW does not check the environment");
     auto wrongEnvironment = Driver(half, only, u"");
     wrongEnvironment.environment = kNoSuchEnvironment;
-    Poison();
-    EXPECT_FALSE(AddDriver(wrongEnvironment));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_ENVIRONMENT);
+    OVTEST_EXPECT_FAIL(AddDriver(wrongEnvironment), ERROR_INVALID_ENVIRONMENT);
     EXPECT_FALSE(Find(half).has_value());
 }
 
@@ -230,9 +219,7 @@ TEST_F(SpoolerDrivers, AddWithAMissingFileAddsNothing) {
     const auto only = File(u"ONLY.DLL");
     const auto half = Name(u"Half");
     Stage(only, "driver");
-    Poison();
-    EXPECT_FALSE(AddDriver(Driver(half, only, File(u"missing.gpd"))));
-    EXPECT_EQ(GetLastError(), ERROR_FILE_NOT_FOUND);
+    OVTEST_EXPECT_FAIL(AddDriver(Driver(half, only, File(u"missing.gpd"))), ERROR_FILE_NOT_FOUND);
     EXPECT_FALSE(Find(half).has_value());
     EXPECT_FALSE(fs::exists(StoreHost() / only));
 }
@@ -246,24 +233,27 @@ TEST_F(SpoolerDrivers, DeleteIsRefusedWhileAPrinterUsesTheDriver) {
     info.driverName = Tag() + u" own";
     auto printer = AddPrinterW(u"", info);
     ASSERT_TRUE(printer);
-    Poison();
-    EXPECT_FALSE(DeletePrinterDriverExW(u"", u"Windows x64", own, DPD_DELETE_UNUSED_FILES, 0));
-    EXPECT_EQ(GetLastError(), ERROR_PRINTER_DRIVER_IN_USE);
+    OVTEST_EXPECT_FAIL(DeletePrinterDriverExW(u"", u"Windows x64", own, DPD_DELETE_UNUSED_FILES, 0),
+                       ERROR_PRINTER_DRIVER_IN_USE);
     EXPECT_TRUE(Find(own).has_value());
 
     ASSERT_TRUE(DeletePrinter(printer.get()));
-    Poison();
-    EXPECT_TRUE(
+    OVTEST_EXPECT_OK(
         DeletePrinterDriverExW(u"", u"Windows x64", Upper(own), DPD_DELETE_UNUSED_FILES, 0));
-    EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
     EXPECT_FALSE(Find(own).has_value());
 }
 
-TEST_F(SpoolerDrivers, DeleteUnusedFilesKeepsFilesOtherDriversName) {
-    OVTEST_SKIP_UNDER_WINE(kNoFileFlagsUnderWine);
+TEST_F(SpoolerDrivers, DeleteRemovesFilesOnlyWhenAskedAndNoOtherDriverNamesThem) {
+    const auto keep = File(u"KEEP.DLL");
     const auto sole = File(u"SOLE.DLL");
+    Stage(keep, "driver");
     Stage(sole, "driver");
+    ASSERT_TRUE(AddDriver(Driver(Name(u"Keep"), keep, u"")));
     ASSERT_TRUE(AddDriver(Driver(Name(u"Sole"), sole, u"")));
+    ASSERT_TRUE(DeletePrinterDriverExW(u"", u"Windows x64", Name(u"Keep"), 0, 0));
+    EXPECT_FALSE(Find(Name(u"Keep")).has_value());
+    EXPECT_TRUE(fs::exists(StoreHost() / keep));
+    OVTEST_SKIP_UNDER_WINE(kNoFileFlagsUnderWine);
     ASSERT_TRUE(fs::exists(StoreHost() / sole));
     ASSERT_TRUE(
         DeletePrinterDriverExW(u"", u"Windows x64", Name(u"Sole"), DPD_DELETE_UNUSED_FILES, 0));
@@ -273,34 +263,23 @@ TEST_F(SpoolerDrivers, DeleteUnusedFilesKeepsFilesOtherDriversName) {
     EXPECT_TRUE(fs::exists(StoreHost() / "UNIDRVUI.DLL"));
 }
 
-TEST_F(SpoolerDrivers, DeleteWithoutFileFlagsLeavesTheFiles) {
-    const auto keep = File(u"KEEP.DLL");
-    Stage(keep, "driver");
-    ASSERT_TRUE(AddDriver(Driver(Name(u"Keep"), keep, u"")));
-    ASSERT_TRUE(DeletePrinterDriverExW(u"", u"Windows x64", Name(u"Keep"), 0, 0));
-    EXPECT_FALSE(Find(Name(u"Keep")).has_value());
-    EXPECT_TRUE(fs::exists(StoreHost() / keep));
-}
-
 TEST_F(SpoolerDrivers, DeleteUnknownDriverOrEnvironmentFails) {
-    Poison();
-    EXPECT_FALSE(DeletePrinterDriverExW(u"", kNoSuchEnvironment, u"Generic / Text Only", 0, 0));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_ENVIRONMENT);
+    OVTEST_EXPECT_FAIL(
+        DeletePrinterDriverExW(u"", kNoSuchEnvironment, u"Generic / Text Only", 0, 0),
+        ERROR_INVALID_ENVIRONMENT);
     if (!ovtest::IsWin32Platform()) {
         // The embedded machine knows no environment but x64.
-        Poison();
-        EXPECT_FALSE(DeletePrinterDriverExW(u"", u"Windows x86", u"Generic / Text Only", 0, 0));
-        EXPECT_EQ(GetLastError(), ERROR_INVALID_ENVIRONMENT);
+        OVTEST_EXPECT_FAIL(
+            DeletePrinterDriverExW(u"", u"Windows x86", u"Generic / Text Only", 0, 0),
+            ERROR_INVALID_ENVIRONMENT);
     }
     OVTEST_SKIP_UNDER_WINE(kNoFileFlagsUnderWine);
-    Poison();
-    EXPECT_FALSE(
-        DeletePrinterDriverExW(u"", u"Windows x64", Name(u"Nobody"), DPD_DELETE_UNUSED_FILES, 0));
-    EXPECT_EQ(GetLastError(), ERROR_UNKNOWN_PRINTER_DRIVER);
-    Poison();
-    EXPECT_FALSE(DeletePrinterDriverExW(u"", u"Windows x64", u"Generic / Text Only",
-                                        DPD_DELETE_SPECIFIC_VERSION, 2));
-    EXPECT_EQ(GetLastError(), ERROR_UNKNOWN_PRINTER_DRIVER);
+    OVTEST_EXPECT_FAIL(
+        DeletePrinterDriverExW(u"", u"Windows x64", Name(u"Nobody"), DPD_DELETE_UNUSED_FILES, 0),
+        ERROR_UNKNOWN_PRINTER_DRIVER);
+    OVTEST_EXPECT_FAIL(DeletePrinterDriverExW(u"", u"Windows x64", u"Generic / Text Only",
+                                              DPD_DELETE_SPECIFIC_VERSION, 2),
+                       ERROR_UNKNOWN_PRINTER_DRIVER);
 }
 
 }  // namespace

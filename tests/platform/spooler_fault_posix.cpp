@@ -17,8 +17,7 @@ TEST_F(FaultSwitchTest, NthCallOrEveryCallFailsWithTheGivenError) {
         std::vector<DWORD> errors;  // of four calls of OpenPrinterW, 0 for success
     };
     const Case cases[] = {
-        {"2:5", {0, 5, 0, 0}},
-        {"*:1801", {1801, 1801, 1801, 1801}},
+        {"2:5", {0, 5, 0, 0}},    {"*:1801", {1801, 1801, 1801, 1801}},
         {"0:5", {0, 0, 0, 0}},     // malformed: ignored
         {"2:five", {0, 0, 0, 0}},  // malformed: ignored
         {"", {0, 0, 0, 0}},

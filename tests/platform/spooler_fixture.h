@@ -129,6 +129,17 @@ class SpoolerTest : public ovtest::MachineTest {
         auto printer = platform::AddPrinterW(u"", Record(name));
         ASSERT_TRUE(printer) << "AddPrinterW failed: " << platform::GetLastError();
     }
+    // Adds a printer and opens it with every right.
+    platform::UniquePrinter AddAndOpen(const std::u16string& name) {
+        AddPrinter(name);
+        return OpenAll(name);
+    }
+    // A printer's record at level 2; fails the test when it cannot be read.
+    static platform::PrinterInfo2 Read(platform::HANDLE printer) {
+        platform::PrinterInfo2 info;
+        EXPECT_TRUE(platform::GetPrinterW(printer, &info)) << platform::GetLastError();
+        return info;
+    }
     // The printers of this test, as the spooler lists them.
     std::vector<platform::PrinterInfo2> OwnPrinters() {
         std::vector<platform::PrinterInfo2> own;

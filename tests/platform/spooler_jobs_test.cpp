@@ -48,9 +48,7 @@ TEST_F(SpoolerJobs, QueuedJobsCountInTheRecordUntilDeleted) {
     ASSERT_NE(first, 0u);
     EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
     // One document at a time per handle.
-    Poison();
-    EXPECT_EQ(StartDocPrinterW(printer.get(), doc), 0u);
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_PRINTER_STATE);
+    OVTEST_EXPECT_FAIL(StartDocPrinterW(printer.get(), doc), ERROR_INVALID_PRINTER_STATE);
     ASSERT_TRUE(EndDocPrinter(printer.get()));
     const DWORD second = Submit(printer.get(), u"second");
     ASSERT_NE(second, 0u);
@@ -71,57 +69,32 @@ TEST_F(SpoolerJobs, QueuedJobsCountInTheRecordUntilDeleted) {
     ASSERT_EQ(tail->size(), 1u);
     EXPECT_EQ((*tail)[0].jobId, second);
 
-    Poison();
-    EXPECT_TRUE(SetJobW(printer.get(), first, JOB_CONTROL_DELETE));
-    EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
+    OVTEST_EXPECT_OK(SetJobW(printer.get(), first, JOB_CONTROL_DELETE));
     EXPECT_EQ(Jobs(name), 1u);
-    Poison();
-    EXPECT_FALSE(SetJobW(printer.get(), first, JOB_CONTROL_DELETE));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
-    Poison();
-    EXPECT_FALSE(EndDocPrinter(printer.get()));
-    EXPECT_EQ(GetLastError(), 3003u);  // no document started
+    OVTEST_EXPECT_FAIL(SetJobW(printer.get(), first, JOB_CONTROL_DELETE), ERROR_INVALID_PARAMETER);
+    OVTEST_EXPECT_FAIL(EndDocPrinter(printer.get()), 3003u);  // no document started
 }
 
 TEST_F(SpoolerJobs, PrinterWithJobsIsDeletedWhenItsLastJobEnds) {
     OVTEST_SKIP_UNDER_WINE(kNoQueueUnderWine);
-    AddPrinter(Name(u"Busy"));
-    auto printer = OpenAll(Name(u"Busy"));
+    auto printer = AddAndOpen(Name(u"Busy"));
     const DWORD job = Submit(printer.get(), u"long document");
     ASSERT_NE(job, 0u);
-    Poison();
-    ASSERT_TRUE(DeletePrinter(printer.get()));
-    EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
+    OVTEST_ASSERT_OK(DeletePrinter(printer.get()));
     EXPECT_EQ(PrinterCount(), 1u);
-    PrinterInfo2 info;
-    ASSERT_TRUE(GetPrinterW(printer.get(), &info));
+    PrinterInfo2 info = Read(printer.get());
     EXPECT_NE(info.status & PRINTER_STATUS_PENDING_DELETION, 0u);
     EXPECT_EQ(info.cJobs, 1u);
     // No new work for a printer on its way out.
-    Poison();
-    EXPECT_EQ(StartDocPrinterW(printer.get(), DocInfo1{}), 0u);
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_PRINTER_STATE);
+    OVTEST_EXPECT_FAIL(StartDocPrinterW(printer.get(), DocInfo1{}), ERROR_INVALID_PRINTER_STATE);
 
     ASSERT_TRUE(SetJobW(printer.get(), job, JOB_CONTROL_DELETE));
     EXPECT_EQ(PrinterCount(), 0u);
 }
 
-TEST_F(SpoolerJobs, PurgeRemovesEveryJob) {
+TEST_F(SpoolerJobs, PauseAndResumeChangeOnlyTheStatusPurgeRemovesEveryJob) {
     OVTEST_SKIP_UNDER_WINE(kNoQueueUnderWine);
-    AddPrinter(Name(u"Office"));
-    auto printer = OpenAll(Name(u"Office"));
-    for (int i = 0; i < 3; ++i) {
-        ASSERT_NE(Submit(printer.get(), u"doc"), 0u);
-    }
-    ASSERT_TRUE(SetPrinterW(printer.get(), PRINTER_CONTROL_PURGE));
-    EXPECT_EQ(Jobs(Name(u"Office")), 0u);
-    EXPECT_NE(Submit(printer.get(), u"after purge"), 0u);
-}
-
-TEST_F(SpoolerJobs, PauseAndResumeChangeOnlyTheStatus) {
-    OVTEST_SKIP_UNDER_WINE(kNoQueueUnderWine);
-    AddPrinter(Name(u"Office"));
-    auto printer = OpenAll(Name(u"Office"));
+    auto printer = AddAndOpen(Name(u"Office"));
     const DWORD job = Submit(printer.get(), u"doc");
     ASSERT_TRUE(SetJobW(printer.get(), job, JOB_CONTROL_PAUSE));
     auto jobs = EnumJobsW(printer.get(), 0, 1, 1);
@@ -131,12 +104,15 @@ TEST_F(SpoolerJobs, PauseAndResumeChangeOnlyTheStatus) {
     jobs = EnumJobsW(printer.get(), 0, 1, 1);
     ASSERT_TRUE(jobs && jobs->size() == 1);
     EXPECT_EQ((*jobs)[0].status & JOB_STATUS_PAUSED, 0u);
-    Poison();
-    EXPECT_FALSE(SetJobW(printer.get(), job, 77));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
-    Poison();
-    EXPECT_FALSE(EnumJobsW(printer.get(), 0, 1, 2).has_value());
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_LEVEL);
+    OVTEST_EXPECT_FAIL(SetJobW(printer.get(), job, 77), ERROR_INVALID_PARAMETER);
+    OVTEST_EXPECT_FAIL(EnumJobsW(printer.get(), 0, 1, 2).has_value(), ERROR_INVALID_LEVEL);
+
+    for (int i = 0; i < 2; ++i) {
+        ASSERT_NE(Submit(printer.get(), u"doc"), 0u);
+    }
+    ASSERT_TRUE(SetPrinterW(printer.get(), PRINTER_CONTROL_PURGE));
+    EXPECT_EQ(Jobs(Name(u"Office")), 0u);
+    EXPECT_NE(Submit(printer.get(), u"after purge"), 0u);
 }
 
 OVTEST_CHILD(spool_submit_jobs) {

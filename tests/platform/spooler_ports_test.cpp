@@ -54,25 +54,12 @@ TEST_F(SpoolerPorts, FreshMachineHasTheLocalPortMonitor) {
     auto ports = EnumPortsW(u"", 2);
     ASSERT_TRUE(ports.has_value());
     for (const auto& name : LocalPorts()) {
-        EXPECT_NE(std::find_if(ports->begin(), ports->end(),
-                               [&](const PortInfo2& p) { return p.portName == name; }),
-                  ports->end())
-            << ovtest::U8(name);
-    }
-    Poison();
-    EXPECT_FALSE(EnumPortsW(u"", 3).has_value());
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_LEVEL);
-}
-
-TEST_F(SpoolerPorts, LocalPortsNameTheirMonitor) {
-    OVTEST_SKIP_UNDER_WINE("Wine's EnumPortsW names the local monitor \"Local Monitor\"");
-    auto ports = EnumPortsW(u"", 2);
-    ASSERT_TRUE(ports.has_value());
-    for (const auto& name : LocalPorts()) {
         const auto port = std::find_if(ports->begin(), ports->end(),
                                        [&](const PortInfo2& p) { return p.portName == name; });
         ASSERT_NE(port, ports->end()) << ovtest::U8(name);
-        EXPECT_EQ(port->monitorName, u"Local Port");
+        OVTEST_TODO_WINE("its EnumPortsW names the local monitor \"Local Monitor\"") {
+            EXPECT_EQ(port->monitorName, u"Local Port");
+        }
     }
     if (!ovtest::IsWin32Platform()) {
         // Windows has ports of other monitors too.
@@ -80,6 +67,7 @@ TEST_F(SpoolerPorts, LocalPortsNameTheirMonitor) {
             EXPECT_EQ(p.monitorName, u"Local Port") << ovtest::U8(p.portName);
         }
     }
+    OVTEST_EXPECT_FAIL(EnumPortsW(u"", 3).has_value(), ERROR_INVALID_LEVEL);
 }
 
 TEST_F(SpoolerPorts, GetPortAnswersSizeFirstThenTheText) {
@@ -146,17 +134,15 @@ TEST_F(SpoolerPorts, UnknownPortsAndCommandsAnswerAnErrorStatus) {
 }
 
 TEST_F(SpoolerPorts, XcvDataNeedsAConfigurationHandle) {
-    AddPrinter(Name(u"Office"));
-    auto printer = spooltest::OpenAll(Name(u"Office"));
+    auto printer = AddAndOpen(Name(u"Office"));
     DWORD status = kPoison;
     DWORD needed = 0;
-    Poison();
-    EXPECT_FALSE(XcvDataW(printer.get(), u"GetPort", u"LPT1:", 12, nullptr, 0, &needed, &status));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+    OVTEST_EXPECT_FAIL(
+        XcvDataW(printer.get(), u"GetPort", u"LPT1:", 12, nullptr, 0, &needed, &status),
+        ERROR_INVALID_HANDLE);
     EXPECT_EQ(status, kPoison);
-    Poison();
-    EXPECT_FALSE(XcvDataW(nullptr, u"GetPort", u"LPT1:", 12, nullptr, 0, &needed, &status));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+    OVTEST_EXPECT_FAIL(XcvDataW(nullptr, u"GetPort", u"LPT1:", 12, nullptr, 0, &needed, &status),
+                       ERROR_INVALID_HANDLE);
 }
 
 TEST_F(SpoolerPorts, XcvPortNameOpensItsMonitor) {
@@ -173,9 +159,7 @@ TEST_F(SpoolerPorts, XcvPortNameOpensItsMonitor) {
 
 TEST_F(SpoolerPorts, XcvPortOfAnUnknownPortIsAnUnknownName) {
     OVTEST_SKIP_UNDER_WINE("Wine answers ERROR_UNKNOWN_PORT for a port no monitor has");
-    Poison();
-    EXPECT_FALSE(OpenPrinterW(u",XcvPort " + Tag() + u":"));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_PRINTER_NAME);
+    OVTEST_EXPECT_FAIL(OpenPrinterW(u",XcvPort " + Tag() + u":"), ERROR_INVALID_PRINTER_NAME);
 }
 
 TEST_F(SpoolerPorts, AddedPortCanCarryPrintersAndDeletedPortCannot) {
@@ -199,21 +183,15 @@ TEST_F(SpoolerPorts, AddedPortCanCarryPrintersAndDeletedPortCannot) {
     OVTEST_SKIP_UNDER_WINE("Wine's AddPrinterW does not check the port");
     auto info = Record(Name(u"On NET6"));
     info.portName = net6;
-    Poison();
-    EXPECT_FALSE(AddPrinterW(u"", info));
-    EXPECT_EQ(GetLastError(), ERROR_UNKNOWN_PORT);
+    OVTEST_EXPECT_FAIL(AddPrinterW(u"", info), ERROR_UNKNOWN_PORT);
 }
 
 TEST_F(SpoolerPorts, MonitorNamesAreUnique) {
     // Windows' own error for it (ERROR_PRINT_MONITOR_ALREADY_INSTALLED); the
     // embedded machine answers ERROR_ALREADY_EXISTS.
     const DWORD exists = ovtest::IsWin32Platform() ? DWORD{3006} : ERROR_ALREADY_EXISTS;
-    Poison();
-    EXPECT_FALSE(AddMonitorW(u"", u"local port", u"x.dll"));
-    EXPECT_EQ(GetLastError(), exists);
-    Poison();
-    EXPECT_FALSE(AddMonitorW(u"", u"", u"x.dll"));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+    OVTEST_EXPECT_FAIL(AddMonitorW(u"", u"local port", u"x.dll"), exists);
+    OVTEST_EXPECT_FAIL(AddMonitorW(u"", u"", u"x.dll"), ERROR_INVALID_PARAMETER);
 }
 
 }  // namespace

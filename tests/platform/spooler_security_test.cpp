@@ -2,12 +2,10 @@
 // descriptor, the owner, and the access check when a printer is opened.
 #include <gtest/gtest.h>
 
-#include <cstring>
-#include <initializer_list>
-#include <tuple>
 #include <vector>
 
 #include "platform/security.h"
+#include "security_test_support.h"
 #include "spooler_fixture.h"
 
 namespace {
@@ -18,126 +16,51 @@ using spooltest::OpenAll;
 using spooltest::Poison;
 using Bytes = std::vector<std::byte>;
 
-// ---- descriptors built and read by hand, in Windows' layout ----------------------
+const Sid kSystem = sectest::SidOf(u"S-1-5-18");
+const Sid kAdmins = sectest::SidOf(u"S-1-5-32-544");
+const Sid kEveryone = sectest::SidOf(u"S-1-1-0");
+const Sid kUser = sectest::SidOf(u"S-1-5-21-1-2-3-1001");
+constexpr BYTE A = ACCESS_ALLOWED_ACE_TYPE;
 
-Bytes Sid(std::uint8_t authority, std::initializer_list<std::uint32_t> subs) {
-    Bytes sid(8 + 4 * subs.size());
-    sid[0] = std::byte{1};
-    sid[1] = static_cast<std::byte>(subs.size());
-    sid[7] = static_cast<std::byte>(authority);
-    std::size_t at = 8;
-    for (auto s : subs) {
-        std::memcpy(sid.data() + at, &s, 4);
-        at += 4;
-    }
-    return sid;
+// A self-relative descriptor with the owner and the DACL given (each may be
+// absent), and the parts of one read back.
+Bytes Descriptor(const Sid* owner, const std::vector<sectest::AceSpec>* dacl) {
+    SecurityDescriptor sd;
+    EXPECT_TRUE(InitializeSecurityDescriptor(&sd, SECURITY_DESCRIPTOR_REVISION));
+    EXPECT_TRUE(owner == nullptr || SetSecurityDescriptorOwner(&sd, owner, false));
+    const Acl acl = dacl != nullptr ? sectest::AclOf(*dacl) : Acl{};
+    EXPECT_TRUE(dacl == nullptr || SetSecurityDescriptorDacl(&sd, true, &acl, false));
+    return ToSelfRelative(sd);
 }
 
-const Bytes kSystem = Sid(5, {18});
-const Bytes kAdmins = Sid(5, {32, 544});
-const Bytes kEveryone = Sid(1, {0});
-const Bytes kUser = Sid(5, {21, 1, 2, 3, 1001});
-
-struct Ace {
-    std::uint8_t type;
-    std::uint8_t flags;
-    std::uint32_t mask;
-    Bytes sid;
-};
-
-template <typename T>
-void Put(Bytes& b, std::size_t at, T v) {
-    std::memcpy(b.data() + at, &v, sizeof(T));
-}
-template <typename T>
-T Get(const Bytes& b, std::size_t at) {
-    T v{};
-    std::memcpy(&v, b.data() + at, sizeof(T));
-    return v;
+Sid OwnerOf(const Bytes& bytes) {
+    SecurityDescriptor sd;
+    const Sid* owner = nullptr;
+    bool defaulted = false;
+    EXPECT_TRUE(MakeAbsoluteSD(bytes, &sd) && GetSecurityDescriptorOwner(sd, &owner, &defaulted));
+    return owner != nullptr ? *owner : Sid{};
 }
 
-void Append(Bytes& to, const Bytes& part) {
-    const std::size_t at = to.size();
-    to.resize(at + part.size());
-    if (!part.empty()) {
-        std::memcpy(to.data() + at, part.data(), part.size());
-    }
-}
-
-// Self-relative: header, then owner (when given), then the DACL (when present).
-Bytes Descriptor(const Bytes* owner, const std::vector<Ace>* dacl) {
-    Bytes sd(20);
-    sd[0] = std::byte{1};
-    std::uint16_t control = 0x8000;
-    if (owner != nullptr) {
-        Put<std::uint32_t>(sd, 4, static_cast<std::uint32_t>(sd.size()));
-        Append(sd, *owner);
-    }
-    if (dacl != nullptr) {
-        control |= 0x0004;
-        Put<std::uint32_t>(sd, 16, static_cast<std::uint32_t>(sd.size()));
-        Bytes acl(8);
-        for (const auto& ace : *dacl) {
-            Bytes a(8 + ace.sid.size());
-            a[0] = std::byte{ace.type};
-            a[1] = std::byte{ace.flags};
-            Put<std::uint16_t>(a, 2, static_cast<std::uint16_t>(a.size()));
-            Put<std::uint32_t>(a, 4, ace.mask);
-            std::memcpy(a.data() + 8, ace.sid.data(), ace.sid.size());
-            Append(acl, a);
-        }
-        acl[0] = std::byte{2};
-        Put<std::uint16_t>(acl, 2, static_cast<std::uint16_t>(acl.size()));
-        Put<std::uint16_t>(acl, 4, static_cast<std::uint16_t>(dacl->size()));
-        Append(sd, acl);
-    }
-    Put<std::uint16_t>(sd, 2, control);
-    return sd;
-}
-
-Bytes OwnerOf(const Bytes& sd) {
-    if (sd.size() < 20) {
-        return {};
-    }
-    const auto at = Get<std::uint32_t>(sd, 4);
-    if (at == 0) {
-        return {};
-    }
-    const std::size_t length = 8 + 4 * static_cast<std::size_t>(sd[at + 1]);
-    return Bytes(sd.begin() + at, sd.begin() + at + length);
-}
-
-std::vector<Ace> DaclOf(const Bytes& sd) {
-    std::vector<Ace> aces;
-    if (sd.size() < 20) {
-        return aces;
-    }
-    const auto at = Get<std::uint32_t>(sd, 16);
-    if ((Get<std::uint16_t>(sd, 2) & 0x0004) == 0 || at == 0) {
-        return aces;
-    }
-    const auto count = Get<std::uint16_t>(sd, at + 4);
-    std::size_t ace = at + 8;
-    for (std::uint16_t i = 0; i < count; ++i) {
-        const auto size = Get<std::uint16_t>(sd, ace + 2);
-        aces.push_back({static_cast<std::uint8_t>(sd[ace]), static_cast<std::uint8_t>(sd[ace + 1]),
-                        Get<std::uint32_t>(sd, ace + 4),
-                        Bytes(sd.begin() + ace + 8, sd.begin() + ace + size)});
-        ace += size;
-    }
-    return aces;
+std::vector<Ace> DaclOf(const Bytes& bytes) {
+    SecurityDescriptor sd;
+    bool present = false;
+    bool defaulted = false;
+    const Acl* dacl = nullptr;
+    EXPECT_TRUE(MakeAbsoluteSD(bytes, &sd) &&
+                GetSecurityDescriptorDacl(sd, &present, &dacl, &defaulted));
+    return dacl != nullptr ? sectest::AcesOf(*dacl) : std::vector<Ace>{};
 }
 
 constexpr char kNoSecurityUnderWine[] =
     "Wine's spooler keeps no security descriptor for a printer (no level 3, none in level 2)";
 
 // The user of this process's token: the creator of the printers it adds.
-Bytes CreatorSid() {
+Sid CreatorSid() {
     UniqueToken token;
-    platform::Sid user;
+    Sid user;
     EXPECT_TRUE(OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token));
     EXPECT_TRUE(GetTokenUserSid(token.get(), &user));
-    return Bytes(user.bytes().begin(), user.bytes().end());
+    return user;
 }
 
 class SpoolerSecurity : public spooltest::SpoolerTest {
@@ -161,16 +84,16 @@ TEST_F(SpoolerSecurity, NewPrinterIsOwnedByItsCreatorAndLetsEveryonePrint) {
     const Bytes sd = SecurityOf(Name(u"Office"));
     ASSERT_GE(sd.size(), 20u);
     EXPECT_EQ(sd[0], std::byte{1});
-    EXPECT_EQ(Get<std::uint16_t>(sd, 2) & 0x8004, 0x8004);  // self-relative, DACL present
+    EXPECT_EQ(std::to_integer<int>(sd[3]) & 0x80, 0x80);  // self-relative
+    EXPECT_EQ(std::to_integer<int>(sd[2]) & 0x04, 0x04);  // DACL present
     EXPECT_EQ(OwnerOf(sd), CreatorSid());  // on the embedded machine: the local system
     bool everyonePrints = false;
     bool adminsManage = false;
     for (const auto& ace : DaclOf(sd)) {
-        everyonePrints |= ace.type == 0 && ace.sid == kEveryone && ace.flags == 0 &&
-                          (ace.mask & PRINTER_ACCESS_USE) != 0 &&
-                          (ace.mask & PRINTER_ACCESS_ADMINISTER) == 0;
-        adminsManage |=
-            ace.type == 0 && ace.sid == kAdmins && ace.flags == 0 && ace.mask == PRINTER_ALL_ACCESS;
+        const bool plain = ace.Header.AceType == A && ace.Header.AceFlags == 0;
+        everyonePrints |= plain && ace.sid == kEveryone && (ace.Mask & PRINTER_ACCESS_USE) != 0 &&
+                          (ace.Mask & PRINTER_ACCESS_ADMINISTER) == 0;
+        adminsManage |= plain && ace.sid == kAdmins && ace.Mask == PRINTER_ALL_ACCESS;
     }
     EXPECT_TRUE(everyonePrints);
     EXPECT_TRUE(adminsManage);
@@ -179,9 +102,9 @@ TEST_F(SpoolerSecurity, NewPrinterIsOwnedByItsCreatorAndLetsEveryonePrint) {
 TEST_F(SpoolerSecurity, GivenDescriptorIsStoredAsGiven) {
     OVTEST_SKIP_UNDER_WINE(kNoSecurityUnderWine);
 
-    const std::vector<Ace> dacl = {{0, 0, PRINTER_ALL_ACCESS, kSystem},
-                                   {0, 0, 0x00020008, kUser},
-                                   {0, 9, 0x000F0030, kAdmins}};
+    const std::vector<sectest::AceSpec> dacl = {{A, 0, PRINTER_ALL_ACCESS, kSystem},
+                                                {A, 0, 0x00020008, kUser},
+                                                {A, 9, 0x000F0030, kAdmins}};
     auto info = spooltest::Record(Name(u"Restricted"));
     info.securityDescriptor = Descriptor(&kAdmins, &dacl);
     ASSERT_TRUE(AddPrinterW(u"", info));
@@ -190,8 +113,8 @@ TEST_F(SpoolerSecurity, GivenDescriptorIsStoredAsGiven) {
     const auto read = DaclOf(sd);
     ASSERT_EQ(read.size(), 3u);
     EXPECT_EQ(read[1].sid, kUser);
-    EXPECT_EQ(read[1].mask, 0x00020008u);
-    EXPECT_EQ(read[2].flags, 9);
+    EXPECT_EQ(read[1].Mask, 0x00020008u);
+    EXPECT_EQ(read[2].Header.AceFlags, 9);
 }
 
 TEST_F(SpoolerSecurity, MalformedDescriptorsAreRefused) {
@@ -202,29 +125,23 @@ TEST_F(SpoolerSecurity, MalformedDescriptorsAreRefused) {
     for (const Bytes& sd : {truncated, absolute, Bytes(8, std::byte{1})}) {
         auto info = spooltest::Record(Name(u"Broken"));
         info.securityDescriptor = sd;
-        Poison();
-        EXPECT_FALSE(AddPrinterW(u"", info));
-        EXPECT_EQ(GetLastError(), ERROR_INVALID_SECURITY_DESCR);
+        OVTEST_EXPECT_FAIL(AddPrinterW(u"", info), ERROR_INVALID_SECURITY_DESCR);
     }
     EXPECT_EQ(PrinterCount(), 0u);
-    AddPrinter(Name(u"Office"));
-    auto printer = OpenAll(Name(u"Office"));
-    Poison();
-    EXPECT_FALSE(SetPrinterW(printer.get(), PrinterInfo3{truncated}, 0));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_SECURITY_DESCR);
-    Poison();
-    EXPECT_FALSE(SetPrinterW(printer.get(), PrinterInfo3{}, 0));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+    auto printer = AddAndOpen(Name(u"Office"));
+    OVTEST_EXPECT_FAIL(SetPrinterW(printer.get(), PrinterInfo3{truncated}, 0),
+                       ERROR_INVALID_SECURITY_DESCR);
+    OVTEST_EXPECT_FAIL(SetPrinterW(printer.get(), PrinterInfo3{}, 0), ERROR_INVALID_PARAMETER);
 }
 
 TEST_F(SpoolerSecurity, DescriptorWithoutOwnerKeepsThePrintersOwner) {
     OVTEST_SKIP_UNDER_WINE(kNoSecurityUnderWine);
     AddPrinter(Name(u"Office"));
-    const std::vector<Ace> dacl = {{0, 0, PRINTER_ALL_ACCESS, kAdmins}, {0, 0, 0x20008, kUser}};
+    const std::vector<sectest::AceSpec> dacl = {{A, 0, PRINTER_ALL_ACCESS, kAdmins},
+                                                {A, 0, 0x20008, kUser}};
     // As an ACL editor writes it back: a DACL only, through the level-2 record.
     auto printer = OpenAll(Name(u"Office"));
-    PrinterInfo2 info;
-    ASSERT_TRUE(GetPrinterW(printer.get(), &info));
+    PrinterInfo2 info = Read(printer.get());
     info.securityDescriptor = Descriptor(nullptr, &dacl);
     ASSERT_TRUE(SetPrinterW(printer.get(), info, 0));
     const Bytes sd = SecurityOf(Name(u"Office"));
@@ -239,9 +156,9 @@ TEST_F(SpoolerSecurity, OwnerChangeKeepsTheDacl) {
     AddPrinter(name);
     const auto before = DaclOf(SecurityOf(name));
     auto printer = OpenAll(name);
-    Poison();
-    EXPECT_EQ(SetPrinterOwner(printer.get(), kAdmins), ERROR_SUCCESS);
-    EXPECT_EQ(GetLastError(), ERROR_SUCCESS);
+    OVTEST_EXPECT_STATUS(
+        SetPrinterOwner(printer.get(), Bytes(kAdmins.bytes().begin(), kAdmins.bytes().end())),
+        ERROR_SUCCESS);
     const Bytes sd = SecurityOf(name);
     EXPECT_EQ(OwnerOf(sd), kAdmins);
     EXPECT_EQ(DaclOf(sd).size(), before.size());
@@ -249,9 +166,9 @@ TEST_F(SpoolerSecurity, OwnerChangeKeepsTheDacl) {
     Poison();
     EXPECT_EQ(SetPrinterOwner(printer.get(), Bytes(5, std::byte{1})), ERROR_INVALID_SID);
     auto user = OpenPrinterW(name);
-    Poison();
-    EXPECT_EQ(SetPrinterOwner(user.get(), kSystem), ERROR_ACCESS_DENIED);
-    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+    OVTEST_EXPECT_STATUS(
+        SetPrinterOwner(user.get(), Bytes(kSystem.bytes().begin(), kSystem.bytes().end())),
+        ERROR_ACCESS_DENIED);
 }
 
 TEST_F(SpoolerSecurity, OpenIsCheckedAgainstTheDacl) {
@@ -259,16 +176,12 @@ TEST_F(SpoolerSecurity, OpenIsCheckedAgainstTheDacl) {
     const auto name = Name(u"Print Only");
     AddPrinter(name);
     // Only Everyone may print; the caller (system) is not the owner.
-    const std::vector<Ace> dacl = {{0, 0, PRINTER_READ, kEveryone}};
+    const std::vector<sectest::AceSpec> dacl = {{A, 0, PRINTER_READ, kEveryone}};
     SetSecurity(name, Descriptor(&kUser, &dacl));
 
-    Poison();
-    EXPECT_FALSE(OpenAll(name));
-    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+    OVTEST_EXPECT_FAIL(OpenAll(name), ERROR_ACCESS_DENIED);
     const auto administer = Access(PRINTER_ACCESS_ADMINISTER);
-    Poison();
-    EXPECT_FALSE(OpenPrinterW(name, &administer));
-    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+    OVTEST_EXPECT_FAIL(OpenPrinterW(name, &administer), ERROR_ACCESS_DENIED);
 
     // Printing, generic read and the default access are granted.
     for (DWORD desired : {DWORD{0}, PRINTER_ACCESS_USE, DWORD{0x80000000}}) {
@@ -291,19 +204,17 @@ TEST_F(SpoolerSecurity, OwnerMayStillReadAndRewriteAnEmptyDacl) {
     OVTEST_SKIP_UNDER_WINE(kNoSecurityUnderWine);
     const auto name = Name(u"Locked");
     AddPrinter(name);
-    const std::vector<Ace> none;
-    const Bytes creator = CreatorSid();
+    const std::vector<sectest::AceSpec> none;
+    const Sid creator = CreatorSid();
     SetSecurity(name, Descriptor(&creator, &none));
-    Poison();
-    EXPECT_FALSE(OpenPrinterW(name));
-    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+    OVTEST_EXPECT_FAIL(OpenPrinterW(name), ERROR_ACCESS_DENIED);
     const auto control = Access(0x00060000);  // READ_CONTROL | WRITE_DAC
     auto owner = OpenPrinterW(name, &control);
     ASSERT_TRUE(owner);
     PrinterInfo3 info;
     ASSERT_TRUE(GetPrinterW(owner.get(), &info));
     EXPECT_TRUE(DaclOf(info.securityDescriptor).empty());
-    const std::vector<Ace> open = {{0, 0, PRINTER_ALL_ACCESS, creator}};
+    const std::vector<sectest::AceSpec> open = {{A, 0, PRINTER_ALL_ACCESS, creator}};
     ASSERT_TRUE(SetPrinterW(owner.get(), PrinterInfo3{Descriptor(nullptr, &open)}, 0));
     EXPECT_TRUE(OpenAll(name));
 }
@@ -312,13 +223,10 @@ TEST_F(SpoolerSecurity, HandleWithoutReadControlSeesNoDescriptor) {
     OVTEST_SKIP_UNDER_WINE(kNoSecurityUnderWine);
     AddPrinter(Name(u"Office"));
     auto user = OpenPrinterW(Name(u"Office"));
-    PrinterInfo2 info;
-    ASSERT_TRUE(GetPrinterW(user.get(), &info));
+    PrinterInfo2 info = Read(user.get());
     EXPECT_TRUE(info.securityDescriptor.empty());
     PrinterInfo3 level3;
-    Poison();
-    EXPECT_FALSE(GetPrinterW(user.get(), &level3));
-    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+    OVTEST_EXPECT_FAIL(GetPrinterW(user.get(), &level3), ERROR_ACCESS_DENIED);
 }
 
 }  // namespace

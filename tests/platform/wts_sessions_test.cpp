@@ -64,7 +64,7 @@ DWORD ReadDword(std::u16string_view key, std::u16string_view name) {
 
 class WtsSessions : public ovtest::MachineTest {};
 
-TEST_F(WtsSessions, FreshMachineHasConsoleAndListener) {
+TEST_F(WtsSessions, FreshMachineHasConsoleWithoutUserAndListener) {
     OVTEST_EMBEDDED_ONLY("a fresh embedded machine's session table");
     auto sessions = Enumerate();
     ASSERT_EQ(sessions.size(), 2u);
@@ -74,12 +74,19 @@ TEST_F(WtsSessions, FreshMachineHasConsoleAndListener) {
     EXPECT_EQ(sessions[1].SessionId, kListenerSessionId);
     EXPECT_EQ(U8(sessions[1].pWinStationName), "RDP-Tcp");
     EXPECT_EQ(sessions[1].State, WTSListen);
+    // The console without a user: an empty text and no address.
+    std::vector<std::byte> b;
+    ASSERT_TRUE(WTSQuerySessionInformationW(WTS_CURRENT_SERVER_HANDLE, 0, WTSUserName, &b));
+    EXPECT_EQ(b.size(), 2u);
+    ASSERT_TRUE(WTSQuerySessionInformationW(WTS_CURRENT_SERVER_HANDLE, 0, WTSClientAddress, &b));
+    ASSERT_EQ(b.size(), 24u);
+    EXPECT_EQ(DwordOf(b), AF_UNSPEC);
 }
 
-TEST_F(WtsSessions, FreshMachineIsAnApplicationServerAcceptingConnections) {
+TEST_F(WtsSessions, DefaultsMakeAnApplicationServerButKeepWhatAnAdministratorSet) {
     OVTEST_EMBEDDED_ONLY("the embedded terminal server's registry defaults");
-    Enumerate();
     const std::u16string ts = u"SYSTEM\\CurrentControlSet\\Control\\Terminal Server";
+    Enumerate();
     EXPECT_EQ(ReadDword(ts, u"TSAppCompat"), 1u);
     EXPECT_EQ(ReadDword(ts, u"fDenyTSConnections"), 0u);
     UniqueKey po;
@@ -90,120 +97,90 @@ TEST_F(WtsSessions, FreshMachineIsAnApplicationServerAcceptingConnections) {
     RegistryValue suite;
     ASSERT_EQ(RegGetValue(po.get(), u"ProductSuite", &suite), ERROR_SUCCESS);
     EXPECT_EQ(suite.type, REG_MULTI_SZ);
-    EXPECT_EQ(TextOf(std::vector<std::byte>(suite.data.begin(), suite.data.end())),
-              std::u16string(u"Terminal Server\0\0", 17));
-}
+    EXPECT_EQ(TextOf(suite.data), std::u16string(u"Terminal Server\0\0", 17));
 
-TEST_F(WtsSessions, DefaultsNeverOverwriteWhatAnAdministratorSet) {
-    OVTEST_EMBEDDED_ONLY("the embedded terminal server's registry defaults");
-    UniqueKey ts;
-    ASSERT_EQ(
-        RegCreateKeyExW(HKEY_LOCAL_MACHINE, u"SYSTEM\\CurrentControlSet\\Control\\Terminal Server",
-                        0, KEY_ALL_ACCESS, &ts, nullptr),
-        ERROR_SUCCESS);
-    const DWORD deny = 1;
-    ASSERT_EQ(RegSetValueExW(ts.get(), u"fDenyTSConnections", REG_DWORD, &deny, 4), ERROR_SUCCESS);
-    Enumerate();
-    EXPECT_EQ(
-        ReadDword(u"SYSTEM\\CurrentControlSet\\Control\\Terminal Server", u"fDenyTSConnections"),
-        1u);
-    EXPECT_EQ(ReadDword(u"SYSTEM\\CurrentControlSet\\Control\\Terminal Server", u"TSAppCompat"),
-              1u);
-}
-
-TEST_F(WtsSessions, LogonWritesTheTableOtherPartsRead) {
-    OVTEST_EMBEDDED_ONLY("logging sessions on in the embedded session table");
-    ASSERT_EQ(terminal::Logon(Remote(3, "alice")), ERROR_SUCCESS);
+    // A fresh root whose administrator denied connections keeps that.
+    const std::string other = ovtest::MakeTempDir("ovsvc-test-denied-");
+    machine::UseRoot(other);
     UniqueKey key;
-    ASSERT_EQ(RegOpenKeyExW(HKEY_LOCAL_MACHINE, u"SOFTWARE\\OVSvc Embedded\\Sessions\\3", 0,
-                            KEY_READ, &key),
+    ASSERT_EQ(RegCreateKeyExW(HKEY_LOCAL_MACHINE, ts, 0, KEY_ALL_ACCESS, &key, nullptr),
               ERROR_SUCCESS);
-    RegistryValue user;
-    ASSERT_EQ(RegGetValue(key.get(), u"UserName", &user), ERROR_SUCCESS);
-    EXPECT_EQ(user.type, REG_SZ);
-    EXPECT_EQ(TextOf(std::vector<std::byte>(user.data.begin(), user.data.end())),
-              std::u16string(u"alice\0", 6));
-    RegistryValue domain;
-    ASSERT_EQ(RegGetValue(key.get(), u"DomainName", &domain), ERROR_SUCCESS);
-    EXPECT_EQ(TextOf(std::vector<std::byte>(domain.data.begin(), domain.data.end())),
-              std::u16string(u"CORP\0", 5));
-    EXPECT_EQ(ReadDword(u"SOFTWARE\\OVSvc Embedded\\Sessions\\3", u"State"), 0u);
+    const DWORD deny = 1;
+    ASSERT_EQ(RegSetValueExW(key.get(), u"fDenyTSConnections", REG_DWORD, &deny, 4), ERROR_SUCCESS);
+    key.reset();
+    Enumerate();
+    EXPECT_EQ(ReadDword(ts, u"fDenyTSConnections"), 1u);
+    EXPECT_EQ(ReadDword(ts, u"TSAppCompat"), 1u);
+    machine::UseRoot(root());
+    std::error_code ec;
+    std::filesystem::remove_all(other, ec);
 }
 
-TEST_F(WtsSessions, QueryAnswersInWindowsLayouts) {
+// The table other parts read, and the session calls' answers in Windows'
+// layouts.
+TEST_F(WtsSessions, LogonIsWrittenToTheTableAndQueriedInWindowsLayouts) {
     OVTEST_EMBEDDED_ONLY("logging sessions on in the embedded session table");
     ASSERT_EQ(terminal::Logon(Remote(3, "alice", "192.168.17.201")), ERROR_SUCCESS);
-    std::vector<std::byte> b;
+    const std::u16string path = u"SOFTWARE\\OVSvc Embedded\\Sessions\\3";
+    UniqueKey key;
+    ASSERT_EQ(RegOpenKeyExW(HKEY_LOCAL_MACHINE, path, 0, KEY_READ, &key), ERROR_SUCCESS);
+    for (const auto& [name, text] : {std::pair{u"UserName", std::u16string(u"alice\0", 6)},
+                                     std::pair{u"DomainName", std::u16string(u"CORP\0", 5)}}) {
+        RegistryValue value;
+        ASSERT_EQ(RegGetValue(key.get(), name, &value), ERROR_SUCCESS);
+        EXPECT_EQ(value.type, REG_SZ);
+        EXPECT_EQ(TextOf(value.data), text);
+    }
+    EXPECT_EQ(ReadDword(path, u"State"), 0u);
 
+    std::vector<std::byte> b;
     ASSERT_TRUE(WTSQuerySessionInformationW(WTS_CURRENT_SERVER_HANDLE, 3, WTSSessionId, &b));
     ASSERT_EQ(b.size(), 4u);
     EXPECT_EQ(DwordOf(b), 3u);
-
-    ASSERT_TRUE(WTSQuerySessionInformationW(WTS_CURRENT_SERVER_HANDLE, 3, WTSUserName, &b));
-    EXPECT_EQ(b.size(), 12u);  // five characters and the terminator
-    EXPECT_EQ(TextOf(b), std::u16string(u"alice\0", 6));
-
-    ASSERT_TRUE(WTSQuerySessionInformationW(WTS_CURRENT_SERVER_HANDLE, 3, WTSDomainName, &b));
-    EXPECT_EQ(TextOf(b), std::u16string(u"CORP\0", 5));
-    ASSERT_TRUE(WTSQuerySessionInformationW(WTS_CURRENT_SERVER_HANDLE, 3, WTSClientName, &b));
-    EXPECT_EQ(TextOf(b), std::u16string(u"PC-alice\0", 9));
-    ASSERT_TRUE(WTSQuerySessionInformationW(WTS_CURRENT_SERVER_HANDLE, 3, WTSWinStationName, &b));
-    EXPECT_EQ(TextOf(b), std::u16string(u"RDP-Tcp#3\0", 10));
     ASSERT_TRUE(WTSQuerySessionInformationW(WTS_CURRENT_SERVER_HANDLE, 3, WTSConnectState, &b));
     EXPECT_EQ(DwordOf(b), static_cast<DWORD>(WTSActive));
-
+    // Texts end in one terminator (the user name: five characters and it).
+    for (const auto& [infoClass, text] :
+         {std::pair{WTSUserName, std::u16string(u"alice\0", 6)},
+          std::pair{WTSDomainName, std::u16string(u"CORP\0", 5)},
+          std::pair{WTSClientName, std::u16string(u"PC-alice\0", 9)},
+          std::pair{WTSWinStationName, std::u16string(u"RDP-Tcp#3\0", 10)}}) {
+        ASSERT_TRUE(WTSQuerySessionInformationW(WTS_CURRENT_SERVER_HANDLE, 3, infoClass, &b));
+        EXPECT_EQ(b.size(), text.size() * 2);
+        EXPECT_EQ(TextOf(b), text);
+    }
+    // Family, two port bytes, the address, zeros.
     ASSERT_TRUE(WTSQuerySessionInformationW(WTS_CURRENT_SERVER_HANDLE, 3, WTSClientAddress, &b));
     ASSERT_EQ(b.size(), 24u);
     EXPECT_EQ(DwordOf(b), AF_INET);
-    const auto* bytes = reinterpret_cast<const unsigned char*>(b.data());
-    EXPECT_EQ(bytes[4], 0);  // the two port bytes
-    EXPECT_EQ(bytes[5], 0);
-    EXPECT_EQ(bytes[6], 192);
-    EXPECT_EQ(bytes[7], 168);
-    EXPECT_EQ(bytes[8], 17);
-    EXPECT_EQ(bytes[9], 201);
-    for (std::size_t i = 10; i < 24; ++i) {
-        EXPECT_EQ(bytes[i], 0) << i;
-    }
-}
-
-TEST_F(WtsSessions, ConsoleWithoutUserAnswersEmptyTextsAndNoAddress) {
-    OVTEST_EMBEDDED_ONLY("a fresh embedded machine's console session");
-    std::vector<std::byte> b;
-    ASSERT_TRUE(WTSQuerySessionInformationW(WTS_CURRENT_SERVER_HANDLE, 0, WTSUserName, &b));
-    EXPECT_EQ(b.size(), 2u);
-    ASSERT_TRUE(WTSQuerySessionInformationW(WTS_CURRENT_SERVER_HANDLE, 0, WTSClientAddress, &b));
-    ASSERT_EQ(b.size(), 24u);
-    EXPECT_EQ(DwordOf(b), AF_UNSPEC);
+    std::vector<unsigned char> address(24, 0);
+    const unsigned char ip[] = {192, 168, 17, 201};
+    std::memcpy(address.data() + 6, ip, 4);
+    EXPECT_EQ(std::memcmp(b.data() + 4, address.data() + 4, 20), 0);
 }
 
 TEST_F(WtsSessions, AnUnknownSessionIsNotFound) {
     OVTEST_SKIP_UNDER_WINE("WTSQuerySessionInformationW answers the user name for any session id");
     std::vector<std::byte> b;
-    SetLastError(kPoison);
-    EXPECT_FALSE(WTSQuerySessionInformationW(WTS_CURRENT_SERVER_HANDLE, 4242, WTSUserName, &b));
-    EXPECT_EQ(GetLastError(), ERROR_CTX_WINSTATION_NOT_FOUND);
+    OVTEST_EXPECT_FAIL(
+        WTSQuerySessionInformationW(WTS_CURRENT_SERVER_HANDLE, 4242, WTSUserName, &b),
+        ERROR_CTX_WINSTATION_NOT_FOUND);
 }
 
 TEST_F(WtsSessions, BadQueriesFailWithWindowsErrors) {
     std::vector<std::byte> b;
-    SetLastError(kPoison);
-    EXPECT_FALSE(WTSQuerySessionInformationW(WTS_CURRENT_SERVER_HANDLE, 0, WTSOEMId, &b));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+    OVTEST_EXPECT_FAIL(WTSQuerySessionInformationW(WTS_CURRENT_SERVER_HANDLE, 0, WTSOEMId, &b),
+                       ERROR_INVALID_PARAMETER);
     std::vector<WTS_SESSION_INFOW> s;
-    SetLastError(kPoison);
-    EXPECT_FALSE(WTSEnumerateSessionsW(WTS_CURRENT_SERVER_HANDLE, 0, 2, &s));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
-    SetLastError(kPoison);
-    EXPECT_FALSE(WTSEnumerateSessionsW(WTS_CURRENT_SERVER_HANDLE, 1, 1, &s));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
-    SetLastError(kPoison);
-    EXPECT_FALSE(WTSEnumerateSessionsW(WTS_CURRENT_SERVER_HANDLE, 0, 1, nullptr));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
-    SetLastError(kPoison);
-    EXPECT_FALSE(WTSQuerySessionInformationW(WTS_CURRENT_SERVER_HANDLE, WTS_CURRENT_SESSION,
-                                             WTSUserName, nullptr));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+    OVTEST_EXPECT_FAIL(WTSEnumerateSessionsW(WTS_CURRENT_SERVER_HANDLE, 0, 2, &s),
+                       ERROR_INVALID_PARAMETER);
+    OVTEST_EXPECT_FAIL(WTSEnumerateSessionsW(WTS_CURRENT_SERVER_HANDLE, 1, 1, &s),
+                       ERROR_INVALID_PARAMETER);
+    OVTEST_EXPECT_FAIL(WTSEnumerateSessionsW(WTS_CURRENT_SERVER_HANDLE, 0, 1, nullptr),
+                       ERROR_INVALID_PARAMETER);
+    OVTEST_EXPECT_FAIL(WTSQuerySessionInformationW(WTS_CURRENT_SERVER_HANDLE, WTS_CURRENT_SESSION,
+                                                   WTSUserName, nullptr),
+                       ERROR_INVALID_PARAMETER);
 }
 
 // What any machine says about the caller's own session: it is listed, in id
@@ -389,17 +366,15 @@ TEST_F(WtsSessions, ClientPrintersRoundTripInOrder) {
     EXPECT_EQ(back.printers.size(), 1u);
 }
 
-TEST_F(WtsSessions, ConsoleSessionIdComesFromTheMachine) {
-    OVTEST_EMBEDDED_ONLY("machine.conf switch console_session");
+TEST_F(WtsSessions, ConsoleSessionIdAndTableComeFromTheMachineRoot) {
+    OVTEST_EMBEDDED_ONLY("machine.conf switch console_session and the table per machine root");
     EXPECT_EQ(WTSGetActiveConsoleSessionId(), 0u);
     machine::SetSetting("console_session", "3");
     EXPECT_EQ(WTSGetActiveConsoleSessionId(), 3u);
     machine::SetSetting("console_session", "x");
     EXPECT_EQ(WTSGetActiveConsoleSessionId(), 0u);
-}
 
-TEST_F(WtsSessions, EachRootHasItsOwnTable) {
-    OVTEST_EMBEDDED_ONLY("the embedded session table per machine root");
+    // Each machine root has a table of its own.
     ASSERT_EQ(terminal::Logon(Remote(7, "erin")), ERROR_SUCCESS);
     const std::string other = ovtest::MakeTempDir("ovsvc-test-other-");
     machine::UseRoot(other);
@@ -472,13 +447,10 @@ TEST_F(WtsCurrentSession, ProcessIdsMapToSessions) {
     ASSERT_TRUE(ProcessIdToSessionId(GetCurrentProcessId(), &self));
     EXPECT_EQ(self, GetCurrentSessionId());
     DWORD id = 0xDEADBEEF;
-    SetLastError(0xDEADBEEF);
-    EXPECT_FALSE(ProcessIdToSessionId(0x7FFFFFF0, &id));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+    OVTEST_EXPECT_FAIL(ProcessIdToSessionId(0x7FFFFFF0, &id), ERROR_INVALID_PARAMETER);
     EXPECT_EQ(id, 0xDEADBEEF);
-    SetLastError(0xDEADBEEF);
-    EXPECT_FALSE(ProcessIdToSessionId(GetCurrentProcessId(), nullptr));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+    OVTEST_EXPECT_FAIL(ProcessIdToSessionId(GetCurrentProcessId(), nullptr),
+                       ERROR_INVALID_PARAMETER);
 }
 
 TEST_F(WtsCurrentSession, ProcessIdsOfOtherProcessesMapToTheirSessions) {
