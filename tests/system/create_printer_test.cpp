@@ -56,6 +56,7 @@ TEST_F(CreatePrinterTest, SessionsGetSharePrinterAndLoseItAtLogoff) {
     EXPECT_TRUE(printer->comment.starts_with(ovtest::kAutocreatedMarker));
     EXPECT_EQ(printer->location, u"5;");
     EXPECT_EQ(printer->portName, u"OVAS1:");
+    EXPECT_EQ(printer->attributes & platform::PRINTER_ATTRIBUTE_SHARED, 0u) << "not asked to share";
     EXPECT_EQ(ovtest::PrintingUsers(name), (std::vector<std::u16string>{u"OVDOMAIN\\ann"}));
 
     // The same client printer from another session shares the printer.
@@ -206,6 +207,12 @@ TEST_F(CreatePrinterTest, LogonsCreateTheSessionsPrintersAndLogoffsRemoveThem) {
     }
     EXPECT_EQ(ovtest::LocationIds(ovtest::ReadPrinter(u"ANN-PC:2#HP 4")->location),
               (std::vector<std::uint32_t>{4, 6}));
+    EXPECT_EQ(ovtest::PrintingUsers(u"BOB-PC:2#HP 4"),
+              (std::vector<std::u16string>{u"OVDOMAIN\\bob"}));
+    // A repair gives a live session's user his access back.
+    ASSERT_EQ(Ctl({"spool", "acl", "BOB-PC:2#HP 4"}).exit, 0);
+    EXPECT_TRUE(ovtest::PrintingUsers(u"BOB-PC:2#HP 4").empty());
+    EXPECT_EQ(Ctl({"call", "repair"}).exit, 0);
     EXPECT_EQ(ovtest::PrintingUsers(u"BOB-PC:2#HP 4"),
               (std::vector<std::u16string>{u"OVDOMAIN\\bob"}));
 

@@ -141,6 +141,8 @@ TEST_F(PrinterCacheTest, RepairDropsVanishedSessionsAndARestartKeepsTheRest) {
     ASSERT_TRUE(ovtest::AddAutocreatedPrinter(
         ovtest::PrinterSpec(u"Shared", {{3, kAnn}, {5, kBob}, {9, kBob}})));
     ASSERT_TRUE(ovtest::AddAutocreatedPrinter(ovtest::PrinterSpec(u"Gone", {{11, kAnn}})));
+    ASSERT_TRUE(ovtest::AddAutocreatedPrinter(ovtest::PrinterSpec(u"Pending", {{13, kAnn}})));
+    ASSERT_NE(ovtest::QueueJob(u"Pending", kAnn), 0u);
     ovtest::PrinterSpec garbage(u"Garbage", {{3, kAnn}});
     garbage.location = u"3;x;5;";
     garbage.locationGiven = true;
@@ -156,16 +158,20 @@ TEST_F(PrinterCacheTest, RepairDropsVanishedSessionsAndARestartKeepsTheRest) {
     const CtlResult before = Ctl({"call", "enum", "--raw"});
     EXPECT_NE(before.out.find("P6:SharedR1:3S1:3U0:S1:5U0:S1:9U0:"), std::string::npos)
         << before.out;
-    // Sessions 9 and 11 are gone (one change each); "Gone" and "Garbage"
-    // are left without sessions and deleted (one change each).
+    // Sessions 9, 11 and 13 are gone (one change each); "Gone" and
+    // "Garbage" are left without sessions and deleted, "Pending" keeps its
+    // queued job and stays (one change each).
     CtlResult r = Ctl({"call", "repair"});
-    EXPECT_NE(r.out.find("repair: result 4"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("repair: result 6"), std::string::npos) << r.out;
+    EXPECT_EQ(Ids(u"Pending"), (std::vector<std::uint32_t>{}));
     EXPECT_EQ(Ids(u"Shared"), (std::vector<std::uint32_t>{3, 5}));
     EXPECT_FALSE(ovtest::ReadPrinter(u"Gone"));
     EXPECT_FALSE(ovtest::ReadPrinter(u"Garbage"));
     EXPECT_NE(Trace().find("error in pLocation <3;x;5;>, abort parsing"), std::string::npos);
+    // Only the pending printer, still without sessions, counts again.
     r = Ctl({"call", "repair"});
-    EXPECT_NE(r.out.find("repair: result 0"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("repair: result 1"), std::string::npos) << r.out;
+    EXPECT_TRUE(ovtest::ReadPrinter(u"Pending"));
     service.Terminate();
     EXPECT_EQ(service.Wait(10s), 0);
 }
